@@ -1,7 +1,9 @@
 #include "apps/exo-sim/ews_service.h"
 
 #include <algorithm>
+#include <chrono>
 #include <set>
+#include <thread>
 
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/soap_format.h"
@@ -320,12 +322,15 @@ Sim_Reply Ews_Service::handle(const Ews_Request& request)
     return reply;
   }
   Mailbox_Slot slot(faults_, smtp);
+  // The added latency is spent holding the mailbox's concurrency slot, like a slow call would.
+  if (settings.latency_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(settings.latency_ms));
   if (faults_.roll("busy", settings.busy_rate)) {
     stats_.count("faults.busy");
     reply = soap_fault_reply("ErrorServerBusy", soap_code_text("ErrorServerBusy"),
                              {{"BackOffMilliseconds", std::to_string(settings.busy_backoff_ms)}});
   } else {
     reply = dispatch(call);
+    if (reply.status == 200) reply.code = "NoError";
   }
   reply.mailbox = smtp;
   reply.op = op_name;
