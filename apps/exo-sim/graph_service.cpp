@@ -1,6 +1,7 @@
 #include "apps/exo-sim/graph_service.h"
 
 #include <algorithm>
+#include <cctype>
 #include <ctime>
 #include <random>
 
@@ -137,13 +138,13 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   int top = 100;
   std::string search, skiptoken;
   bool has_search = false;
-  std::string query_key;  // the query without $skiptoken, to bind tokens to their query
+  std::vector<std::string> query_pairs;  // the query without $skiptoken, to bind tokens to their query
   std::vector<std::pair<std::string, std::string>> carried;
   for (const auto& kv : request.params) {
     std::string key = lower(kv.first);
     if (key != "$skiptoken") {
       carried.push_back(kv);
-      query_key += kv.first + "=" + kv.second + "&";
+      query_pairs.push_back(key + "=" + kv.second);
     }
     if (key == "$select") {
       for (const auto& s : split(kv.second, ",")) select.push_back(trim(s));
@@ -189,6 +190,9 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
       return error(400, "Request_BadRequest",
                    "Could not find a property named '" + s + "' on type 'microsoft.graph.user'.", crid);
 
+  std::sort(query_pairs.begin(), query_pairs.end());
+  std::string query_key;
+  for (const auto& p : query_pairs) query_key += p + "&";
   uint64_t bind = hash_text(query_key);
   long offset = 0;
   if (!skiptoken.empty()) {

@@ -367,10 +367,10 @@ Item_Meta Mailbox_Store::generated_meta(int m, int folder, int index, const Fold
   uint64_t s = mix64(h, 4);
   if (f.large)
     meta.size = int64_t(profile_.large_item_mib) * 1024 * 1024 + int64_t(s % 4096);
-  else if (s % 20 == 0)
+  else if (s % 32 == 0)
     meta.size = 64 * 1024 + int64_t((s >> 8) % (192 * 1024));
   else
-    meta.size = 600 + int64_t((s >> 8) % (24 * 1024));
+    meta.size = 600 + int64_t((s >> 8) % (16 * 1024));
   return meta;
 }
 

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -59,6 +60,7 @@ int main(int argc, char** argv)
   std::thread waiter([&server, stop_signals] {
     int sig = 0;
     sigwait(&stop_signals, &sig);
+    while (!server.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     server.stop();
   });
   waiter.detach();

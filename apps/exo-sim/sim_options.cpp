@@ -29,7 +29,7 @@ bool data_profile_preset(const std::string& name, Data_Profile& p)
   } else if (name == "small") {
     d.mailboxes = 5; d.depth = 2; d.fanout = 2; d.items = 12; d.large_items = 1; d.large_item_mib = 3;
   } else if (name == "demo") {
-    d.mailboxes = 5; d.depth = 2; d.fanout = 3; d.items = 25; d.large_items = 3; d.large_item_mib = 4;
+    d.mailboxes = 5; d.depth = 2; d.fanout = 3; d.items = 25; d.large_items = 2; d.large_item_mib = 2;
   } else if (name == "large") {
     d.mailboxes = 50; d.depth = 3; d.fanout = 3; d.items = 100; d.large_items = 3; d.large_item_mib = 6;
   } else {

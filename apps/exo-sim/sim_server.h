@@ -31,7 +31,10 @@ class Sim_Server {
   int bind();
   // Serves until stop(); call after bind().
   bool run();
+  // Stops a running server; a stop before run() has started serving is lost, so callers that
+  // may race with run() wait for is_running() first.
   void stop();
+  bool is_running() const { return server_.is_running(); }
 
   Mailbox_Store& store() { return *store_; }
   Sim_Stats& stats() { return stats_; }

@@ -395,6 +395,16 @@ TEST(ExoSimEnvelope, MalformedXmlAndUnknownOperationsGetFaults)
   std::string token = "Authorization: Bearer " + sim.token(k_ews_scope);
   expect_fault(sim.ews_raw("<soap:Envelope><unclosed>", {token}), "ErrorSchemaValidation");
   expect_fault(sim.ews_raw("", {token}), "ErrorSchemaValidation");
+  expect_fault(sim.ews_raw("<soap:Envelope xmlns:soap=\"https://schemas.xmlsoap.org/soap/envelope/\"><soap:Body>"
+                           "<m:FindFolder xmlns:m=\"http://schemas.microsoft.com/exchange/services/2006/messages\"/>"
+                           "</soap:Body></soap:Envelope>",
+                           {token}),
+               "ErrorSchemaValidation");
+  expect_fault(sim.ews_raw(soap_envelope(impersonation_header(k_admin), "just text"), {token}), "ErrorSchemaValidation");
+  expect_fault(sim.ews("<m:FindFolder Traversal=\"Deep\"><m:FolderShape><t:BaseShape>IdOnly</t:BaseShape>"
+                       "</m:FolderShape><m:IndexedPageFolderView MaxEntriesReturned=\"-1\" Offset=\"x\"/>"
+                       "<m:ParentFolderIds>" + distinguished("inbox") + "</m:ParentFolderIds></m:FindFolder>"),
+               "ErrorSchemaValidation");
   expect_fault(sim.ews("<m:GetItem><m:ItemShape/></m:GetItem>"), "ErrorInvalidRequest");
   expect_fault(sim.ews("<m:FindItem Traversal=\"Sideways\"/>"), "ErrorSchemaValidation");
   expect_fault(sim.ews("<m:ExportItems><m:ItemIds/></m:ExportItems>"), "ErrorSchemaValidation");

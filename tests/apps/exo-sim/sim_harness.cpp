@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
@@ -113,6 +114,7 @@ Sim_Fixture::Sim_Fixture(const exo_sim::Sim_Options& options)
   port_ = server_->bind();
   if (port_ <= 0) throw std::runtime_error("cannot bind");
   thread_ = std::thread([this] { server_->run(); });
+  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
 }
 
 Sim_Fixture::~Sim_Fixture()

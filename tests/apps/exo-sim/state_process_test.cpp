@@ -109,7 +109,8 @@ TEST(ExoSimState, SavedStateReloadsCreatedFoldersAndUploads)
     ASSERT_FALSE(folder.empty());
     generated = all_item_ids(sim, folder_id_by_name(sim, "Inbox"), 50).at(0);
     generated_data = export_data(sim, generated);
-    data = std::string("opaque \x00\x01 bytes not made by the simulator", 44);
+    static const char k_raw[] = "opaque \x00\x01 bytes not made by the simulator";
+    data = std::string(k_raw, sizeof k_raw - 1);
     Soap_Doc u;
     parse_soap(sim.ews("<m:UploadItems><m:Items>" + upload_item_xml(folder, exo_sim::base64_encode(data)) +
                        "</m:Items></m:UploadItems>")
