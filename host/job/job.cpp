@@ -27,9 +27,7 @@ Job::Job(Job_Definition_var definition)
     running_(false),
     done_(lock_)
 {
-  const std::string log_file = job_log_file(*definition_);
-  if (!log_file.empty())
-    log_callback_ = std::make_shared<Job_Log_Callback>(log_file);
+  log_callback_ = std::make_shared<Job_Log_Callback>(job_log_file(*definition_));
 }
 
 Job::~Job() {}
@@ -90,11 +88,8 @@ int Job::state_i(Job_State state)
 
 void Job::set_job_thread()
 {
-  if (log_callback_)
-  {
-    ACE_LOG_MSG->msg_callback(log_callback_.get());
-    ACE_LOG_MSG->set_flags(ACE_Log_Msg::MSG_CALLBACK);
-  }
+  ACE_LOG_MSG->msg_callback(log_callback_.get());
+  ACE_LOG_MSG->set_flags(ACE_Log_Msg::MSG_CALLBACK);
 }
 
 void Job::complete()
@@ -109,10 +104,9 @@ void Job::complete()
   done_.broadcast();
 }
 
-std::string Job::log_path() const
-{
-  return log_callback_ ? log_callback_->path() : std::string();
-}
+std::string Job::log_path() const { return log_callback_->path(); }
+
+std::string Job::last_error() const { return log_callback_->last_error(); }
 
 void Job::intrusive_add_ref(Job* job)
 {

@@ -59,9 +59,12 @@ public:
   void set_job_thread();
   // Called last in the job's thread: the run is over.
   void complete();
-  // Writes into the job's log file; empty when the agent keeps no job logs.
+  // Writes into the job's log file (when the agent keeps job logs).
   std::shared_ptr<ACE_Log_Msg_Callback> log_msg_callback() const { return log_callback_; }
+  // The job's log file; empty when the agent keeps no job logs.
   std::string log_path() const;
+  // The last error logged by the job's threads, without its source position.
+  std::string last_error() const;
 
   static void intrusive_add_ref(Job* job);
   static void intrusive_remove_ref(Job* job);
@@ -85,7 +88,7 @@ private:
 
   Job_Definition_var definition_;
   std::unique_ptr<Job_Activity_Handle> activity_;
-  std::shared_ptr<Job_Log_Callback> log_callback_;
+  std::shared_ptr<Job_Log_Callback> log_callback_;  // never null
   std::atomic<long> refcount_;
   std::atomic<bool> running_;
   ACE_Thread_Mutex lock_;

@@ -56,11 +56,12 @@ int Job_Event_Handler::handle_failure(int code, const char* format, ...)
     std::vsnprintf(text, sizeof(text), format, args);
     va_end(args);
   }
+  if (text[0] == '\0')
+    std::snprintf(text, sizeof(text), "%s", job_.last_error().c_str());
   Job_Activity& act = job_.activity();
   act.result = JOB_RESULT_FAILURE;
   act.code = code;
-  if (text[0] != '\0')
-    act.set_message(text);
+  act.set_message(text);
   act.last_run_time = ACE_OS::time();
   LOG_MSG(LM_ERROR, "Job '%s' failed (code %d)%s%s\n", job_.definition().id().c_str(), code,
           text[0] != '\0' ? ": " : ".", text);

@@ -20,7 +20,8 @@ public:
   // `percent` from 0 to 100; the figures are bytes done, bytes in all and items
   // done, 0 where unknown. Answers 0.
   virtual int handle_progress(int percent, ACE_UINT64 done, ACE_UINT64 total, ACE_UINT64 items);
-  // `format` (printf-style, may be null) describes the failure.
+  // `format` (printf-style) describes the failure; when it is null the last
+  // error the job logged stands for it.
   virtual int handle_failure(int code, const char* format, ...);
   virtual int handle_canceled();
 

@@ -11,6 +11,19 @@ Job_Log_Callback::Job_Log_Callback(const std::string& path)
 {
 }
 
+// Keeps the message without its "file:line: " prefix and final newline.
+void Job_Log_Callback::remember_error(const char* text)
+{
+  std::string message = text;
+  const size_t position_end = message.find(": ");
+  if (position_end != std::string::npos && message.find(':') < position_end)
+    message.erase(0, position_end + 2);
+  while (!message.empty() && message.back() == '\n')
+    message.pop_back();
+  ACE_Guard<ACE_Thread_Mutex> guard(lock_);
+  last_error_ = message;
+}
+
 Job_Log_Callback::~Job_Log_Callback()
 {
   if (file_ != nullptr)
@@ -22,9 +35,19 @@ void Job_Log_Callback::log(ACE_Log_Record& record)
   write(record.type(), record.msg_data());
 }
 
+std::string Job_Log_Callback::last_error() const
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(lock_);
+  return last_error_;
+}
+
 void Job_Log_Callback::write(unsigned long priority, const char* text)
 {
-  if (file_ == nullptr || text == nullptr)
+  if (text == nullptr)
+    return;
+  if (priority >= LM_ERROR)
+    remember_error(text);
+  if (file_ == nullptr)
     return;
   char stamp[32];
   const std::time_t now = std::time(nullptr);

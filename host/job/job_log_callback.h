@@ -7,8 +7,9 @@
 #include <string>
 
 // Appends log records to one job's log file, one line each:
-// "2026-11-23T01:02:03Z ERROR file:line: message". Thread-safe: the job thread
-// and the threads it starts may log at once.
+// "2026-11-23T01:02:03Z ERROR file:line: message", and remembers the last error.
+// With an empty path nothing is written but the last error is still kept.
+// Thread-safe: the job thread and the threads it starts may log at once.
 class Job_Log_Callback : public ACE_Log_Msg_Callback
 {
 public:
@@ -20,13 +21,20 @@ public:
   // Appends one line of `priority` (an ACE priority) directly.
   void write(unsigned long priority, const char* text);
 
+  // The text of the last error (LM_ERROR or worse) logged through this callback,
+  // without its source position: what a failed run reports as its reason.
+  std::string last_error() const;
+
   const std::string& path() const { return path_; }
   bool is_open() const { return file_ != nullptr; }
 
 private:
+  void remember_error(const char* text);
+
   std::string path_;
   FILE* file_;
-  ACE_Thread_Mutex lock_;
+  std::string last_error_;
+  mutable ACE_Thread_Mutex lock_;
 };
 
 #endif

@@ -49,7 +49,8 @@ int YAJL_Handler::parse(const char* text, size_t len)
   int result = 0;
   if (status == yajl_status_client_canceled)
   {
-    error_ = "rejected by the parser (error " + std::to_string(err_) + ")";
+    error_ = err_ != 0 ? "rejected by the parser (error " + std::to_string(err_) + ")"
+                       : std::string("rejected by the parser");
     result = -1;
   }
   else if (status != yajl_status_ok)

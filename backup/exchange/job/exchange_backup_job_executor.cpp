@@ -64,7 +64,10 @@ bool Exchange_Backup_Job_Executor::ews_backup()
   // The mailbox engine (EWS listing, export, backup-set stream and catalog
   // record) is not part of this build yet: the job fails and says so rather
   // than report a backup that did not happen.
+  size_t mailboxes = 0;
+  for (const auto& instance : entries_)
+    mailboxes += instance.second.size();
   LOG_MSG(LM_ERROR, "The EWS backup engine is not available in this build; %d mailbox(es) not backed up.\n",
-          static_cast<int>(entries_.size()));
+          static_cast<int>(mailboxes));
   return false;
 }
