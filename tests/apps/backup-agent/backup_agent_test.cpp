@@ -116,7 +116,8 @@ TEST_F(BackupAgent, BadInvocationsAndModulesAreReported)
 
 TEST_F(BackupAgent, RunJobReportsTheOutcomeAndKeepsAJobLog)
 {
-  const std::string config = write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\"}");
+  const std::string config = write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"log_file\": \"" +
+                                                     dir_ + "/agent.log\"}");
   Outcome run = agent("--config " + config + " run-job " EXAMPLES_DIR "/backup-job.json");
   // The mailbox engine is not in this build: the job must fail and say why.
   EXPECT_EQ(run.status, 2) << run.out;
@@ -128,5 +129,9 @@ TEST_F(BackupAgent, RunJobReportsTheOutcomeAndKeepsAJobLog)
   text << log.rdbuf();
   EXPECT_NE(text.str().find("Job 'demo-backup' started."), std::string::npos);
   EXPECT_NE(text.str().find("Job 'demo-backup' failed"), std::string::npos);
+  std::ifstream agent_log(dir_ + "/agent.log");
+  std::stringstream agent_text;
+  agent_text << agent_log.rdbuf();
+  EXPECT_NE(agent_text.str().find("The EWS backup engine is not available"), std::string::npos);
   EXPECT_EQ(::access((dir_ + "/state/activities/6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6d.act").c_str(), F_OK), 0);
 }
