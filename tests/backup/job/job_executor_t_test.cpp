@@ -2,22 +2,13 @@
 #include "test_executor.h"
 
 #include <cstdio>
+#include "support/plain_job.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace
 {
-// A job that is only a holder of a definition and an activity record.
-class Plain_Job : public Job
-{
-public:
-  explicit Plain_Job(Job_Definition_var def) : Job(def) {}
-
-protected:
-  int start_i(const Action_Options*) override { return 0; }
-  void* run_i(const Action_Options*) override { return nullptr; }
-};
-
 class JobExecutorTemplate : public ::testing::Test
 {
 protected:

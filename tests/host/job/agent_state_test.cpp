@@ -6,21 +6,13 @@
 #include "temp_dir.h"
 
 #include <fstream>
+#include "support/plain_job.h"
+
 #include <gtest/gtest.h>
 #include <sstream>
 
 namespace
 {
-class Plain_Job : public Job
-{
-public:
-  explicit Plain_Job(Job_Definition_var def) : Job(def) {}
-
-protected:
-  int start_i(const Action_Options*) override { return 0; }
-  void* run_i(const Action_Options*) override { return nullptr; }
-};
-
 std::string read_file(const std::string& path)
 {
   std::ifstream in(path);
@@ -82,10 +74,7 @@ TEST_F(AgentState, AlertsAreLoggedAndAppendedAsJsonLines)
 {
   Temp_Dir dir;
   Agent_Config::instance().state_dir(dir.path());
-  Job_Definition_var def(new Job_Definition());
-  def->id("nightly");
-  def->uid("6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6d");
-  Plain_Job job(def);
+  Plain_Job job(plain_definition());
 
   Log_Capture log;
   EXPECT_EQ(write_job_alert(&job, 7, 0x7000003050000006ULL, 0, nullptr), 0);
@@ -110,10 +99,7 @@ TEST_F(AgentState, JobLogsCarryTheJobsLinesAndItsLastError)
 {
   Temp_Dir dir;
   Agent_Config::instance().state_dir(dir.path());
-  Job_Definition_var def(new Job_Definition());
-  def->id("nightly");
-  def->uid("6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6d");
-  Plain_Job job(def);
+  Plain_Job job(plain_definition());
   ASSERT_EQ(job.log_path(), dir.path() + "/jobs/nightly.log");
 
   job.set_job_thread();

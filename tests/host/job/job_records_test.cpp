@@ -8,28 +8,12 @@
 #include "temp_dir.h"
 
 #include <fstream>
+#include "support/plain_job.h"
+
 #include <gtest/gtest.h>
 
 namespace
 {
-class Plain_Job : public Job
-{
-public:
-  explicit Plain_Job(Job_Definition_var def) : Job(def) {}
-
-protected:
-  int start_i(const Action_Options*) override { return 0; }
-  void* run_i(const Action_Options*) override { return nullptr; }
-};
-
-Job_Definition_var definition(const std::string& uid)
-{
-  Job_Definition_var def(new Job_Definition());
-  def->id("job");
-  def->uid(uid);
-  return def;
-}
-
 class JobRecords : public ::testing::Test
 {
 protected:
@@ -78,7 +62,7 @@ TEST_F(JobRecords, WithoutAStateFolderRecordsLiveInMemory)
 
 TEST_F(JobRecords, EventHandlerRecordsOutcomes)
 {
-  Plain_Job job(definition("6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6d"));
+  Plain_Job job(plain_definition());
   Job_Event_Handler handler(job);
   handler.handle_start_job();
   EXPECT_GT(job.activity().start_time, 0);
