@@ -1,5 +1,7 @@
 #include "apps/exo-sim/fault_injector.h"
 
+#include <limits>
+
 #include "apps/exo-sim/sim_hash.h"
 
 namespace exo_sim {
@@ -28,11 +30,14 @@ nlohmann::ordered_json fault_settings_to_json(const Fault_Settings& s)
 
 namespace {
 
+// Reads a non-negative number that fits T_ (rates are also capped at 1 by their callers' meaning).
 template <typename T_>
 bool read_number_T(const nlohmann::ordered_json& v, T_& out)
 {
   if (!v.is_number()) return false;
-  out = v.get<T_>();
+  double d = v.get<double>();
+  if (!(d >= 0) || d >= static_cast<double>(std::numeric_limits<T_>::max())) return false;
+  out = v.is_number_float() ? static_cast<T_>(d) : v.get<T_>();
   return true;
 }
 

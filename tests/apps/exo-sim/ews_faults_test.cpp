@@ -189,6 +189,8 @@ TEST(ExoSimControl, FaultSettingsAndCounters)
   Http_Result bad = set_faults(sim, {{"no_such_fault", 1}});
   EXPECT_EQ(bad.status, 400);
   EXPECT_EQ(set_faults(sim, {{"busy_rate", "high"}}).status, 400);
+  EXPECT_EQ(set_faults(sim, {{"latency_ms", -5}}).status, 400);
+  EXPECT_EQ(set_faults(sim, {{"latency_ms", 1e300}}).status, 400);
   EXPECT_EQ(http_request("POST", sim.base() + "/_sim/faults", "{", {}).status, 400);
   json current = json::parse(http_request("GET", sim.base() + "/_sim/faults", "", {}).body);
   EXPECT_EQ(current["busy_rate"], 0);
