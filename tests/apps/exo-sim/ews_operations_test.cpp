@@ -424,3 +424,53 @@ TEST(ExoSimEnvelope, BasicAuthAccountsUseTheirOwnMailbox)
   EXPECT_EQ(sim.ews_raw(envelope, {good}).status, 200);
   EXPECT_EQ(sim.ews_raw(envelope, {bad}).status, 401);
 }
+
+TEST(ExoSimUploadItems, UpdateActionsAndAssociatedItems)
+{
+  Sim_Fixture sim;
+  std::string drafts = folder_id_by_name(sim, "Drafts");
+  std::string inbox = folder_id_by_name(sim, "Inbox");
+  int before = int(all_item_ids(sim, drafts, 100).size());
+  auto upload = [&](const std::string& item_xml) {
+    Soap_Doc d;
+    parse_soap(sim.ews("<m:UploadItems><m:Items>" + item_xml + "</m:Items></m:UploadItems>").body, d);
+    auto msgs = d.all(M, "UploadItemsResponseMessage");
+    EXPECT_EQ(msgs.size(), 1u);
+    return std::make_pair(child_text(msgs.at(0), "ResponseCode"),
+                          std::string(msgs.at(0).child("m:ItemId").attribute("Id").value()));
+  };
+  auto first = upload(upload_item_xml(drafts, exo_sim::base64_encode("version one")));
+  ASSERT_EQ(first.first, "NoError");
+  // Update replaces the data of the same item in its folder.
+  std::string update = "<t:Item CreateAction=\"Update\"><t:ParentFolderId Id=\"" + drafts + "\"/><t:ItemId Id=\"" +
+                       first.second + "\"/><t:Data>" + exo_sim::base64_encode("version two") + "</t:Data></t:Item>";
+  auto updated = upload(update);
+  EXPECT_EQ(updated.first, "NoError");
+  EXPECT_EQ(updated.second, first.second);
+  EXPECT_EQ(export_one(sim, first.second), "version two");
+  // Update against another parent folder fails; UpdateOrCreate there creates a new item.
+  std::string wrong = update;
+  wrong.replace(wrong.find(drafts), drafts.size(), inbox);
+  EXPECT_EQ(upload(wrong).first, "ErrorItemNotFound");
+  std::string either = wrong;
+  either.replace(either.find("\"Update\""), 8, "\"UpdateOrCreate\"");
+  auto created = upload(either);
+  EXPECT_EQ(created.first, "NoError");
+  EXPECT_NE(created.second, first.second);
+  // CreateNew with an ItemId is refused.
+  std::string bad = update;
+  bad.replace(bad.find("\"Update\""), 8, "\"CreateNew\"");
+  EXPECT_EQ(upload(bad).first, "ErrorInvalidRequest");
+  EXPECT_EQ(int(all_item_ids(sim, drafts, 100).size()), before + 1);
+
+  // A folder-associated item shows only in the Associated traversal.
+  auto fai = upload("<t:Item CreateAction=\"CreateNew\" IsAssociated=\"true\"><t:ParentFolderId Id=\"" + drafts +
+                    "\"/><t:Data>" + exo_sim::base64_encode("view settings") + "</t:Data></t:Item>");
+  ASSERT_EQ(fai.first, "NoError");
+  EXPECT_EQ(int(all_item_ids(sim, drafts, 100).size()), before + 1);
+  Soap_Doc assoc;
+  parse_soap(sim.ews(find_item_body(folder_id(drafts), 0, 10, "IdOnly", "Associated")).body, assoc);
+  auto ids = assoc.all(T, "ItemId");
+  ASSERT_EQ(ids.size(), 1u);
+  EXPECT_EQ(std::string(ids[0].attribute("Id").value()), fai.second);
+}
