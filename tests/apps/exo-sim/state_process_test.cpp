@@ -21,17 +21,20 @@ using json = nlohmann::ordered_json;
 
 namespace {
 
-std::string temp_dir()
-{
-  char tmpl[] = "/tmp/exo-sim-test-XXXXXX";
-  const char* dir = mkdtemp(tmpl);
-  return dir ? dir : "";
-}
-
-void remove_tree(const std::string& dir)
-{
-  if (dir.rfind("/tmp/exo-sim-test-", 0) == 0) std::system(("rm -rf '" + dir + "'").c_str());
-}
+// A fresh directory under /tmp, removed with its contents when the test ends (also on failure).
+struct Temp_Dir {
+  std::string path;
+  Temp_Dir()
+  {
+    char tmpl[] = "/tmp/exo-sim-test-XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    path = dir ? dir : "";
+  }
+  ~Temp_Dir()
+  {
+    if (path.rfind("/tmp/exo-sim-test-", 0) == 0) std::system(("rm -rf '" + path + "'").c_str());
+  }
+};
 
 std::string export_data(Sim_Fixture& sim, const std::string& id)
 {
@@ -95,7 +98,8 @@ struct Child {
 
 TEST(ExoSimState, SavedStateReloadsCreatedFoldersAndUploads)
 {
-  std::string dir = temp_dir();
+  Temp_Dir temp;
+  const std::string& dir = temp.path;
   ASSERT_FALSE(dir.empty());
   exo_sim::Sim_Options o = tiny_options();
   o.seed = 4242;
@@ -143,12 +147,12 @@ TEST(ExoSimState, SavedStateReloadsCreatedFoldersAndUploads)
                u);
     EXPECT_NE(std::string(u.first(M, "ItemId").attribute("Id").value()), item);
   }
-  remove_tree(dir);
 }
 
 TEST(ExoSimState, DamagedStateIsRefused)
 {
-  std::string dir = temp_dir();
+  Temp_Dir temp;
+  const std::string& dir = temp.path;
   ASSERT_FALSE(dir.empty());
   std::ofstream(dir + "/state.json") << "{\"format\": 1, \"seed\": ";
   exo_sim::Sim_Options o = tiny_options();
@@ -160,12 +164,12 @@ TEST(ExoSimState, DamagedStateIsRefused)
   exo_sim::Sim_Options none = tiny_options();
   exo_sim::Sim_Server no_dir(none, nullptr);
   EXPECT_FALSE(no_dir.save_state(error)) << "saving needs a state directory";
-  remove_tree(dir);
 }
 
 TEST(ExoSimProgram, PrintsPortServesAndStopsCleanlyOnSigterm)
 {
-  std::string dir = temp_dir();
+  Temp_Dir temp;
+  const std::string& dir = temp.path;
   ASSERT_FALSE(dir.empty());
   Child child;
   ASSERT_TRUE(child.start({"--port", "0", "--profile", "tiny", "--state-dir", dir, "--request-log", dir + "/log"}));
@@ -199,7 +203,6 @@ TEST(ExoSimProgram, PrintsPortServesAndStopsCleanlyOnSigterm)
   EXPECT_EQ(lines, 2);
   EXPECT_EQ(all.find(k_client_secret), std::string::npos);
   EXPECT_EQ(all.find(json::parse(token.body)["access_token"].get<std::string>()), std::string::npos);
-  remove_tree(dir);
 }
 
 TEST(ExoSimProgram, RejectsUnknownOptions)
