@@ -1,0 +1,43 @@
+#include "apps/backup-agent/agent_options.h"
+
+#include <cstdlib>
+
+#ifndef EXCHANGE_MODULE_DEFAULT_PATH
+#define EXCHANGE_MODULE_DEFAULT_PATH "/usr/lib/backup-agent/libexchange.so"
+#endif
+
+bool Agent_Options::parse(int argc, char** argv, std::string& error)
+{
+  const char* env_module = std::getenv("EXCHANGE_MODULE_PATH");
+  module_path = env_module != nullptr ? env_module : EXCHANGE_MODULE_DEFAULT_PATH;
+  int i = 1;
+  for (; i < argc && argv[i][0] == '-'; ++i)
+  {
+    const std::string arg = argv[i];
+    if ((arg == "--config" || arg == "--module") && i + 1 < argc)
+      (arg == "--config" ? config_path : module_path) = argv[++i];
+    else if (arg == "--verbose" || arg == "-v")
+      verbose = true;
+    else
+    {
+      error = "unknown option " + arg;
+      return false;
+    }
+  }
+  if (i >= argc)
+  {
+    error = "no command given";
+    return false;
+  }
+  command = argv[i++];
+  args.assign(argv + i, argv + argc);
+  return true;
+}
+
+const char* Agent_Options::usage()
+{
+  return "usage: backup-agent [--config FILE] [--module PATH] [--verbose] COMMAND [ARGS...]\n"
+         "commands:\n"
+         "  check-job FILE   read a job definition through the module and print what it understood\n"
+         "  run-job FILE     run a backup or restore job definition and wait for its outcome\n";
+}

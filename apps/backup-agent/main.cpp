@@ -1,0 +1,60 @@
+// backup-agent: the host agent. Loads the Exchange module at run time through
+// its exported factory pairs and runs its jobs.
+
+#include "apps/backup-agent/agent_options.h"
+#include "apps/backup-agent/check_job_command.h"
+#include "apps/backup-agent/module_host.h"
+#include "apps/backup-agent/run_job_command.h"
+#include "host/job/agent_config.h"
+
+#include <ace/Log_Msg.h>
+#include <iostream>
+
+namespace
+{
+void set_up_logging(bool verbose)
+{
+  u_long mask = LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY;
+  if (verbose)
+    mask |= LM_DEBUG | LM_TRACE;
+  ACE_LOG_MSG->priority_mask(mask, ACE_Log_Msg::PROCESS);
+}
+}  // namespace
+
+int main(int argc, char** argv)
+{
+  Agent_Options options;
+  std::string error;
+  if (!options.parse(argc, argv, error))
+  {
+    std::cerr << "backup-agent: " << error << "\n" << Agent_Options::usage();
+    return 64;
+  }
+  set_up_logging(options.verbose);
+  if (!options.config_path.empty() && !Agent_Config::instance().load_file(options.config_path, error))
+  {
+    std::cerr << "backup-agent: " << error << "\n";
+    return 1;
+  }
+
+  const bool job_command = options.command == "check-job" || options.command == "run-job";
+  if (!job_command)
+  {
+    std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();
+    return 64;
+  }
+  if (options.args.size() != 1)
+  {
+    std::cerr << "backup-agent: " << options.command << " takes one job definition file\n";
+    return 64;
+  }
+  Module_Host module;
+  if (!module.load(options.module_path))
+  {
+    std::cerr << "backup-agent: " << module.error() << "\n";
+    return 1;
+  }
+  if (options.command == "check-job")
+    return Check_Job_Command(module).run(options.args[0], std::cout, std::cerr);
+  return Run_Job_Command(module).run(options.args[0], std::cout, std::cerr);
+}

@@ -1,0 +1,70 @@
+#include "backup/exchange/job/exchange_restore_job_options_parser.h"
+
+#include "backup/exchange/job/module_exports.h"
+
+
+namespace
+{
+enum Restore_Option_Key : unsigned int
+{
+  KEY_RELOCATION = 1,
+  KEY_AUTO_MOUNT = 2,
+  KEY_IS_OFFICE365 = 4,
+  KEY_OVERWRITE = 8,
+  KEY_CHANNELS = 16,
+};
+}  // namespace
+
+const Key2_Value_T<unsigned int> Exchange_Restore_Job_Options_Parser::key_table_1[] = {
+  {"relocation", 10, KEY_RELOCATION},
+  {"auto_mount", 10, KEY_AUTO_MOUNT},
+  {"is_office365", 12, KEY_IS_OFFICE365},
+  {"overwrite", 9, KEY_OVERWRITE},
+  {"channels", 8, KEY_CHANNELS},
+  {nullptr, 0, 0},
+};
+
+Exchange_Restore_Job_Options_Parser::Exchange_Restore_Job_Options_Parser()
+  : Exchange_Options_Parser_T<Exchange_Restore_Job_Options>(key_table_1)
+{
+}
+
+bool Exchange_Restore_Job_Options_Parser::handle_boolean_i(bool value)
+{
+  unsigned int key = 0;
+  if (!value_key(key))
+    return false;
+  switch (key)
+  {
+    case KEY_AUTO_MOUNT: options()->auto_mount(value); break;
+    case KEY_IS_OFFICE365: options()->is_office365_ = value; break;
+    case KEY_OVERWRITE: options()->overwrite(value); break;
+    default: break;  // unknown key, or a key of another JSON type
+  }
+  seen(key);
+  return true;
+}
+
+bool Exchange_Restore_Job_Options_Parser::handle_number_i(const char* text, size_t len)
+{
+  unsigned int key = 0;
+  if (!value_key(key))
+    return false;
+  const bool ok = key != KEY_CHANNELS || read_json_count(text, len, options()->channels_);
+  if (ok)
+    seen(key);
+  return ok;
+}
+
+bool Exchange_Restore_Job_Options_Parser::handle_string_i(const char* text, size_t len)
+{
+  unsigned int key = 0;
+  if (!value_key(key))
+    return false;
+  if (key == KEY_RELOCATION)
+    options()->relocation(std::string(text, len));
+  seen(key);
+  return true;
+}
+
+EXCHANGE_PARSER_CREATOR_EXPORTS(Exchange_Restore_Job_Options_Parser_Creator, Exchange_Restore_Job_Options_Parser)
