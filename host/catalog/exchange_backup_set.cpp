@@ -137,7 +137,7 @@ bool Exchange_Backup_Set::from_json(const nlohmann::ordered_json& value, std::st
   r.integer("channels", set.channels);
   r.text("definition_name", set.definition_name);
   r.text("definition_uid", set.definition_uid);
-  r.integer("subtype", set.subtype);
+  r.text("subtype", set.subtype);
   r.texts("files", set.files);
   r.texts("catalogs", set.catalogs);
   r.texts("index_files", set.index_files);

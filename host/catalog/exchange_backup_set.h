@@ -28,7 +28,7 @@ struct Exchange_Backup_Set
   int channels = 1;
   std::string definition_name;
   std::string definition_uid;
-  int subtype = 0;
+  std::string subtype;
   std::vector<std::string> files;             // the stream's data files
   std::vector<std::string> catalogs;          // the stream's catalog files
   std::vector<std::string> index_files;       // the mailbox index files

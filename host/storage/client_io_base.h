@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/storage/compression_method.h"
+#include "host/job/compression.h"
 #include "host/storage/rate_controller.h"
 
 // A storage client on one pool location: objects are stored, read, listed and
