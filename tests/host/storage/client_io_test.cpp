@@ -303,3 +303,30 @@ TEST(Http_Client, RefusesPlainHttpBeyondLoopbackAndUnsafeHeaders)
   o.set_extra_option("X-Bad", "a\r\nX-Injected: 1");
   EXPECT_FALSE(io.open("http://127.0.0.1:1/d2/storage/p", o));
 }
+
+TEST_F(Http_Client_Test, StreamedWriteIsSentAgainFromTheResumptionBuffer)
+{
+  Client_IO_Base::Options o = options();
+  o.max_seconds_retry = 30;
+  o.resumption_buffer_size = 64 * MiB;
+  Client_IO_Ex io;
+  ASSERT_TRUE(io.open(backupd_.pool_url("pool-a"), o));
+  ASSERT_TRUE(io.open_write("resumed", true));
+  std::vector<char> buf(1 * MiB);
+  Test_Data data(11);
+  for (int i = 0; i < 4; ++i)
+  {
+    data.fill(buf.data(), buf.size());
+    ASSERT_TRUE(io.write(buf.data(), buf.size())) << io.last_error();
+  }
+  int port = backupd_.port();
+  backupd_.kill_hard();
+  ASSERT_TRUE(backupd_.start(port));
+  for (int i = 0; i < 4; ++i)
+  {
+    data.fill(buf.data(), buf.size());
+    ASSERT_TRUE(io.write(buf.data(), buf.size())) << io.last_error();
+  }
+  ASSERT_TRUE(io.close_write()) << io.last_error();
+  EXPECT_TRUE(read_generated(io, "resumed", 11, 8 * MiB));
+}
