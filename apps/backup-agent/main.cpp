@@ -8,6 +8,7 @@
 #include "host/job/agent_config.h"
 
 #include <ace/Log_Msg.h>
+#include <fstream>
 #include <iostream>
 
 namespace
@@ -18,6 +19,19 @@ void set_up_logging(bool verbose)
   if (verbose)
     mask |= LM_DEBUG | LM_TRACE;
   ACE_LOG_MSG->priority_mask(mask, ACE_Log_Msg::PROCESS);
+}
+
+// Sends the agent's log lines to its log file as well as to standard error.
+bool open_log_file(const std::string& path, std::ofstream& file)
+{
+  if (path.empty())
+    return true;
+  file.open(path, std::ios::app);
+  if (!file)
+    return false;
+  ACE_LOG_MSG->msg_ostream(&file, false);
+  ACE_LOG_MSG->set_flags(ACE_Log_Msg::OSTREAM | ACE_Log_Msg::VERBOSE_LITE);
+  return true;
 }
 }  // namespace
 
@@ -34,6 +48,13 @@ int main(int argc, char** argv)
   if (!options.config_path.empty() && !Agent_Config::instance().load_file(options.config_path, error))
   {
     std::cerr << "backup-agent: " << error << "\n";
+    return 1;
+  }
+
+  std::ofstream log_file;
+  if (!open_log_file(Agent_Config::instance().log_file(), log_file))
+  {
+    std::cerr << "backup-agent: cannot open the log file " << Agent_Config::instance().log_file() << "\n";
     return 1;
   }
 

@@ -33,8 +33,9 @@ bool is_kept(unsigned char c, unsigned int flags)
       return (flags & k.flag) != 0;
   return false;
 }
+}  // namespace
 
-int hex_value(char c)
+int hex_digit_value(char c)
 {
   if (c >= '0' && c <= '9')
     return c - '0';
@@ -44,7 +45,6 @@ int hex_value(char c)
     return c - 'A' + 10;
   return -1;
 }
-}  // namespace
 
 bool http_encode_string(const char* text, size_t len, unsigned int flags, std::string& out)
 {
@@ -87,8 +87,8 @@ bool http_decode_string(const char* begin, const char* end, unsigned int flags, 
   {
     if (*p == '%')
     {
-      const int high = (end - p > 2) ? hex_value(p[1]) : -1;
-      const int low = (high >= 0) ? hex_value(p[2]) : -1;
+      const int high = (end - p > 2) ? hex_digit_value(p[1]) : -1;
+      const int low = (high >= 0) ? hex_digit_value(p[2]) : -1;
       if (low < 0)
         return false;
       out.push_back(static_cast<char>((high << 4) | low));

@@ -50,4 +50,7 @@ bool http_encode_string(const std::string& text, unsigned int flags, std::string
 bool http_decode_string(const char* begin, const char* end, unsigned int flags, std::string& out);
 bool http_decode_string(const std::string& text, unsigned int flags, std::string& out);
 
+// The value of a hexadecimal digit (either case), or -1.
+int hex_digit_value(char c);
+
 #endif

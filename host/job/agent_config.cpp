@@ -1,9 +1,9 @@
 #include "host/job/agent_config.h"
 
+#include "host/job/text_file.h"
+
 #include <ace/Guard_T.h>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 namespace
 {
@@ -39,15 +39,13 @@ Agent_Config& Agent_Config::instance()
 
 bool Agent_Config::load_file(const std::string& path, std::string& error)
 {
-  std::ifstream in(path);
-  if (!in)
+  std::string text;
+  if (!read_text_file(path, text))
   {
     error = "cannot open the agent configuration " + path;
     return false;
   }
-  std::stringstream text;
-  text << in.rdbuf();
-  return load_text(text.str(), error);
+  return load_text(text, error);
 }
 
 bool Agent_Config::load_text(const std::string& text, std::string& error)

@@ -7,13 +7,7 @@
 int Default_Backup_Job_Source::generate(yajl_gen g)
 {
   yajl_gen_map_open(g);
-  gen_json_key(g, "id");
-  gen_json_string(g, id());
-  if (!name().empty())
-  {
-    gen_json_key(g, "name");
-    gen_json_string(g, name());
-  }
+  generate_identity(g);
   gen_json_key(g, "entries");
   yajl_gen_array_open(g);
   for (const std::string& e : entries_)

@@ -1,10 +1,9 @@
 #include "host/job/job_definition_reader.h"
 
 #include "host/job/log.h"
+#include "host/job/text_file.h"
 
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 namespace
 {
@@ -189,15 +188,13 @@ Job_Definition_Reader::Job_Definition_Reader(const Creators& creators) : creator
 
 bool Job_Definition_Reader::read_file(const std::string& path, Job_Definition_var& out)
 {
-  std::ifstream in(path);
-  if (!in)
+  std::string text;
+  if (!read_text_file(path, text))
   {
     error_ = "cannot open " + path;
     return false;
   }
-  std::stringstream text;
-  text << in.rdbuf();
-  return read_text(text.str(), out);
+  return read_text(text, out);
 }
 
 bool Job_Definition_Reader::read_text(const std::string& text, Job_Definition_var& out)

@@ -16,6 +16,9 @@ public:
   // Writes one JSON object into `g`; 0 on success.
   virtual int generate(yajl_gen g) = 0;
 
+  // Writes the "id" key and, when there is a name, the "name" key into an open map.
+  void generate_identity(yajl_gen g) const;
+
   const std::string& id() const { return id_; }
   void id(const std::string& v) { id_ = v; }
   const std::string& name() const { return name_; }

@@ -1,21 +1,12 @@
 #include "host/job/uuid.h"
 
+#include "host/http/http_encoding.h"
+
 #include <cstring>
 #include <random>
 
 namespace
 {
-int hex_digit(char c)
-{
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
-
 bool is_dash_position(size_t i) { return i == 8 || i == 13 || i == 18 || i == 23; }
 }  // namespace
 
@@ -34,8 +25,8 @@ int uuid_string_to_binary(const char* text, unsigned char* out)
         return -1;
       continue;
     }
-    const int high = hex_digit(text[i]);
-    const int low = hex_digit(text[++i]);
+    const int high = hex_digit_value(text[i]);
+    const int low = hex_digit_value(text[++i]);
     if (high < 0 || low < 0 || is_dash_position(i))
       return -1;
     bytes[n++] = static_cast<unsigned char>((high << 4) | low);

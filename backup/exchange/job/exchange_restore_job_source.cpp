@@ -5,13 +5,7 @@
 int Exchange_Restore_Job_Source::generate(yajl_gen g)
 {
   yajl_gen_map_open(g);
-  gen_json_key(g, "id");
-  gen_json_string(g, id());
-  if (!name().empty())
-  {
-    gen_json_key(g, "name");
-    gen_json_string(g, name());
-  }
+  generate_identity(g);
   gen_json_key(g, "catalog_id");
   gen_json_string(g, catalog_id_);
   gen_json_key(g, "original");

@@ -1,0 +1,9 @@
+#ifndef HOST_JOB_TEXT_FILE_H
+#define HOST_JOB_TEXT_FILE_H
+
+#include <string>
+
+// Reads a whole file into `out`; false when it cannot be opened or read.
+bool read_text_file(const std::string& path, std::string& out);
+
+#endif
