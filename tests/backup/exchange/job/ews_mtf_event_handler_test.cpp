@@ -6,19 +6,10 @@
 #include "host/job/job.h"
 #include "host/job/job_definition.h"
 #include "host/job/job_types.h"
+#include "support/plain_job.h"
 
 namespace
 {
-class Idle_Job : public Job
-{
-public:
-  Idle_Job() : Job(Job_Definition_var(new Job_Definition)) {}
-
-protected:
-  int start_i(const Action_Options*) override { return 0; }
-  void* run_i(const Action_Options*) override { return nullptr; }
-};
-
 // Records what reaches the job's handler and answers with a chosen value.
 class Recording_Handler : public Job_Event_Handler
 {
@@ -38,7 +29,7 @@ public:
 
 TEST(EWS_MTF_Event_Handler, ForwardsThePercentageAloneAndReturnsTheAnswer)
 {
-  Idle_Job job;
+  Plain_Job job(plain_definition());
   Recording_Handler handler(job);
   EWS_MTF_Event_Handler bridge(handler, job.activity(), MTF::Event_Handler::PRM_FILE_COUNT);
   EXPECT_EQ(bridge.progress_report_mode(), MTF::Event_Handler::PRM_FILE_COUNT);
@@ -58,7 +49,7 @@ TEST(EWS_MTF_Event_Handler, ForwardsThePercentageAloneAndReturnsTheAnswer)
 
 TEST(EWS_MTF_Event_Handler, CancelsExactlyInTheCancelingState)
 {
-  Idle_Job job;
+  Plain_Job job(plain_definition());
   Recording_Handler handler(job);
   EWS_MTF_Event_Handler bridge(handler, job.activity(), MTF::Event_Handler::PRM_FILE_SIZE);
   Job_Activity& act = job.activity();
