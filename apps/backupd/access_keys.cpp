@@ -1,0 +1,53 @@
+#include "apps/backupd/access_keys.h"
+
+#include <fstream>
+#include <sys/stat.h>
+
+#include "host/job/log.h"
+
+static std::string trim(const std::string& s)
+{
+  size_t b = s.find_first_not_of(" \t\r");
+  size_t e = s.find_last_not_of(" \t\r");
+  return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
+}
+
+bool Access_Keys::load(const std::string& path, std::string& error)
+{
+  std::ifstream in(path);
+  if (!in)
+  {
+    error = "cannot read the access key file " + path;
+    return false;
+  }
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && (st.st_mode & 077) != 0)
+    LOG_MSG(LM_WARNING, "The access key file %s is readable by others than its owner\n", path.c_str());
+  keys_.clear();
+  std::string line;
+  while (std::getline(in, line))
+  {
+    line = trim(line);
+    if (!line.empty() && line[0] != '#')
+      keys_.push_back(line);
+  }
+  if (keys_.empty())
+  {
+    error = "the access key file " + path + " holds no key";
+    return false;
+  }
+  return true;
+}
+
+bool Access_Keys::accepts(const std::string& key) const
+{
+  bool found = false;
+  for (const std::string& k : keys_)
+  {
+    unsigned char diff = k.size() == key.size() ? 0 : 1;
+    for (size_t i = 0; i < key.size(); ++i)
+      diff |= static_cast<unsigned char>(key[i] ^ k[i % k.size()]);
+    found |= diff == 0;
+  }
+  return found;
+}

@@ -1,0 +1,330 @@
+#include "apps/backupd/backupd_server.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+#include "host/catalog/exchange_backup_set.h"
+#include "host/job/log.h"
+#include "host/storage/http_head.h"
+#include "host/storage/object_writer.h"
+#include "host/storage/storage_name.h"
+
+static const char SETS_RESOURCE[] = "/d2/r/v2/sets/restore/sets";
+
+static void answer_error(httplib::Response& res, int status, const std::string& text)
+{
+  res.status = status;
+  nlohmann::ordered_json body;
+  body["error"] = text;
+  res.set_content(body.dump(), "application/json");
+}
+
+static void answer_json(httplib::Response& res, int status, const nlohmann::ordered_json& body)
+{
+  res.status = status;
+  res.set_content(body.dump(), "application/json");
+}
+
+// HTTP status for an Object_Directory result.
+static int status_of(int err)
+{
+  switch (err)
+  {
+  case EINVAL:
+    return 400;
+  case ENOENT:
+  case ENOTDIR:
+    return 404;
+  case EEXIST:
+    return 412;
+  case ENOSPC:
+  case EDQUOT:
+    return 507;
+  default:
+    return 500;
+  }
+}
+
+Backupd_Server::Backupd_Server(const std::string& data_dir, Catalog_DB& catalog, const Access_Keys& keys,
+                               int threads)
+    : data_dir_(data_dir), catalog_(catalog), keys_(keys), threads_(threads)
+{
+  install_routes();
+}
+
+std::string Backupd_Server::pool_root(const std::string& data_dir, const std::string& pool_uuid)
+{
+  return data_dir + "/pools/" + pool_uuid;
+}
+
+bool Backupd_Server::bind(const std::string& host, int port, int& bound_port)
+{
+  if (port == 0)
+    bound_port = server_.bind_to_any_port(host.c_str());
+  else
+    bound_port = server_.bind_to_port(host.c_str(), port) ? port : -1;
+  return bound_port > 0;
+}
+
+bool Backupd_Server::run()
+{
+  return server_.listen_after_bind();
+}
+
+void Backupd_Server::stop()
+{
+  server_.stop();
+}
+
+bool Backupd_Server::authorised(const httplib::Request& req, httplib::Response& res) const
+{
+  const char* header = http_head_string(HTTP_HEAD_ACCESS_KEY, 0, "");
+  if (req.has_header(header) && keys_.accepts(req.get_header_value(header)))
+    return true;
+  // The body of a refused upload is never read; closing the connection keeps its
+  // bytes from being taken for a next request.
+  res.set_header("Connection", "close");
+  answer_error(res, 401, "missing or wrong access key");
+  return false;
+}
+
+void Backupd_Server::install_routes()
+{
+  int threads = threads_;
+  server_.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
+  // A backup stream may pause between blocks while it waits for its source.
+  server_.set_read_timeout(300, 0);
+  server_.set_write_timeout(300, 0);
+  server_.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+    return authorised(req, res) ? httplib::Server::HandlerResponse::Unhandled
+                                : httplib::Server::HandlerResponse::Handled;
+  });
+  server_.Get(SETS_RESOURCE, [this](const httplib::Request& req, httplib::Response& res) { get_sets(req, res); });
+  server_.Post(SETS_RESOURCE, [this](const httplib::Request& req, httplib::Response& res) { post_set(req, res); });
+  server_.Get("/d2/r/v2/pools", [this](const httplib::Request& req, httplib::Response& res) { list_pools(req, res); });
+  server_.Get("/d2/r/v2/pools/([^/]+)",
+              [this](const httplib::Request& req, httplib::Response& res) { get_pool(req, res); });
+  server_.Get("/d2/storage/([^/]+)/?",
+              [this](const httplib::Request& req, httplib::Response& res) { list_objects(req, res); });
+  server_.Get("/d2/storage/([^/]+)/(.+)",
+              [this](const httplib::Request& req, httplib::Response& res) { get_object(req, res); });
+  server_.Put("/d2/storage/([^/]+)/(.+)",
+              [this](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader) {
+                put_object(req, res, reader);
+              });
+  server_.Delete("/d2/storage/([^/]+)/(.+)",
+                 [this](const httplib::Request& req, httplib::Response& res) { delete_object(req, res); });
+}
+
+void Backupd_Server::get_sets(const httplib::Request& req, httplib::Response& res)
+{
+  Catalog_Query query;
+  std::string error;
+  std::multimap<std::string, std::string> params(req.params.begin(), req.params.end());
+  if (!query.parse(params, error))
+    return answer_error(res, 400, error);
+  nlohmann::ordered_json answer;
+  if (!catalog_.query_sets(query, answer, error))
+  {
+    LOG_MSG(LM_ERROR, "Failed to query the catalog: %s\n", error.c_str());
+    return answer_error(res, 500, "catalog query failed");
+  }
+  answer_json(res, 200, answer);
+}
+
+void Backupd_Server::post_set(const httplib::Request& req, httplib::Response& res)
+{
+  nlohmann::ordered_json record = nlohmann::ordered_json::parse(req.body, nullptr, false);
+  Exchange_Backup_Set set;
+  std::string error;
+  if (record.is_discarded())
+    return answer_error(res, 400, "the record is not JSON");
+  if (!set.from_json(record, error))
+    return answer_error(res, 400, "invalid record: " + error);
+  if (set.uuid.empty() || set.module.empty())
+    return answer_error(res, 400, "invalid record: \"uuid\" and \"module\" must not be empty");
+  nlohmann::ordered_json answer;
+  answer["uuid"] = set.uuid;
+  switch (catalog_.commit_set(record, error))
+  {
+  case Catalog_DB::COMMIT_CREATED:
+    answer["created"] = true;
+    return answer_json(res, 201, answer);
+  case Catalog_DB::COMMIT_EXISTS:
+    answer["created"] = false;
+    return answer_json(res, 200, answer);
+  case Catalog_DB::COMMIT_CONFLICT:
+    return answer_error(res, 409, "another record was committed under uuid " + set.uuid);
+  case Catalog_DB::COMMIT_FAILED:
+    break;
+  }
+  LOG_MSG(LM_ERROR, "Failed to commit catalog record %s: %s\n", set.uuid.c_str(), error.c_str());
+  answer_error(res, 500, "catalog commit failed");
+}
+
+// A pool's answer; a pool without a URL of its own is served here.
+static nlohmann::ordered_json pool_json(const Catalog_DB::Pool& pool, const httplib::Request& req)
+{
+  nlohmann::ordered_json value;
+  value["uuid"] = pool.uuid;
+  value["name"] = pool.name;
+  value["host_uuid"] = pool.host_uuid;
+  value["url"] = pool.url.empty() ? "http://" + req.get_header_value("Host") + "/d2/storage/" + pool.uuid : pool.url;
+  value["settings"] = pool.settings;
+  return value;
+}
+
+void Backupd_Server::get_pool(const httplib::Request& req, httplib::Response& res)
+{
+  Catalog_DB::Pool pool;
+  std::string error;
+  if (!catalog_.get_pool(req.matches[1], pool, error))
+    return error.empty() ? answer_error(res, 404, "no such pool") : answer_error(res, 500, "catalog read failed");
+  std::string access = req.has_param("access") ? req.get_param_value("access") : "read";
+  if (access != "read" && access != "write")
+    return answer_error(res, 400, "access must be read or write");
+  if (access == "write" && pool.settings.value("read_only", false))
+    return answer_error(res, 403, "the pool is read-only");
+  std::string device = req.get_param_value("device_uuid");
+  std::string pool_device = pool.settings.value("device_uuid", std::string());
+  if (!device.empty() && !pool_device.empty() && device != pool_device)
+    return answer_error(res, 404, "the pool has no such device");
+  answer_json(res, 200, pool_json(pool, req));
+}
+
+void Backupd_Server::list_pools(const httplib::Request& req, httplib::Response& res)
+{
+  std::vector<Catalog_DB::Pool> pools;
+  std::string error;
+  if (!catalog_.list_pools(pools, error))
+    return answer_error(res, 500, "catalog read failed");
+  nlohmann::ordered_json answer;
+  answer["pools"] = nlohmann::ordered_json::array();
+  for (const auto& pool : pools)
+    answer["pools"].push_back(pool_json(pool, req));
+  answer_json(res, 200, answer);
+}
+
+std::shared_ptr<Object_Directory> Backupd_Server::pool_directory(const std::string& uuid, httplib::Response& res,
+                                                                 Catalog_DB::Pool* pool_out)
+{
+  Catalog_DB::Pool pool;
+  std::string error;
+  // Pools may be added by "backupd pool add" while the server runs: ask the
+  // catalog every time, which also sees a pool's current settings.
+  if (!catalog_.get_pool(uuid, pool, error))
+  {
+    error.empty() ? answer_error(res, 404, "no such pool") : answer_error(res, 500, "catalog read failed");
+    return nullptr;
+  }
+  if (pool_out != nullptr)
+    *pool_out = pool;
+  std::lock_guard<std::mutex> guard(pools_lock_);
+  auto& dir = pools_[uuid];
+  if (!dir)
+    dir = std::make_shared<Object_Directory>(pool_root(data_dir_, uuid));
+  return dir;
+}
+
+void Backupd_Server::put_object(const httplib::Request& req, httplib::Response& res,
+                                const httplib::ContentReader& reader)
+{
+  Catalog_DB::Pool pool;
+  std::shared_ptr<Object_Directory> dir = pool_directory(req.matches[1], res, &pool);
+  if (!dir)
+    return;
+  if (pool.settings.value("read_only", false))
+    return answer_error(res, 403, "the pool is read-only");
+  std::string name = req.matches[2];
+  if (!is_valid_storage_name(name))
+    return answer_error(res, 400, "invalid object name");
+  bool overwrite = req.get_header_value("If-None-Match") != "*";
+  Object_Writer writer;
+  int rc = dir->begin_write(name, writer);
+  if (rc != 0)
+    return answer_error(res, status_of(rc), std::string("cannot write: ") + strerror(rc));
+  int write_error = 0;
+  bool complete = reader([&](const char* data, size_t len) {
+    write_error = writer.write(data, len);
+    return write_error == 0;
+  });
+  if (write_error != 0)
+    return answer_error(res, status_of(write_error), std::string("cannot write: ") + strerror(write_error));
+  if (!complete)
+    return answer_error(res, 400, "the upload ended early");  // the writer drops the temporary
+  uint64_t size = writer.bytes_written();
+  rc = writer.commit(overwrite);
+  if (rc != 0)
+    return answer_error(res, status_of(rc), rc == EEXIST ? "the object exists" : std::string("cannot store: ") + strerror(rc));
+  nlohmann::ordered_json answer;
+  answer["name"] = name;
+  answer["size"] = size;
+  answer_json(res, 201, answer);
+}
+
+void Backupd_Server::get_object(const httplib::Request& req, httplib::Response& res)
+{
+  std::shared_ptr<Object_Directory> dir = pool_directory(req.matches[1], res);
+  if (!dir)
+    return;
+  std::string name = req.matches[2];
+  int fd = -1;
+  uint64_t size = 0;
+  int rc = dir->open_read(name, fd, size);
+  if (rc != 0)
+    return answer_error(res, status_of(rc), rc == ENOENT ? "no such object" : std::string("cannot read: ") + strerror(rc));
+  if (size == 0)
+  {
+    ::close(fd);
+    res.set_content("", "application/octet-stream");
+    return;
+  }
+  // The descriptor is shared by the provider calls and closed by the releaser.
+  auto file = std::shared_ptr<int>(new int(fd), [](int* p) {
+    ::close(*p);
+    delete p;
+  });
+  res.set_content_provider(
+      static_cast<size_t>(size), "application/octet-stream",
+      [file](size_t offset, size_t length, httplib::DataSink& sink) {
+        char buf[64 * 1024];
+        ssize_t n = ::pread(*file, buf, std::min(length, sizeof buf), static_cast<off_t>(offset));
+        if (n <= 0)
+          return false;
+        return sink.write(buf, static_cast<size_t>(n));
+      },
+      [file](bool) {});
+}
+
+void Backupd_Server::list_objects(const httplib::Request& req, httplib::Response& res)
+{
+  std::shared_ptr<Object_Directory> dir = pool_directory(req.matches[1], res);
+  if (!dir)
+    return;
+  std::vector<std::pair<std::string, uint64_t>> objects;
+  int rc = dir->list(req.get_param_value("prefix"), objects);
+  if (rc == ENOENT)
+    rc = 0;  // a pool nothing was written to yet
+  if (rc != 0)
+    return answer_error(res, status_of(rc), std::string("cannot list: ") + strerror(rc));
+  nlohmann::ordered_json answer;
+  answer["objects"] = nlohmann::ordered_json::array();
+  for (const auto& object : objects)
+    answer["objects"].push_back({{"name", object.first}, {"size", object.second}});
+  answer_json(res, 200, answer);
+}
+
+void Backupd_Server::delete_object(const httplib::Request& req, httplib::Response& res)
+{
+  Catalog_DB::Pool pool;
+  std::shared_ptr<Object_Directory> dir = pool_directory(req.matches[1], res, &pool);
+  if (!dir)
+    return;
+  if (pool.settings.value("read_only", false))
+    return answer_error(res, 403, "the pool is read-only");
+  int rc = dir->remove(req.matches[2]);
+  if (rc != 0)
+    return answer_error(res, status_of(rc), rc == ENOENT ? "no such object" : std::string("cannot remove: ") + strerror(rc));
+  res.status = 204;
+}

@@ -1,0 +1,57 @@
+#ifndef APPS_BACKUPD_BACKUPD_SERVER_H
+#define APPS_BACKUPD_BACKUPD_SERVER_H
+
+#include <httplib.h>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "apps/backupd/access_keys.h"
+#include "apps/backupd/catalog_db.h"
+#include "host/storage/object_directory.h"
+
+// backupd's HTTP front: the catalog resource, pool information and pool storage
+// (see docs/backupd.md for the API). Every request must carry an accepted
+// access key in "X-Backupd-Access-Key", or gets 401 before anything is read or
+// written. Requests run on a pool of worker threads.
+class Backupd_Server
+{
+public:
+  Backupd_Server(const std::string& data_dir, Catalog_DB& catalog, const Access_Keys& keys, int threads);
+
+  // The directory of a pool's objects under the data directory.
+  static std::string pool_root(const std::string& data_dir, const std::string& pool_uuid);
+
+  // Binds to host:port (port 0: any free port); false when it cannot.
+  bool bind(const std::string& host, int port, int& bound_port);
+  // Serves until stop(); false when the server could not run.
+  bool run();
+  void stop();
+
+private:
+  void install_routes();
+  bool authorised(const httplib::Request& req, httplib::Response& res) const;
+  // The pool's object directory; null (and the answer set) when there is no pool.
+  std::shared_ptr<Object_Directory> pool_directory(const std::string& uuid, httplib::Response& res,
+                                                   Catalog_DB::Pool* pool = nullptr);
+
+  void get_sets(const httplib::Request& req, httplib::Response& res);
+  void post_set(const httplib::Request& req, httplib::Response& res);
+  void get_pool(const httplib::Request& req, httplib::Response& res);
+  void list_pools(const httplib::Request& req, httplib::Response& res);
+  void put_object(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader);
+  void get_object(const httplib::Request& req, httplib::Response& res);
+  void list_objects(const httplib::Request& req, httplib::Response& res);
+  void delete_object(const httplib::Request& req, httplib::Response& res);
+
+  std::string data_dir_;
+  Catalog_DB& catalog_;
+  const Access_Keys& keys_;
+  int threads_;
+  httplib::Server server_;
+  std::mutex pools_lock_;
+  std::map<std::string, std::shared_ptr<Object_Directory>> pools_;
+};
+
+#endif

@@ -1,0 +1,270 @@
+#include "apps/backupd/catalog_db.h"
+
+#include <ctime>
+#include <sqlite3.h>
+
+// Schema migrations, applied in order; migration i brings the file to version i+1.
+static const char* const MIGRATIONS[] = {
+    // 1: pools and backup-set records. The record is kept as committed (JSON
+    // text); the columns beside it are copies for filtering and sorting.
+    "CREATE TABLE pools ("
+    "  uuid TEXT PRIMARY KEY,"
+    "  name TEXT NOT NULL UNIQUE,"
+    "  host_uuid TEXT NOT NULL,"
+    "  url TEXT NOT NULL,"
+    "  settings TEXT NOT NULL,"
+    "  created INTEGER NOT NULL);"
+    "CREATE TABLE sets ("
+    "  uuid TEXT PRIMARY KEY,"
+    "  module TEXT NOT NULL,"
+    "  resource_uuid TEXT NOT NULL,"
+    "  minor_resource_id TEXT NOT NULL,"
+    "  host_uuid TEXT NOT NULL,"
+    "  instance TEXT NOT NULL,"
+    "  \"database\" TEXT NOT NULL,"
+    "  pool_uuid TEXT NOT NULL,"
+    "  rev INTEGER NOT NULL,"
+    "  backup_start_time INTEGER NOT NULL,"
+    "  committed INTEGER NOT NULL,"
+    "  record TEXT NOT NULL);"
+    "CREATE INDEX sets_by_resource ON sets(module, resource_uuid, minor_resource_id, backup_start_time);",
+};
+
+namespace
+{
+// A prepared statement that finalises itself.
+class Statement
+{
+public:
+  Statement(sqlite3* db, const std::string& sql) { sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr); }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  bool ok() const { return stmt_ != nullptr; }
+  sqlite3_stmt* get() { return stmt_; }
+  void bind(int i, const std::string& v) { sqlite3_bind_text(stmt_, i, v.c_str(), -1, SQLITE_TRANSIENT); }
+  void bind(int i, int64_t v) { sqlite3_bind_int64(stmt_, i, v); }
+  int step() { return sqlite3_step(stmt_); }
+  std::string text(int col)
+  {
+    const unsigned char* t = sqlite3_column_text(stmt_, col);
+    return t ? reinterpret_cast<const char*>(t) : "";
+  }
+  int64_t integer(int col) { return sqlite3_column_int64(stmt_, col); }
+
+private:
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+std::string member(const nlohmann::ordered_json& record, const char* key)
+{
+  auto it = record.find(key);
+  return it != record.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+}  // namespace
+
+Catalog_DB::~Catalog_DB()
+{
+  if (db_ != nullptr)
+    sqlite3_close(db_);
+}
+
+bool Catalog_DB::exec(const char* sql, std::string& error)
+{
+  char* message = nullptr;
+  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK)
+    return true;
+  error = message ? message : sqlite3_errmsg(db_);
+  sqlite3_free(message);
+  return false;
+}
+
+bool Catalog_DB::open(const std::string& path, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                      nullptr) != SQLITE_OK)
+  {
+    error = db_ ? sqlite3_errmsg(db_) : "cannot open the catalog";
+    return false;
+  }
+  sqlite3_busy_timeout(db_, 10000);
+  return exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;", error) &&
+         migrate(error);
+}
+
+int Catalog_DB::schema_version()
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  Statement s(db_, "PRAGMA user_version");
+  return s.ok() && s.step() == SQLITE_ROW ? static_cast<int>(s.integer(0)) : -1;
+}
+
+bool Catalog_DB::migrate(std::string& error)
+{
+  const int latest = static_cast<int>(sizeof MIGRATIONS / sizeof MIGRATIONS[0]);
+  if (!exec("BEGIN IMMEDIATE", error))
+    return false;
+  Statement version(db_, "PRAGMA user_version");
+  int current = version.ok() && version.step() == SQLITE_ROW ? static_cast<int>(version.integer(0)) : 0;
+  if (current > latest)
+  {
+    exec("ROLLBACK", error);
+    error = "the catalog's schema version " + std::to_string(current) + " is newer than this backupd's";
+    return false;
+  }
+  for (int v = current; v < latest; ++v)
+  {
+    std::string set_version = "PRAGMA user_version = " + std::to_string(v + 1);
+    if (!exec(MIGRATIONS[v], error) || !exec(set_version.c_str(), error))
+    {
+      std::string ignored;
+      exec("ROLLBACK", ignored);
+      return false;
+    }
+  }
+  return exec("COMMIT", error);
+}
+
+Catalog_DB::Commit_Result Catalog_DB::commit_set(const nlohmann::ordered_json& record, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  std::string uuid = member(record, "uuid");
+  if (!exec("BEGIN IMMEDIATE", error))
+    return COMMIT_FAILED;
+  Statement find(db_, "SELECT record FROM sets WHERE uuid = ?");
+  find.bind(1, uuid);
+  int rc = find.step();
+  if (rc == SQLITE_ROW)
+  {
+    nlohmann::ordered_json existing = nlohmann::ordered_json::parse(find.text(0), nullptr, false);
+    exec("ROLLBACK", error);
+    return existing == record ? COMMIT_EXISTS : COMMIT_CONFLICT;
+  }
+  Statement insert(db_,
+                   "INSERT INTO sets (uuid, module, resource_uuid, minor_resource_id, host_uuid, instance, \"database\","
+                   " pool_uuid, rev, backup_start_time, committed, record)"
+                   " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  const char* columns[] = {"uuid",      "module",   "resource_uuid", "minor_resource_id",
+                           "host_uuid", "instance", "database",      "pool_uuid"};
+  int i = 1;
+  for (const char* column : columns)
+    insert.bind(i++, member(record, column));
+  insert.bind(i++, record.value("rev", int64_t(0)));
+  insert.bind(i++, record.value("backup_start_time", int64_t(0)));
+  insert.bind(i++, static_cast<int64_t>(time(nullptr)));
+  insert.bind(i++, record.dump());
+  if (rc != SQLITE_DONE || !insert.ok() || insert.step() != SQLITE_DONE)
+  {
+    error = sqlite3_errmsg(db_);
+    std::string ignored;
+    exec("ROLLBACK", ignored);
+    return COMMIT_FAILED;
+  }
+  return exec("COMMIT", error) ? COMMIT_CREATED : COMMIT_FAILED;
+}
+
+bool Catalog_DB::query_sets(const Catalog_Query& query, nlohmann::ordered_json& answer, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  // Column names come from Catalog_Query's fixed lists, never from the request.
+  std::string where;
+  for (const auto& filter : query.filters)
+    where += (where.empty() ? " WHERE \"" : " AND \"") + filter.first + "\" = ?";
+  Statement count(db_, "SELECT COUNT(*) FROM sets" + where);
+  std::string order = query.descending ? " DESC" : " ASC";
+  Statement rows(db_, "SELECT record FROM sets" + where + " ORDER BY \"" + query.sort + "\"" + order + ", uuid" + order +
+                          " LIMIT ? OFFSET ?");
+  if (!count.ok() || !rows.ok())
+  {
+    error = sqlite3_errmsg(db_);
+    return false;
+  }
+  int i = 1;
+  for (const auto& filter : query.filters)
+  {
+    count.bind(i, filter.second);
+    rows.bind(i++, filter.second);
+  }
+  rows.bind(i++, query.limit);
+  rows.bind(i++, query.offset);
+  if (count.step() != SQLITE_ROW)
+  {
+    error = sqlite3_errmsg(db_);
+    return false;
+  }
+  answer = nlohmann::ordered_json::object();
+  answer["total"] = count.integer(0);
+  answer["rows"] = nlohmann::ordered_json::array();
+  int rc;
+  while ((rc = rows.step()) == SQLITE_ROW)
+    answer["rows"].push_back(nlohmann::ordered_json::parse(rows.text(0), nullptr, false));
+  if (rc != SQLITE_DONE)
+  {
+    error = sqlite3_errmsg(db_);
+    return false;
+  }
+  return true;
+}
+
+bool Catalog_DB::add_pool(const Pool& pool, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  Statement insert(db_, "INSERT INTO pools (uuid, name, host_uuid, url, settings, created) VALUES (?, ?, ?, ?, ?, ?)");
+  insert.bind(1, pool.uuid);
+  insert.bind(2, pool.name);
+  insert.bind(3, pool.host_uuid);
+  insert.bind(4, pool.url);
+  insert.bind(5, pool.settings.dump());
+  insert.bind(6, static_cast<int64_t>(time(nullptr)));
+  if (!insert.ok() || insert.step() != SQLITE_DONE)
+  {
+    error = sqlite3_errmsg(db_);
+    return false;
+  }
+  return true;
+}
+
+static Catalog_DB::Pool read_pool(Statement& s)
+{
+  Catalog_DB::Pool pool;
+  pool.uuid = s.text(0);
+  pool.name = s.text(1);
+  pool.host_uuid = s.text(2);
+  pool.url = s.text(3);
+  pool.settings = nlohmann::ordered_json::parse(s.text(4), nullptr, false);
+  if (!pool.settings.is_object())
+    pool.settings = nlohmann::ordered_json::object();
+  return pool;
+}
+
+bool Catalog_DB::get_pool(const std::string& uuid, Pool& pool, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  error.clear();
+  Statement s(db_, "SELECT uuid, name, host_uuid, url, settings FROM pools WHERE uuid = ?");
+  s.bind(1, uuid);
+  int rc = s.step();
+  if (rc == SQLITE_ROW)
+  {
+    pool = read_pool(s);
+    return true;
+  }
+  if (rc != SQLITE_DONE)
+    error = sqlite3_errmsg(db_);
+  return false;
+}
+
+bool Catalog_DB::list_pools(std::vector<Pool>& pools, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  pools.clear();
+  Statement s(db_, "SELECT uuid, name, host_uuid, url, settings FROM pools ORDER BY name");
+  int rc;
+  while ((rc = s.step()) == SQLITE_ROW)
+    pools.push_back(read_pool(s));
+  if (rc != SQLITE_DONE)
+  {
+    error = sqlite3_errmsg(db_);
+    return false;
+  }
+  return true;
+}

@@ -1,0 +1,220 @@
+// backupd: the backup server. It owns the storage pools and the catalog of a data
+// directory and serves them over HTTP (see docs/backupd.md).
+//
+//   backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N]
+//   backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID]
+//                    [--url URL] [--settings JSON]
+//   backupd pool list --data DIR
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <pthread.h>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+
+#include "apps/backupd/access_keys.h"
+#include "apps/backupd/backupd_server.h"
+#include "apps/backupd/catalog_db.h"
+#include "host/job/log.h"
+#include "host/storage/object_directory.h"
+
+namespace
+{
+const char USAGE[] =
+    "usage: backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N]\n"
+    "       backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID] [--url URL]"
+    " [--settings JSON]\n"
+    "       backupd pool list --data DIR\n";
+
+int usage()
+{
+  std::cerr << USAGE;
+  return 2;
+}
+
+// "--key value" pairs after the first `skip` arguments; false on a stray word.
+bool read_flags(int argc, char** argv, int skip, std::map<std::string, std::string>& flags)
+{
+  for (int i = skip; i < argc; i += 2)
+  {
+    std::string key = argv[i];
+    if (key.compare(0, 2, "--") != 0 || i + 1 >= argc)
+      return false;
+    flags[key.substr(2)] = argv[i + 1];
+  }
+  return true;
+}
+
+std::string new_uuid()
+{
+  unsigned char b[16];
+  std::ifstream random("/dev/urandom", std::ios::binary);
+  random.read(reinterpret_cast<char*>(b), sizeof b);
+  b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);
+  b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);
+  char text[37];
+  snprintf(text, sizeof text, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0], b[1], b[2],
+           b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+  return text;
+}
+
+bool open_catalog(const std::string& data_dir, Catalog_DB& catalog)
+{
+  std::string error;
+  if (mkdir(data_dir.c_str(), 0750) != 0 && errno != EEXIST)
+  {
+    std::cerr << "backupd: cannot create " << data_dir << "\n";
+    return false;
+  }
+  if (!catalog.open(data_dir + "/catalog.db", error))
+  {
+    std::cerr << "backupd: cannot open the catalog: " << error << "\n";
+    return false;
+  }
+  return true;
+}
+
+int pool_add(const std::map<std::string, std::string>& flags)
+{
+  if (!flags.count("data") || !flags.count("name"))
+    return usage();
+  Catalog_DB catalog;
+  if (!open_catalog(flags.at("data"), catalog))
+    return 1;
+  Catalog_DB::Pool pool;
+  pool.uuid = flags.count("uuid") ? flags.at("uuid") : new_uuid();
+  pool.name = flags.at("name");
+  pool.host_uuid = flags.count("host-uuid") ? flags.at("host-uuid") : "";
+  pool.url = flags.count("url") ? flags.at("url") : "";
+  if (flags.count("settings"))
+  {
+    pool.settings = nlohmann::ordered_json::parse(flags.at("settings"), nullptr, false);
+    if (!pool.settings.is_object())
+    {
+      std::cerr << "backupd: --settings must be a JSON object\n";
+      return 1;
+    }
+  }
+  if (pool.uuid.empty() || pool.uuid.find_first_of("/.\\") != std::string::npos)
+  {
+    std::cerr << "backupd: invalid pool uuid\n";
+    return 1;
+  }
+  Object_Directory dir(Backupd_Server::pool_root(flags.at("data"), pool.uuid));
+  std::string error;
+  if (dir.create() != 0)
+  {
+    std::cerr << "backupd: cannot create the pool directory\n";
+    return 1;
+  }
+  if (!catalog.add_pool(pool, error))
+  {
+    std::cerr << "backupd: cannot add the pool: " << error << "\n";
+    return 1;
+  }
+  std::cout << pool.uuid << std::endl;
+  return 0;
+}
+
+int pool_list(const std::map<std::string, std::string>& flags)
+{
+  if (!flags.count("data"))
+    return usage();
+  Catalog_DB catalog;
+  if (!open_catalog(flags.at("data"), catalog))
+    return 1;
+  std::vector<Catalog_DB::Pool> pools;
+  std::string error;
+  if (!catalog.list_pools(pools, error))
+  {
+    std::cerr << "backupd: " << error << "\n";
+    return 1;
+  }
+  for (const auto& pool : pools)
+    std::cout << pool.uuid << "\t" << pool.name << "\t" << pool.url << "\n";
+  return 0;
+}
+
+int serve(const std::map<std::string, std::string>& flags)
+{
+  if (!flags.count("data") || !flags.count("access-key-file"))
+    return usage();
+  std::string listen = flags.count("listen") ? flags.at("listen") : "127.0.0.1:8450";
+  size_t colon = listen.rfind(':');
+  if (colon == std::string::npos)
+    return usage();
+  std::string host = listen.substr(0, colon);
+  int port = atoi(listen.c_str() + colon + 1);
+  int threads = flags.count("threads") ? atoi(flags.at("threads").c_str()) : 16;
+  if (port < 0 || port > 65535 || threads < 1)
+    return usage();
+
+  Access_Keys keys;
+  std::string error;
+  if (!keys.load(flags.at("access-key-file"), error))
+  {
+    std::cerr << "backupd: " << error << "\n";
+    return 1;
+  }
+  const std::string& data_dir = flags.at("data");
+  Catalog_DB catalog;
+  if (!open_catalog(data_dir, catalog))
+    return 1;
+  // Uploads cut off by a crash left temporaries behind; none of them was
+  // acknowledged, so they go.
+  std::vector<Catalog_DB::Pool> pools;
+  if (catalog.list_pools(pools, error))
+    for (const auto& pool : pools)
+      Object_Directory(Backupd_Server::pool_root(data_dir, pool.uuid)).remove_stale_temporaries();
+
+  // Signals are taken by one thread with sigwait, so the workers never see them.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  Backupd_Server server(data_dir, catalog, keys, threads);
+  int bound = 0;
+  if (!server.bind(host, port, bound))
+  {
+    std::cerr << "backupd: cannot listen on " << listen << "\n";
+    return 1;
+  }
+  std::cout << "backupd listening on " << host << ":" << bound << std::endl;
+  std::thread stopper([&server, stop_signals] {
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    server.stop();
+  });
+  bool ok = server.run();
+  // Wake the stopper when the server ended on its own.
+  pthread_kill(stopper.native_handle(), SIGTERM);
+  stopper.join();
+  return ok ? 0 : 1;
+}
+}  // namespace
+
+int main(int argc, char** argv)
+{
+  std::map<std::string, std::string> flags;
+  if (argc >= 3 && std::string(argv[1]) == "pool")
+  {
+    std::string command = argv[2];
+    if (!read_flags(argc, argv, 3, flags))
+      return usage();
+    if (command == "add")
+      return pool_add(flags);
+    if (command == "list")
+      return pool_list(flags);
+    return usage();
+  }
+  if (!read_flags(argc, argv, 1, flags))
+    return usage();
+  return serve(flags);
+}

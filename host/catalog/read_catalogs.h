@@ -1,0 +1,15 @@
+#ifndef HOST_CATALOG_READ_CATALOGS_H
+#define HOST_CATALOG_READ_CATALOGS_H
+
+#include <nlohmann/json.hpp>
+
+// GETs a catalog resource of this agent's backup server ("/d2/r/v2/sets/restore/
+// sets?module=exchange&…", query already percent-encoded) and parses the JSON
+// answer into `result` ({"total": N, "rows": [record, …]}). `timeout_seconds`
+// bounds one attempt (-1: 60 s); transient failures are retried with back-off
+// for `max_seconds_retry`. False, logged, on failure or when the answer is not
+// JSON; `result` is then left as it was.
+bool read_catalogs(const char* resource, nlohmann::ordered_json& result, int timeout_seconds,
+                   int max_seconds_retry);
+
+#endif

@@ -1,0 +1,31 @@
+#include "host/storage/client_io_base.h"
+
+#include "host/storage/storage_name.h"
+
+void Client_IO_Base::Options::set_extra_option(const std::string& name, const std::string& value)
+{
+  extra_options[name] = value;
+}
+
+const std::string* Client_IO_Base::Options::extra_option(const std::string& name) const
+{
+  auto it = extra_options.find(name);
+  return it == extra_options.end() ? nullptr : &it->second;
+}
+
+bool Client_IO_Base::fail(const std::string& text)
+{
+  last_error_ = text;
+  return false;
+}
+
+bool Client_IO_Base::check_name(const std::string& name)
+{
+  if (is_valid_storage_name(name))
+    return true;
+  // The name is the caller's own text, but may hold NUL or control bytes.
+  std::string shown;
+  for (char c : name)
+    shown += (static_cast<unsigned char>(c) < 0x20) ? '?' : c;
+  return fail("invalid object name '" + shown + "'");
+}

@@ -1,0 +1,51 @@
+#ifndef HOST_STORAGE_CLIENT_IO_EX_H
+#define HOST_STORAGE_CLIENT_IO_EX_H
+
+#include <memory>
+
+#include "host/storage/client_io_base.h"
+
+// The storage client the module and the streams use: one object store on a pool
+// location, picked by the location's scheme when it is opened:
+// - "http://…" or "https://…": a pool served by backupd (Client_IO_Http);
+// - "file:///…": a directory of this machine (Client_IO_File).
+// Operations before a successful `open` fail with "storage client is not open".
+// See Client_IO_Base for the meaning of each operation.
+class Client_IO_Ex
+{
+public:
+  Client_IO_Ex();
+  ~Client_IO_Ex();
+
+  bool open(const std::string& location, const Client_IO_Base::Options& options);
+  bool is_open() const { return impl_ != nullptr; }
+  const std::string& location() const { return location_; }
+
+  bool put_contents(const std::string& name, const std::string& text, bool overwrite);
+  bool get_contents(const std::string& name, std::string& text);
+
+  bool open_write(const std::string& name, bool overwrite);
+  bool write(const void* data, size_t len);
+  bool close_write();
+  void abort_write();
+
+  bool open_read(const std::string& name, uint64_t offset = 0);
+  long long read(void* data, size_t len);
+  void close_read();
+
+  bool size(const std::string& name, uint64_t& size);
+  bool list(const std::string& prefix, std::vector<std::string>& names);
+  bool remove(const std::string& name);
+
+  uint64_t storage_size() const;
+  const std::string& last_error() const;
+
+private:
+  bool not_open();
+
+  std::unique_ptr<Client_IO_Base> impl_;
+  std::string location_;
+  std::string last_error_;
+};
+
+#endif

@@ -1,0 +1,140 @@
+#ifndef TESTS_APPS_BACKUPD_BACKUPD_PROCESS_H
+#define TESTS_APPS_BACKUPD_BACKUPD_PROCESS_H
+
+// Runs a backupd for a test: a temporary data directory with an access key file,
+// pools added through "backupd pool add", the server on a free loopback port.
+// The destructor kills the server and removes the directory. BACKUPD_PATH names
+// the program (set by the test's CMakeLists.txt).
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "host/storage/host_manager.h"
+
+class Backupd_Process
+{
+public:
+  Backupd_Process()
+  {
+    char tmpl[] = "/tmp/backupd_test_XXXXXX";
+    root_ = mkdtemp(tmpl);
+    data_ = root_ + "/data";
+    std::ofstream(root_ + "/keys") << "# test keys\n" << key() << "\n" << node_key() << "\n";
+    chmod((root_ + "/keys").c_str(), 0600);
+  }
+
+  ~Backupd_Process()
+  {
+    stop();
+    std::string command = "rm -rf '" + root_ + "'";
+    if (system(command.c_str()) != 0)
+      perror("rm");
+  }
+
+  static std::string key() { return "test-access-key-0123456789"; }
+  static std::string node_key() { return "test-node-key-9876543210"; }
+  const std::string& data_dir() const { return data_; }
+  const std::string& root() const { return root_; }
+  int port() const { return port_; }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::string pool_url(const std::string& uuid) const { return url() + "/d2/storage/" + uuid; }
+
+  // Runs "backupd pool add"; true when it succeeded.
+  bool add_pool(const std::string& uuid, const std::string& name, const std::string& settings = "{}")
+  {
+    std::string command = std::string(BACKUPD_PATH) + " pool add --data '" + data_ + "' --uuid '" + uuid +
+                          "' --name '" + name + "' --host-uuid host-1 --settings '" + settings + "' > /dev/null";
+    return system(command.c_str()) == 0;
+  }
+
+  // A loopback port that was free a moment ago.
+  static int free_port()
+  {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    socklen_t len = sizeof addr;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+  }
+
+  // Starts the server (on `port`, or any free port) and waits until it listens.
+  bool start(int port = 0)
+  {
+    int out[2];
+    if (pipe(out) != 0)
+      return false;
+    pid_ = fork();
+    if (pid_ == 0)
+    {
+      dup2(out[1], 1);
+      close(out[0]);
+      close(out[1]);
+      std::string listen = "127.0.0.1:" + std::to_string(port);
+      std::string keys = root_ + "/keys";
+      execl(BACKUPD_PATH, BACKUPD_PATH, "--data", data_.c_str(), "--access-key-file", keys.c_str(), "--listen",
+            listen.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(out[1]);
+    std::string line;
+    char c;
+    while (read(out[0], &c, 1) == 1 && c != '\n')
+      line += c;
+    close(out[0]);
+    size_t colon = line.rfind(':');
+    if (line.compare(0, 7, "backupd") != 0 || colon == std::string::npos)
+    {
+      stop();
+      return false;
+    }
+    port_ = atoi(line.c_str() + colon + 1);
+    return port_ > 0;
+  }
+
+  void kill_hard() { end(SIGKILL); }
+  void stop() { end(SIGTERM); }
+
+  // Points this process's clients at the server.
+  void configure_host(const std::string& access_key = key()) const
+  {
+    Host_Manager::Settings settings;
+    settings.backupd_url = url();
+    settings.access_key = access_key;
+    settings.node_access_key = node_key();
+    settings.host_id = "host-1";
+    Host_Manager::instance().init(settings);
+  }
+
+private:
+  void end(int sig)
+  {
+    if (pid_ <= 0)
+      return;
+    kill(pid_, sig);
+    int status;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR)
+    {
+    }
+    pid_ = -1;
+  }
+
+  std::string root_;
+  std::string data_;
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+#endif
