@@ -1,0 +1,63 @@
+#pragma once
+// Command-line configuration of exo-sim: listen address, data profile, tenant registration,
+// basic accounts, state directory and the initial fault settings.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "apps/exo-sim/fault_injector.h"
+
+namespace exo_sim {
+
+// Shape of the generated mailboxes.
+struct Data_Profile {
+  std::string name = "small";
+  int mailboxes = 5;
+  int depth = 2;          // levels of generated folders below Inbox
+  int fanout = 2;         // subfolders per generated folder
+  int items = 12;         // mean items per generated folder
+  int page_size = 100;    // size of the "Exactly one page" folder
+  int large_items = 1;    // items in the "Large items" folder
+  int large_item_mib = 3; // size of each of them
+};
+
+// Fills `profile` with the named preset; false for an unknown name.
+bool data_profile_preset(const std::string& name, Data_Profile& profile);
+
+struct Registration {
+  std::string client_id;
+  std::string client_secret;
+};
+
+struct Basic_Account {
+  std::string user;  // a mailbox address
+  std::string password;
+};
+
+struct Tenant_Config {
+  std::string tenant_id = "8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04";
+  std::string domain = "demo.exosim.test";
+  std::vector<Registration> registrations;
+  std::vector<Basic_Account> basic_accounts;
+};
+
+struct Sim_Options {
+  std::string listen = "127.0.0.1";
+  int port = 0;
+  uint64_t seed = 1;
+  Data_Profile profile;
+  int token_lifetime = 3599;
+  Tenant_Config tenant;
+  std::string state_dir;
+  std::string request_log;  // empty = stderr, "-" = stdout
+  int threads = 32;
+  Fault_Settings faults;
+};
+
+// Parses argv into `options`. False with `error` set on a bad or unknown flag.
+bool parse_sim_options(int argc, const char* const* argv, Sim_Options& options, std::string& error);
+
+// The usage text printed for --help or a bad flag.
+const char* sim_usage();
+
+}  // namespace exo_sim
