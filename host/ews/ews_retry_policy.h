@@ -24,7 +24,7 @@ public:
   // True when the last refusal was for lack of budget (not a permanent error).
   bool budget_exhausted() const { return budget_exhausted_; }
 
-  static const long max_backoff_ms = 60000;
+  static constexpr long max_backoff_ms = 60000;
 
 private:
   long elapsed_ms() const;
