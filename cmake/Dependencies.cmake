@@ -11,8 +11,9 @@ find_package(pugixml REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(GTest REQUIRED)
 
-# cpp-httplib is used header-only, without TLS: our servers listen on loopback.
-find_path(HTTPLIB_INCLUDE_DIR httplib.h REQUIRED)
-add_library(httplib_header INTERFACE)
-target_include_directories(httplib_header SYSTEM INTERFACE ${HTTPLIB_INCLUDE_DIR})
-target_link_libraries(httplib_header INTERFACE Threads::Threads)
+# cpp-httplib serves backupd and exo-sim on loopback. Debian ships it in split mode: the
+# implementation lives in libcpp-httplib.so, built with TLS and compression support, so
+# users take the package's compile definitions from pkg-config to match the library.
+pkg_check_modules(CPP_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+add_library(cpp_httplib INTERFACE)
+target_link_libraries(cpp_httplib INTERFACE PkgConfig::CPP_HTTPLIB Threads::Threads)

@@ -1,7 +1,9 @@
 #include "apps/backupd/backupd_server.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <unistd.h>
 
 #include "host/catalog/exchange_backup_set.h"
@@ -69,11 +71,17 @@ bool Backupd_Server::bind(const std::string& host, int port, int& bound_port)
 
 bool Backupd_Server::run()
 {
-  return server_.listen_after_bind();
+  bool ok = server_.listen_after_bind();
+  finished_ = true;
+  return ok;
 }
 
 void Backupd_Server::stop()
 {
+  // A stop that comes before the accept loop runs would be lost and leave the server
+  // serving for ever, so it waits for the loop to start (or to have ended already).
+  while (!server_.is_running() && !finished_)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   server_.stop();
 }
 

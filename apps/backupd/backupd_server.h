@@ -2,6 +2,8 @@
 #define APPS_BACKUPD_BACKUPD_SERVER_H
 
 #include <httplib.h>
+
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -50,6 +52,7 @@ private:
   const Access_Keys& keys_;
   int threads_;
   httplib::Server server_;
+  std::atomic<bool> finished_{false};
   std::mutex pools_lock_;
   std::map<std::string, std::shared_ptr<Object_Directory>> pools_;
 };

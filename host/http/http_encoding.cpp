@@ -76,6 +76,30 @@ bool http_encode_string(const std::string& text, unsigned int flags, std::string
   return http_encode_string(text.data(), text.size(), flags, out);
 }
 
+bool http_encode_string_i(const char* text, int mode, std::string& out)
+{
+  unsigned int flags = 0;
+  switch (mode)
+  {
+    case HTTP_ENCODE_MODE_NAME:
+      flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX;
+      break;
+    case HTTP_ENCODE_MODE_PATH:
+      flags = HTTP_ENCODE_UPPER_HEX;
+      break;
+    case HTTP_ENCODE_MODE_QUERY_COMPONENT:
+      flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX;
+      break;
+    case HTTP_ENCODE_MODE_FORM:
+      flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX | HTTP_ENCODE_SPACE_AS_PLUS;
+      break;
+    default:
+      out.clear();
+      return false;
+  }
+  return http_encode_string(text, text ? std::strlen(text) : 0, flags, out);
+}
+
 bool http_decode_string(const char* begin, const char* end, unsigned int flags, std::string& out)
 {
   out.clear();

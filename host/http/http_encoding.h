@@ -47,6 +47,20 @@ bool http_encode_string(const std::string& text, unsigned int flags, std::string
 // case) become that byte. A "%" not followed by two hexadecimal digits makes the
 // decode fail: false is returned and `out` holds what was decoded before it.
 // A null range decodes to the empty text.
+// Encoding modes of http_encode_string_i, each a fixed set of flags above.
+enum Http_Encode_Mode
+{
+  HTTP_ENCODE_MODE_NAME = 1,             // a path segment: "/" escaped
+  HTTP_ENCODE_MODE_PATH = 2,             // a path: "/" kept
+  HTTP_ENCODE_MODE_QUERY_COMPONENT = 3,  // a query key or value: everything but letters,
+                                         // digits, "-", "_", "." escaped, upper-case hex
+  HTTP_ENCODE_MODE_FORM = 4,             // form fields: as 3, a space becomes "+"
+};
+
+// Encodes the NUL-terminated `text` in one of the modes above. Returns false (and
+// an empty `out`) for a null or empty text or an unknown mode.
+bool http_encode_string_i(const char* text, int mode, std::string& out);
+
 bool http_decode_string(const char* begin, const char* end, unsigned int flags, std::string& out);
 bool http_decode_string(const std::string& text, unsigned int flags, std::string& out);
 

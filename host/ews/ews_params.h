@@ -1,0 +1,40 @@
+#ifndef HOST_EWS_EWS_PARAMS_H
+#define HOST_EWS_EWS_PARAMS_H
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+// Process-wide settings of the EWS client, read by every EWS_Client call.
+// Defaults stay inside Exchange Online's published limits; the agent may
+// override them from its configuration. Thread-safe.
+class EWS_Params
+{
+public:
+  // Items or folders asked for per FindItem/FindFolder page: default 500, 1..1000
+  // (a page larger than 1000 has no effect in Exchange Online).
+  static int paging_size();
+  // Items per ExportItems call: default 50, 1..100 (Microsoft's recommended cap).
+  static int batch_size();
+  // Seconds one operation may spend retrying throttled or failed requests
+  // before it fails: default 600, 0..86400.
+  static int retry_budget();
+  // First wait of the exponential back-off after a dropped connection or a
+  // server error without a suggested delay, in milliseconds: default 1000.
+  static int retry_base_delay_ms();
+
+  // Each setter clamps its value into the range above.
+  static void set_paging_size(int value);
+  static void set_batch_size(int value);
+  static void set_retry_budget(int seconds);
+  static void set_retry_base_delay_ms(int ms);
+
+  // Applies the keys "paging_size", "batch_size", "retry_budget_seconds" and
+  // "retry_base_delay_ms" of an "ews" configuration object; other keys are
+  // ignored. False with `error` when a present key is not an integer.
+  static bool configure(const nlohmann::ordered_json& ews, std::string& error);
+  // Back to the defaults.
+  static void reset();
+};
+
+#endif

@@ -1,0 +1,434 @@
+#include "host/ews/ews_soap_transport.h"
+
+#include "host/ews/ews_xml.h"
+
+#include <curl/curl.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+
+using ews_xml::child;
+using ews_xml::local_name;
+
+const char* const EWS_Soap_Transport::server_version = "Exchange2013_SP1";
+
+namespace
+{
+// A response message's class, code, text and suggested back-off.
+struct Message_Status
+{
+  std::string response_class;
+  std::string code;
+  std::string text;
+  long back_off_ms = -1;
+};
+
+long back_off_of(const pugi::xml_node& message_xml)
+{
+  for (pugi::xml_node v = message_xml.first_child(); v; v = v.next_sibling())
+    if (local_name(v) == "Value" && std::string(v.attribute("Name").value()) == "BackOffMilliseconds")
+      return std::strtol(v.text().get(), nullptr, 10);
+  return -1;
+}
+
+Message_Status read_message(const pugi::xml_node& message)
+{
+  Message_Status s;
+  s.response_class = message.attribute("ResponseClass").value();
+  s.code = child(message, "ResponseCode").text().get();
+  s.text = child(message, "MessageText").text().get();
+  s.back_off_ms = back_off_of(child(message, "MessageXml"));
+  return s;
+}
+
+bool succeeded(const Message_Status& s)
+{
+  return s.response_class == "Success" || (s.response_class == "Warning" && s.code == "NoError");
+}
+
+EWS_Status status_of(const Message_Status& s)
+{
+  if (succeeded(s))
+    return EWS_Status();
+  if (s.code == "ErrorServerBusy" || s.back_off_ms >= 0)
+    return EWS_Status::make(EWS_STATUS_THROTTLED, s.code, s.text, s.back_off_ms);
+  if (ews_is_transient_code(s.code))
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, s.code, s.text);
+  return EWS_Status::make(EWS_STATUS_PERMANENT, s.code, s.text);
+}
+
+// The response messages of an answer, in order.
+std::vector<pugi::xml_node> message_list(const pugi::xml_node& messages)
+{
+  std::vector<pugi::xml_node> list;
+  for (pugi::xml_node m = messages.first_child(); m; m = m.next_sibling())
+    if (m.type() == pugi::node_element)
+      list.push_back(m);
+  return list;
+}
+
+void add_folder_ref(pugi::xml_node parent, const EWS_Folder_Ref& ref)
+{
+  if (!ref.id.empty())
+    parent.append_child("t:FolderId").append_attribute("Id") = ref.id.c_str();
+  else
+  {
+    const char* name = ews_distinguished_folder_name(ref.distinguished);
+    parent.append_child("t:DistinguishedFolderId").append_attribute("Id") = name ? name : "msgfolderroot";
+  }
+}
+
+void add_field(pugi::xml_node props, const char* uri)
+{
+  props.append_child("t:FieldURI").append_attribute("FieldURI") = uri;
+}
+
+void add_page_view(pugi::xml_node op, const char* element, int offset, int max)
+{
+  pugi::xml_node view = op.append_child(element);
+  view.append_attribute("MaxEntriesReturned") = max;
+  view.append_attribute("Offset") = offset;
+  view.append_attribute("BasePoint") = "Beginning";
+}
+
+void read_paging(const pugi::xml_node& root, int offset, size_t count, int& next_offset, bool& last)
+{
+  const pugi::xml_attribute next = root.attribute("IndexedPagingOffset");
+  next_offset = next ? next.as_int() : offset + static_cast<int>(count);
+  last = root.attribute("IncludesLastItemInRange").as_bool(true);
+}
+
+EWS_Item read_item(const pugi::xml_node& element)
+{
+  EWS_Item item;
+  item.type = ews_item_type_of(local_name(element));
+  const pugi::xml_node item_id = child(element, "ItemId");
+  item.id = item_id.attribute("Id").value();
+  item.change_key = item_id.attribute("ChangeKey").value();
+  item.subject = child(element, "Subject").text().get();
+  item.display_name = child(element, "DisplayName").text().get();
+  item.ctime = ews_xml::parse_time(child(element, "DateTimeCreated").text().get());
+  item.mtime = ews_xml::parse_time(child(element, "LastModifiedTime").text().get());
+  return item;
+}
+
+// Retry-After is either delta-seconds or an HTTP date.
+long retry_after_ms(const HTTP_Response& response)
+{
+  const std::string* value = response.headers().get("Retry-After");
+  if (value == nullptr || value->empty())
+    return -1;
+  char* end = nullptr;
+  const long seconds = std::strtol(value->c_str(), &end, 10);
+  if (end && *end == '\0' && seconds >= 0)
+    return seconds * 1000;
+  const time_t when = curl_getdate(value->c_str(), nullptr);
+  if (when < 0)
+    return -1;
+  const long delta = static_cast<long>(when - std::time(nullptr));
+  return delta > 0 ? delta * 1000 : 0;
+}
+
+EWS_Status transport_failure(const HTTP_Session& session)
+{
+  const EWS_Status_Kind kind =
+    session.transport_error() == HTTP_TRANSPORT_TLS ? EWS_STATUS_PERMANENT : EWS_STATUS_TRANSIENT;
+  return EWS_Status::make(kind, "connection", session.error());
+}
+
+std::string basic_credentials(const EWS_Credentials& c)
+{
+  const std::string pair = c.user + ":" + c.password;
+  return "Basic " + EWS_b64_Data::encode(reinterpret_cast<const unsigned char*>(pair.data()), pair.size());
+}
+}  // namespace
+
+EWS_Soap_Transport::EWS_Soap_Transport(const HTTP_Session_Ptr& session, const std::string& path)
+  : session_(session), path_(path.empty() ? "/EWS/Exchange.asmx" : path)
+{
+}
+
+pugi::xml_node EWS_Soap_Transport::start_envelope(pugi::xml_document& doc, const char* operation) const
+{
+  pugi::xml_node decl = doc.append_child(pugi::node_declaration);
+  decl.append_attribute("version") = "1.0";
+  decl.append_attribute("encoding") = "utf-8";
+  pugi::xml_node env = doc.append_child("soap:Envelope");
+  env.append_attribute("xmlns:soap") = ews_xml::soap_ns;
+  env.append_attribute("xmlns:t") = ews_xml::types_ns;
+  env.append_attribute("xmlns:m") = ews_xml::messages_ns;
+  pugi::xml_node header = env.append_child("soap:Header");
+  header.append_child("t:RequestServerVersion").append_attribute("Version") = server_version;
+  if (!mailbox_.empty())
+    header.append_child("t:ExchangeImpersonation")
+      .append_child("t:ConnectingSID")
+      .append_child("t:PrimarySmtpAddress")
+      .text()
+      .set(mailbox_.c_str());
+  return env.append_child("soap:Body").append_child((std::string("m:") + operation).c_str());
+}
+
+EWS_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
+                                                 bool parsed) const
+{
+  const long status = response.status();
+  const std::string code = "HTTP " + std::to_string(status);
+  if (status == 401)
+  {
+    const std::string* diagnostics = response.headers().get("x-ms-diagnostics");
+    return EWS_Status::make(EWS_STATUS_UNAUTHORIZED, code, diagnostics ? *diagnostics : "the credentials were refused");
+  }
+  if (status == 429 || status == 503)
+    return EWS_Status::make(EWS_STATUS_THROTTLED, code, "the service is busy", retry_after_ms(response));
+  if (parsed)
+  {
+    // A SOAP fault: its detail carries the EWS response code and any back-off.
+    const pugi::xml_node body = child(answer.document_element(), ews_xml::soap_ns, "Body");
+    const pugi::xml_node fault = child(body, ews_xml::soap_ns, "Fault");
+    if (fault)
+    {
+      const pugi::xml_node detail = child(fault, "detail");
+      Message_Status s;
+      s.response_class = "Error";
+      s.code = child(detail, "ResponseCode").text().get();
+      s.text = child(detail, "Message").text().get();
+      if (s.text.empty())
+        s.text = child(fault, "faultstring").text().get();
+      s.back_off_ms = back_off_of(child(detail, "MessageXml"));
+      if (s.code.empty())
+        s.code = code;
+      EWS_Status st = status_of(s);
+      if (st.kind == EWS_STATUS_PERMANENT && status >= 500 && s.code == code)
+        st.kind = EWS_STATUS_TRANSIENT;
+      return st;
+    }
+  }
+  if (status >= 500)
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, code, "server error");
+  return EWS_Status::make(EWS_STATUS_PERMANENT, code, response.body().substr(0, 256));
+}
+
+EWS_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
+                                    pugi::xml_document& answer, pugi::xml_node& messages)
+{
+  if (!session_)
+    return EWS_Status::make(EWS_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
+  std::ostringstream text;
+  request.save(text, "", pugi::format_raw);
+  HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
+  http.body() = text.str();
+  http.headers().put("Content-Type", "text/xml; charset=utf-8");
+  http.headers().put("Accept", "text/xml");
+  if (!credentials_.bearer_token.empty())
+    http.headers().put("Authorization", "Bearer " + credentials_.bearer_token);
+  else if (!credentials_.user.empty())
+    http.headers().put("Authorization", basic_credentials(credentials_));
+  if (!mailbox_.empty())
+    http.headers().put("X-AnchorMailbox", mailbox_);
+
+  HTTP_Response response;
+  const bool sent = session_->perform(http, response);
+  http.headers().clear();
+  if (!sent)
+    return transport_failure(*session_);
+
+  const bool parsed = answer.load_buffer(response.body().data(), response.body().size());
+  if (response.status() != 200)
+    return read_http_failure(response, answer, parsed);
+  const pugi::xml_node body = child(answer.document_element(), ews_xml::soap_ns, "Body");
+  const pugi::xml_node op_response = child(body, (std::string(operation) + "Response").c_str());
+  messages = child(op_response, "ResponseMessages");
+  if (!parsed || !messages)
+    // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying.
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer",
+                            std::string("incomplete or unreadable ") + operation + " answer");
+  return EWS_Status();
+}
+
+EWS_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
+                                            EWS_Folder_Page& page)
+{
+  pugi::xml_document doc;
+  pugi::xml_node op = start_envelope(doc, "FindFolder");
+  op.append_attribute("Traversal") = deep ? "Deep" : "Shallow";
+  pugi::xml_node shape = op.append_child("m:FolderShape");
+  shape.append_child("t:BaseShape").text().set("Default");
+  if (deep)
+    add_field(shape.append_child("t:AdditionalProperties"), "folder:ParentFolderId");
+  add_page_view(op, "m:IndexedPageFolderView", offset, max);
+  add_folder_ref(op.append_child("m:ParentFolderIds"), parent);
+
+  pugi::xml_document answer;
+  pugi::xml_node messages;
+  EWS_Status status = call(doc, "FindFolder", answer, messages);
+  if (!status.ok())
+    return status;
+  const std::vector<pugi::xml_node> list = message_list(messages);
+  if (list.empty())
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "FindFolder answer without a message");
+  status = status_of(read_message(list[0]));
+  if (!status.ok())
+    return status;
+  const pugi::xml_node root = child(list[0], "RootFolder");
+  const pugi::xml_node folders = child(root, "Folders");
+  for (pugi::xml_node f = folders.first_child(); f; f = f.next_sibling())
+  {
+    if (f.type() != pugi::node_element)
+      continue;
+    page.folders.emplace_back(f);
+    page.parent_ids.push_back(child(f, "ParentFolderId").attribute("Id").value());
+  }
+  read_paging(root, offset, page.folders.size(), page.next_offset, page.last);
+  return status;
+}
+
+EWS_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page)
+{
+  pugi::xml_document doc;
+  pugi::xml_node op = start_envelope(doc, "FindItem");
+  op.append_attribute("Traversal") = "Shallow";
+  pugi::xml_node shape = op.append_child("m:ItemShape");
+  shape.append_child("t:BaseShape").text().set("IdOnly");
+  pugi::xml_node props = shape.append_child("t:AdditionalProperties");
+  add_field(props, "item:Subject");
+  add_field(props, "item:DateTimeCreated");
+  add_field(props, "item:LastModifiedTime");
+  add_page_view(op, "m:IndexedPageItemView", offset, max);
+  EWS_Folder_Ref ref;
+  ref.id = folder_id;
+  add_folder_ref(op.append_child("m:ParentFolderIds"), ref);
+
+  pugi::xml_document answer;
+  pugi::xml_node messages;
+  EWS_Status status = call(doc, "FindItem", answer, messages);
+  if (!status.ok())
+    return status;
+  const std::vector<pugi::xml_node> list = message_list(messages);
+  if (list.empty())
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "FindItem answer without a message");
+  status = status_of(read_message(list[0]));
+  if (!status.ok())
+    return status;
+  const pugi::xml_node root = child(list[0], "RootFolder");
+  for (pugi::xml_node i = child(root, "Items").first_child(); i; i = i.next_sibling())
+    if (i.type() == pugi::node_element)
+      page.items.push_back(read_item(i));
+  read_paging(root, offset, page.items.size(), page.next_offset, page.last);
+  return status;
+}
+
+EWS_Status EWS_Soap_Transport::export_items(EWS_Export_Requests& requests)
+{
+  pugi::xml_document doc;
+  pugi::xml_node ids = start_envelope(doc, "ExportItems").append_child("m:ItemIds");
+  for (const EWS_Export_Request& r : requests)
+  {
+    pugi::xml_node id = ids.append_child("t:ItemId");
+    id.append_attribute("Id") = r.id.c_str();
+    if (!r.change_key.empty())
+      id.append_attribute("ChangeKey") = r.change_key.c_str();
+  }
+  pugi::xml_document answer;
+  pugi::xml_node messages;
+  EWS_Status status = call(doc, "ExportItems", answer, messages);
+  if (!status.ok())
+    return status;
+  const std::vector<pugi::xml_node> list = message_list(messages);
+  if (list.size() != requests.size())
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "ExportItems answer count differs");
+
+  EWS_Status overall;
+  for (size_t i = 0; i < list.size(); ++i)
+  {
+    EWS_Export_Request& r = requests[i];
+    const Message_Status s = read_message(list[i]);
+    const EWS_Status item_status = status_of(s);
+    const pugi::xml_node data = child(list[i], "Data");
+    if (item_status.ok() && EWS_b64_Data::decode(data.text().get(), std::char_traits<char>::length(data.text().get()), r.data) && r.data.size > 0)
+    {
+      r.error.clear();
+      continue;
+    }
+    r.data = EWS_b64_Data();
+    r.error = item_status.ok() ? "invalid export data" : s.code;
+    if (item_status.ok())
+      overall = EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "invalid export data of an item");
+    else if (item_status.kind == EWS_STATUS_THROTTLED || item_status.kind == EWS_STATUS_TRANSIENT)
+      overall = item_status;
+  }
+  return overall;
+}
+
+EWS_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request)
+{
+  pugi::xml_document doc;
+  pugi::xml_node op = start_envelope(doc, "CreateFolder");
+  add_folder_ref(op.append_child("m:ParentFolderId"), parent);
+  pugi::xml_node folder =
+    op.append_child("m:Folders").append_child((std::string("t:") + ews_folder_element(request.type)).c_str());
+  folder.append_child("t:DisplayName").text().set(request.display_name.c_str());
+
+  pugi::xml_document answer;
+  pugi::xml_node messages;
+  EWS_Status status = call(doc, "CreateFolder", answer, messages);
+  if (!status.ok())
+    return status;
+  const std::vector<pugi::xml_node> list = message_list(messages);
+  if (list.empty())
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "CreateFolder answer without a message");
+  status = status_of(read_message(list[0]));
+  if (!status.ok())
+    return status;
+  const pugi::xml_node created = child(child(list[0], "Folders"), "Folder");
+  pugi::xml_node id = child(created, "FolderId");
+  if (!id)
+    for (pugi::xml_node f = child(list[0], "Folders").first_child(); f && !id; f = f.next_sibling())
+      id = child(f, "FolderId");
+  if (!id || !*id.attribute("Id").value())
+    return EWS_Status::make(EWS_STATUS_PERMANENT, "malformed answer", "CreateFolder answer without a folder id");
+  request.id = id.attribute("Id").value();
+  request.change_key = id.attribute("ChangeKey").value();
+  return status;
+}
+
+EWS_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
+                                            std::vector<std::string>& ids, std::vector<std::string>& errors)
+{
+  pugi::xml_document doc;
+  pugi::xml_node list_node = start_envelope(doc, "UploadItems").append_child("m:Items");
+  for (const ustring* data : items)
+  {
+    pugi::xml_node item = list_node.append_child("t:Item");
+    item.append_attribute("CreateAction") = "CreateNew";
+    item.append_child("t:ParentFolderId").append_attribute("Id") = parent_id.c_str();
+    item.append_child("t:Data").text().set(EWS_b64_Data::encode(data->data(), data->size()).c_str());
+  }
+  pugi::xml_document answer;
+  pugi::xml_node messages;
+  EWS_Status status = call(doc, "UploadItems", answer, messages);
+  if (!status.ok())
+    return status;
+  const std::vector<pugi::xml_node> list = message_list(messages);
+  if (list.size() != items.size())
+    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "UploadItems answer count differs");
+  ids.assign(items.size(), std::string());
+  errors.assign(items.size(), std::string());
+  EWS_Status overall;
+  for (size_t i = 0; i < list.size(); ++i)
+  {
+    const Message_Status s = read_message(list[i]);
+    const EWS_Status item_status = status_of(s);
+    if (item_status.ok())
+    {
+      ids[i] = child(list[i], "ItemId").attribute("Id").value();
+      continue;
+    }
+    errors[i] = s.code + (s.text.empty() ? "" : ": " + s.text);
+    if (item_status.kind == EWS_STATUS_THROTTLED || item_status.kind == EWS_STATUS_TRANSIENT)
+      overall = item_status;
+    else if (overall.ok())
+      overall = item_status;
+  }
+  return overall;
+}

@@ -1,0 +1,131 @@
+#ifndef TESTS_HOST_HTTP_EXO_SIM_PROCESS_H
+#define TESTS_HOST_HTTP_EXO_SIM_PROCESS_H
+
+// Runs the Exchange Online simulator (apps/exo-sim) for a test: on a free
+// loopback port, stopped with SIGTERM and reaped when the object goes away.
+// The test program's CMakeLists.txt defines EXO_SIM_PATH.
+
+#include "host/office365/office365_auth_entry.h"
+
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+class Exo_Sim_Process
+{
+public:
+  static constexpr const char* tenant_id = "8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04";
+  static constexpr const char* client_id = "3f2b8c1e-5a4d-4c6f-8e7b-9a0d1c2e3f45";
+  static constexpr const char* client_secret = "exo-sim-demo-secret";
+  static constexpr const char* domain = "demo.exosim.test";
+
+  explicit Exo_Sim_Process(const std::vector<std::string>& extra = {})
+  {
+    std::vector<std::string> args = {EXO_SIM_PATH, "--port", "0", "--request-log", "/dev/null"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    std::vector<char*> argv;
+    for (std::string& a : args)
+      argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+
+    int out[2];
+    if (::pipe(out) != 0)
+      throw std::runtime_error("pipe");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_addclose(&actions, out[0]);
+    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    if (rc != 0)
+    {
+      ::close(out[0]);
+      throw std::runtime_error("cannot start exo-sim");
+    }
+    std::string line;
+    char c;
+    while (::read(out[0], &c, 1) == 1 && c != '\n')
+      line += c;
+    ::close(out[0]);
+    const size_t colon = line.rfind(':');
+    if (line.compare(0, 13, "listening on ") != 0 || colon == std::string::npos)
+    {
+      stop();
+      throw std::runtime_error("exo-sim did not start: '" + line + "'");
+    }
+    port_ = std::stoi(line.substr(colon + 1));
+  }
+
+  ~Exo_Sim_Process() { stop(); }
+  Exo_Sim_Process(const Exo_Sim_Process&) = delete;
+  Exo_Sim_Process& operator=(const Exo_Sim_Process&) = delete;
+
+  int port() const { return port_; }
+  std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::string mailbox(const std::string& local) const { return local + "@" + domain; }
+
+  // The demo tenant's registration, all three services on the simulator.
+  Office365_Auth_Entry entry() const
+  {
+    Office365_Auth_Entry e;
+    e.ms_login_endpoint = base();
+    e.ms_graph_endpoint = base();
+    e.ews_endpoint = base() + "/EWS/Exchange.asmx";
+    e.tenant_email = mailbox("admin");
+    e.tenant_id = tenant_id;
+    e.client_id = client_id;
+    e.client_secret = client_secret;
+    return e;
+  }
+
+  nlohmann::json status() const
+  {
+    httplib::Client client("127.0.0.1", port_);
+    auto res = client.Get("/_sim/status");
+    if (!res || res->status != 200)
+      throw std::runtime_error("no simulator status");
+    return nlohmann::json::parse(res->body);
+  }
+
+  void set_faults(const nlohmann::json& faults) const
+  {
+    httplib::Client client("127.0.0.1", port_);
+    auto res = client.Post("/_sim/faults", faults.dump(), "application/json");
+    if (!res || res->status != 200)
+      throw std::runtime_error("cannot set simulator faults");
+  }
+
+  void reset_counters() const
+  {
+    httplib::Client client("127.0.0.1", port_);
+    client.Post("/_sim/reset", "", "application/json");
+  }
+
+private:
+  void stop()
+  {
+    if (pid_ <= 0)
+      return;
+    ::kill(pid_, SIGTERM);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+  }
+
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+#endif

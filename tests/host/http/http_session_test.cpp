@@ -1,0 +1,139 @@
+#include "host/http/http_session_factory.h"
+#include "host/http/json_restful_client.h"
+#include "host/http/loopback_server.h"
+#include "host/http/scripted_server.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+namespace
+{
+HTTP_Session_Ptr session_to(const Loopback_Server& s)
+{
+  return HTTP_Session_Factory::create("127.0.0.1", s.port(), false);
+}
+}  // namespace
+
+TEST(HttpSession, ReusesOneConnectionAndCarriesHeadersAndBodies)
+{
+  Loopback_Server s;
+  std::atomic<int> calls{0};
+  s.server().Post("/echo", [&](const httplib::Request& req, httplib::Response& res) {
+    ++calls;
+    res.set_header("X-Seen", req.get_header_value("X-Test"));
+    res.set_header("Retry-After", "7");
+    res.set_content(req.body + "|" + req.get_param_value("q"), "text/plain");
+  });
+  s.start();
+  HTTP_Session_Ptr session = session_to(s);
+  ASSERT_TRUE(session);
+  for (int i = 0; i < 3; ++i)
+  {
+    HTTP_Request request(HTTP_METHOD_POST, "/echo");
+    request.query_string_buffer() = "q=a%20b";
+    request.headers().put("X-Test", "v" + std::to_string(i));
+    request.body() = "payload";
+    HTTP_Response response;
+    ASSERT_TRUE(session->perform(request, response)) << session->error();
+    EXPECT_EQ(response.status(), 200);
+    EXPECT_EQ(response.body(), "payload|a b");
+    ASSERT_NE(response.headers().get("x-seen"), nullptr);
+    EXPECT_EQ(*response.headers().get("X-SEEN"), "v" + std::to_string(i));
+    EXPECT_EQ(*response.headers().get("retry-after"), "7");
+  }
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(session->connections_opened(), 1);
+}
+
+TEST(HttpSession, ReportsTransportFailures)
+{
+  int port = 0;
+  {
+    Loopback_Server gone;
+    gone.start();
+    port = gone.port();
+  }
+  HTTP_Session_Ptr session = HTTP_Session_Factory::create("127.0.0.1", port, false, 5, 5);
+  HTTP_Request request(HTTP_METHOD_GET, "/");
+  HTTP_Response response;
+  EXPECT_FALSE(session->perform(request, response));
+  EXPECT_EQ(session->transport_error(), HTTP_TRANSPORT_CONNECT);
+  EXPECT_FALSE(session->error().empty());
+
+  Scripted_Server dropping([](const Scripted_Request& r) {
+    Scripted_Reply reply;
+    reply.drop = r.target == "/cut";
+    reply.body = "fine";
+    return reply;
+  });
+  HTTP_Session_Ptr live = HTTP_Session_Factory::create("127.0.0.1", dropping.port(), false, 5, 5);
+  HTTP_Request cut(HTTP_METHOD_GET, "/cut");
+  EXPECT_FALSE(live->perform(cut, response));
+  EXPECT_EQ(live->transport_error(), HTTP_TRANSPORT_DROPPED);
+  // The session recovers on a new connection.
+  HTTP_Request fine(HTTP_METHOD_GET, "/fine");
+  ASSERT_TRUE(live->perform(fine, response)) << live->error();
+  EXPECT_EQ(response.body(), "fine");
+  EXPECT_EQ(dropping.connections(), 2);
+}
+
+TEST(HttpSessionFactory, RefusesPlainHttpToRemoteHostsAndBadAddresses)
+{
+  EXPECT_FALSE(HTTP_Session_Factory::create("graph.example.com", 80, false));
+  EXPECT_TRUE(HTTP_Session_Factory::create("graph.example.com", 443, true));
+  EXPECT_TRUE(HTTP_Session_Factory::create("localhost", 80, false));
+  EXPECT_FALSE(HTTP_Session_Factory::create("", 443, true));
+  EXPECT_FALSE(HTTP_Session_Factory::create("host", 0, true));
+  EXPECT_FALSE(HTTP_Session_Factory::create("host", 443, true, "http://proxy:3128", 3, nullptr, false, 120, 120, 0, 0));
+  HTTP_Session_Factory::allow_plain_http(true);
+  EXPECT_TRUE(HTTP_Session_Factory::create("graph.example.com", 80, false));
+  HTTP_Session_Factory::allow_plain_http(false);
+}
+
+TEST(JsonRestfulClient, SendsStandingHeadersAndParsesOnlySuccessfulJson)
+{
+  Loopback_Server s;
+  s.server().Get("/ok", [](const httplib::Request& req, httplib::Response& res) {
+    res.set_content("{\"auth\":\"" + req.get_header_value("Authorization") + "\",\"accept\":\"" +
+                      req.get_header_value("Accept") + "\",\"c\":\"" + req.get_header_value("ConsistencyLevel") +
+                      "\"}",
+                    "application/json");
+  });
+  s.server().Get("/denied", [](const httplib::Request&, httplib::Response& res) {
+    res.status = 403;
+    res.set_content("{\"error\":{\"code\":\"Authorization_RequestDenied\"}}", "application/json");
+  });
+  s.server().Get("/text", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content("not json", "text/plain");
+  });
+  s.start();
+
+  JSON_RESTful_Client client(true);
+  nlohmann::ordered_json value;
+  HTTP_Request unbound(HTTP_METHOD_GET, "/ok");
+  EXPECT_FALSE(client.get(unbound, &value));
+
+  client.reset(session_to(s));
+  client.set_header(HTTP_HEADER_AUTHORIZATION, "Bearer abc");
+  HTTP_Request request(HTTP_METHOD_GET, "/ok");
+  request.headers().put("ConsistencyLevel", "eventual");
+  ASSERT_TRUE(client.get(request, &value)) << client.last_error();
+  EXPECT_EQ(value["auth"], "Bearer abc");
+  EXPECT_EQ(value["accept"], "application/json");
+  EXPECT_EQ(value["c"], "eventual");
+
+  HTTP_Request denied(HTTP_METHOD_GET, "/denied");
+  EXPECT_FALSE(client.get(denied, &value));
+  EXPECT_EQ(client.last_status(), 403);
+  EXPECT_NE(client.last_error().find("Authorization_RequestDenied"), std::string::npos);
+  EXPECT_EQ(client.last_error().find("Bearer"), std::string::npos);
+
+  HTTP_Request text(HTTP_METHOD_GET, "/text");
+  EXPECT_FALSE(client.get(text, &value));
+
+  client.set_header(HTTP_HEADER_AUTHORIZATION, nullptr);
+  HTTP_Request again(HTTP_METHOD_GET, "/ok");
+  ASSERT_TRUE(client.get(again, &value));
+  EXPECT_EQ(value["auth"], "");
+}
