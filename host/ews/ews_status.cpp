@@ -2,8 +2,9 @@
 
 bool ews_is_transient_code(const std::string& code)
 {
+  // ErrorExceededFindCountLimit is not here: the same page size would be refused again.
   static const char* const transient[] = {
-    "ErrorServerBusy",          "ErrorExceededConnectionCount", "ErrorExceededFindCountLimit",
+    "ErrorServerBusy",          "ErrorExceededConnectionCount",
     "ErrorTooManyObjectsOpened", "ErrorTimeoutExpired",         "ErrorMailboxStoreUnavailable",
     "ErrorMailboxMoveInProgress", "ErrorConnectionFailed",      "ErrorInternalServerError",
     "ErrorInternalServerTransientError", "ErrorBatchProcessingStopped",
