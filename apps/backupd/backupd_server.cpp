@@ -235,15 +235,25 @@ std::shared_ptr<Object_Directory> Backupd_Server::pool_directory(const std::stri
   return dir;
 }
 
+std::shared_ptr<Object_Directory> Backupd_Server::writable_pool_directory(const std::string& uuid,
+                                                                          httplib::Response& res)
+{
+  Catalog_DB::Pool pool;
+  std::shared_ptr<Object_Directory> dir = pool_directory(uuid, res, &pool);
+  if (dir && pool.settings.value("read_only", false))
+  {
+    answer_error(res, 403, "the pool is read-only");
+    return nullptr;
+  }
+  return dir;
+}
+
 void Backupd_Server::put_object(const httplib::Request& req, httplib::Response& res,
                                 const httplib::ContentReader& reader)
 {
-  Catalog_DB::Pool pool;
-  std::shared_ptr<Object_Directory> dir = pool_directory(req.matches[1], res, &pool);
+  std::shared_ptr<Object_Directory> dir = writable_pool_directory(req.matches[1], res);
   if (!dir)
     return;
-  if (pool.settings.value("read_only", false))
-    return answer_error(res, 403, "the pool is read-only");
   std::string name = req.matches[2];
   if (!is_valid_storage_name(name))
     return answer_error(res, 400, "invalid object name");
@@ -325,12 +335,9 @@ void Backupd_Server::list_objects(const httplib::Request& req, httplib::Response
 
 void Backupd_Server::delete_object(const httplib::Request& req, httplib::Response& res)
 {
-  Catalog_DB::Pool pool;
-  std::shared_ptr<Object_Directory> dir = pool_directory(req.matches[1], res, &pool);
+  std::shared_ptr<Object_Directory> dir = writable_pool_directory(req.matches[1], res);
   if (!dir)
     return;
-  if (pool.settings.value("read_only", false))
-    return answer_error(res, 403, "the pool is read-only");
   int rc = dir->remove(req.matches[2]);
   if (rc != 0)
     return answer_error(res, status_of(rc), rc == ENOENT ? "no such object" : std::string("cannot remove: ") + strerror(rc));

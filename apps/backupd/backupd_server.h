@@ -37,6 +37,8 @@ private:
   // The pool's object directory; null (and the answer set) when there is no pool.
   std::shared_ptr<Object_Directory> pool_directory(const std::string& uuid, httplib::Response& res,
                                                    Catalog_DB::Pool* pool = nullptr);
+  // As pool_directory, for a change: null with 403 when the pool is read-only.
+  std::shared_ptr<Object_Directory> writable_pool_directory(const std::string& uuid, httplib::Response& res);
 
   void get_sets(const httplib::Request& req, httplib::Response& res);
   void post_set(const httplib::Request& req, httplib::Response& res);

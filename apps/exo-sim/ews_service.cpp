@@ -72,6 +72,21 @@ struct Page {
   int offset = 0;
   int max = k_max_page;
   bool from_end = false;
+
+  // The entries [start, end) of `total` this page covers, counting from the start or,
+  // with BasePoint="End", back from the end; `more` when entries remain beyond it.
+  void window(int total, int& start, int& end, bool& more) const
+  {
+    if (from_end) {
+      end = std::max(0, total - offset);
+      start = std::max(0, end - max);
+      more = start > 0;
+    } else {
+      start = std::min(offset, total);
+      end = std::min(total, start + max);
+      more = end < total;
+    }
+  }
 };
 
 bool read_page(const pugi::xml_node& view, Page& page)
@@ -414,15 +429,10 @@ Sim_Reply Ews_Service::find_folder(Call& call)
     }
     std::vector<Folder_View> all;
     if (traversal != "SoftDeleted") all = store_.list_folders(mailbox, folder, traversal == "Deep");
-    int total = int(all.size());
-    int start = std::min(page.offset, total);
-    int end = std::min(total, start + page.max);
-    if (page.from_end) {
-      end = std::max(0, total - page.offset);
-      start = std::max(0, end - page.max);
-    }
-    bool last = page.from_end ? start == 0 : end >= total;
-    body += success_open(op) + root_folder_open(page, page.offset + (end - start), total, last) + "<t:Folders>";
+    int total = int(all.size()), start = 0, end = 0;
+    bool more = false;
+    page.window(total, start, end, more);
+    body += success_open(op) + root_folder_open(page, page.offset + (end - start), total, !more) + "<t:Folders>";
     for (int k = start; k < end; ++k) body += folder_xml(all[size_t(k)], shape);
     body += "</t:Folders></m:RootFolder></m:" + op + "ResponseMessage>";
     reply.items += end - start;
@@ -456,14 +466,10 @@ Sim_Reply Ews_Service::find_item(Call& call)
     int total = 0;
     store_.list_items(mailbox, folder, traversal == "Associated", 0, 0, total);
     if (traversal == "SoftDeleted") total = 0;
-    int start = std::min(page.offset, total);
-    int count = std::max(0, std::min(page.max, total - start));
-    if (page.from_end) {
-      int end = std::max(0, total - page.offset);
-      start = std::max(0, end - page.max);
-      count = end - start;
-    }
-    bool more = page.from_end ? start > 0 : start + count < total;
+    int start = 0, end = 0;
+    bool more = false;
+    page.window(total, start, end, more);
+    int count = end - start;
     // Under load Exchange returns a short page although more items remain.
     if (count > 1 && faults_.roll("partial_page", settings.partial_page_rate)) {
       stats_.count("faults.partial_page");

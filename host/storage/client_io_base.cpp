@@ -13,6 +13,19 @@ const std::string* Client_IO_Base::Options::extra_option(const std::string& name
   return it == extra_options.end() ? nullptr : &it->second;
 }
 
+bool Client_IO_Base::get_contents(const std::string& name, std::string& text)
+{
+  text.clear();
+  if (!open_read(name, 0))
+    return false;
+  std::vector<char> buf(64 * 1024);
+  long long n;
+  while ((n = read(buf.data(), buf.size())) > 0)
+    text.append(buf.data(), static_cast<size_t>(n));
+  close_read();
+  return n == 0;
+}
+
 bool Client_IO_Base::fail(const std::string& text)
 {
   last_error_ = text;

@@ -54,7 +54,8 @@ public:
   // Stores `text` under `name`. When `overwrite` is false an existing object is
   // kept and the call fails. Readers never see a partial object.
   virtual bool put_contents(const std::string& name, const std::string& text, bool overwrite) = 0;
-  virtual bool get_contents(const std::string& name, std::string& text) = 0;
+  // Reads the whole object `name` into `text` through the streamed read.
+  virtual bool get_contents(const std::string& name, std::string& text);
 
   // Streamed write: open_write, write any number of times, then close_write to
   // publish the object (or abort_write to drop it).

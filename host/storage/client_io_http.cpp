@@ -280,19 +280,6 @@ bool Client_IO_Http::put_contents(const std::string& name, const std::string& te
   return true;
 }
 
-bool Client_IO_Http::get_contents(const std::string& name, std::string& text)
-{
-  text.clear();
-  if (!open_read(name, 0))
-    return false;
-  char buf[PIECE];
-  long long n;
-  while ((n = read(buf, sizeof buf)) > 0)
-    text.append(buf, static_cast<size_t>(n));
-  close_read();
-  return n == 0;
-}
-
 bool Client_IO_Http::open_write(const std::string& name, bool overwrite)
 {
   if (base_url_.empty())

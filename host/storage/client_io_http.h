@@ -27,7 +27,6 @@ public:
 
   bool open(const std::string& location, const Options& options) override;
   bool put_contents(const std::string& name, const std::string& text, bool overwrite) override;
-  bool get_contents(const std::string& name, std::string& text) override;
   bool open_write(const std::string& name, bool overwrite) override;
   bool write(const void* data, size_t len) override;
   bool close_write() override;
