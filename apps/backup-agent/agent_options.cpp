@@ -20,7 +20,7 @@ bool Agent_Options::parse(int argc, char** argv, std::string& error)
       verbose = true;
     else
     {
-      error = "unknown option " + arg;
+      error = "unknown option " + arg.substr(0, arg.find('='));  // a value after '=' may be a secret
       return false;
     }
   }
@@ -39,5 +39,7 @@ const char* Agent_Options::usage()
   return "usage: backup-agent [--config FILE] [--module PATH] [--verbose] COMMAND [ARGS...]\n"
          "commands:\n"
          "  check-job FILE   read a job definition through the module and print what it understood\n"
-         "  run-job FILE     run a backup or restore job definition and wait for its outcome\n";
+         "  run-job FILE     run a backup or restore job definition and wait for its outcome\n"
+         "  tenant add|list|remove|test\n"
+         "                   manage the Office 365 tenant registrations (backup-agent tenant for details)\n";
 }

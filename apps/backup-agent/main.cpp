@@ -1,11 +1,15 @@
 // backup-agent: the host agent. Loads the Exchange module at run time through
-// its exported factory pairs and runs its jobs.
+// its exported factory pairs and runs its jobs; manages the Office 365 tenant
+// registry the jobs take their credentials from.
 
 #include "apps/backup-agent/agent_options.h"
 #include "apps/backup-agent/check_job_command.h"
 #include "apps/backup-agent/module_host.h"
 #include "apps/backup-agent/run_job_command.h"
+#include "apps/backup-agent/tenant_command.h"
+#include "host/ews/ews_params.h"
 #include "host/job/agent_config.h"
+#include "host/office365/office365_tenant_registry.h"
 
 #include <ace/Log_Msg.h>
 #include <fstream>
@@ -33,6 +37,32 @@ bool open_log_file(const std::string& path, std::ofstream& file)
   ACE_LOG_MSG->set_flags(ACE_Log_Msg::OSTREAM | ACE_Log_Msg::VERBOSE_LITE);
   return true;
 }
+
+// Hands the configuration to the host libraries that take theirs from it.
+void apply_configuration(const Agent_Config& config)
+{
+  if (!config.state_dir().empty())
+    Office365_Tenant_Registry::set_default_path(Office365_Tenant_Registry::file_in(config.state_dir()));
+  EWS_Params::configure(config);
+}
+
+int run_job_command(const Agent_Options& options)
+{
+  if (options.args.size() != 1)
+  {
+    std::cerr << "backup-agent: " << options.command << " takes one job definition file\n";
+    return 64;
+  }
+  Module_Host module;
+  if (!module.load(options.module_path))
+  {
+    std::cerr << "backup-agent: " << module.error() << "\n";
+    return 1;
+  }
+  if (options.command == "check-job")
+    return Check_Job_Command(module).run(options.args[0], std::cout, std::cerr);
+  return Run_Job_Command(module).run(options.args[0], std::cout, std::cerr);
+}
 }  // namespace
 
 int main(int argc, char** argv)
@@ -58,24 +88,12 @@ int main(int argc, char** argv)
     return 1;
   }
 
-  const bool job_command = options.command == "check-job" || options.command == "run-job";
-  if (!job_command)
-  {
-    std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();
-    return 64;
-  }
-  if (options.args.size() != 1)
-  {
-    std::cerr << "backup-agent: " << options.command << " takes one job definition file\n";
-    return 64;
-  }
-  Module_Host module;
-  if (!module.load(options.module_path))
-  {
-    std::cerr << "backup-agent: " << module.error() << "\n";
-    return 1;
-  }
-  if (options.command == "check-job")
-    return Check_Job_Command(module).run(options.args[0], std::cout, std::cerr);
-  return Run_Job_Command(module).run(options.args[0], std::cout, std::cerr);
+  apply_configuration(Agent_Config::instance());
+
+  if (options.command == "check-job" || options.command == "run-job")
+    return run_job_command(options);
+  if (options.command == "tenant")
+    return Tenant_Command(Office365_Tenant_Registry::default_path(), std::cout, std::cerr).run(options.args);
+  std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();
+  return 64;
 }

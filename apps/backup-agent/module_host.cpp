@@ -1,9 +1,15 @@
 #include "apps/backup-agent/module_host.h"
 
+#include <ace/Thread_Manager.h>
+
 Module_Host::Module_Host() {}
 
 Module_Host::~Module_Host()
 {
+  // A job's thread still runs module code for a moment after the job has said it
+  // is done; the library must not be closed under it. The job threads are the
+  // thread manager's only threads, detached, and wait() waits for those too.
+  ACE_Thread_Manager::instance()->wait();
   // Module objects go before the library that holds their code.
   job_creator_.reset();
   backup_options_.reset();

@@ -11,7 +11,8 @@
 // The Exchange module as the agent holds it: the loaded shared object and the
 // objects made through its factory pairs (the job creator and the four parser
 // creators). Objects are released through the module's own gobble functions
-// before the library is unloaded.
+// before the library is unloaded, and only once the module's job threads have
+// ended.
 class Module_Host
 {
 public:

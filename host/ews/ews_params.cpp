@@ -1,19 +1,52 @@
 #include "host/ews/ews_params.h"
 
+#include "host/job/agent_config.h"
+#include "host/job/log.h"
+
 #include <algorithm>
 #include <atomic>
 
 namespace
 {
-const int default_paging_size = 500;
-const int default_batch_size = 50;
-const int default_retry_budget = 600;
-const int default_retry_base_delay_ms = 1000;
+// One setting: its key in an "ews" configuration object, its range and default.
+struct Param
+{
+  const char* key;
+  int min;
+  int max;
+  int fallback;
+  std::atomic<int>* value;
+};
 
-std::atomic<int> paging{default_paging_size};
-std::atomic<int> batch{default_batch_size};
-std::atomic<int> budget{default_retry_budget};
-std::atomic<int> base_delay{default_retry_base_delay_ms};
+std::atomic<int> paging{500};
+std::atomic<int> batch{50};
+std::atomic<int> budget{600};
+std::atomic<int> base_delay{1000};
+
+const Param params[] = {
+  {"paging_size", 1, 1000, 500, &paging},
+  {"batch_size", 1, 100, 50, &batch},
+  {"retry_budget_seconds", 0, 86400, 600, &budget},
+  {"retry_base_delay_ms", 1, 60000, 1000, &base_delay},
+};
+
+const Param& param(const std::atomic<int>& value)
+{
+  for (const Param& p : params)
+    if (p.value == &value)
+      return p;
+  return params[0];
+}
+
+int clamped(const Param& p, long long value)
+{
+  return static_cast<int>(std::clamp<long long>(value, p.min, p.max));
+}
+
+void set(std::atomic<int>& value, long long requested)
+{
+  value = clamped(param(value), requested);
+}
 }  // namespace
 
 int EWS_Params::paging_size()
@@ -38,62 +71,68 @@ int EWS_Params::retry_base_delay_ms()
 
 void EWS_Params::set_paging_size(int value)
 {
-  paging = std::clamp(value, 1, 1000);
+  set(paging, value);
 }
 
 void EWS_Params::set_batch_size(int value)
 {
-  batch = std::clamp(value, 1, 100);
+  set(batch, value);
 }
 
 void EWS_Params::set_retry_budget(int seconds)
 {
-  budget = std::clamp(seconds, 0, 86400);
+  set(budget, seconds);
 }
 
 void EWS_Params::set_retry_base_delay_ms(int ms)
 {
-  base_delay = std::clamp(ms, 1, 60000);
+  set(base_delay, ms);
 }
 
 bool EWS_Params::configure(const nlohmann::ordered_json& ews, std::string& error)
 {
-  struct Key
-  {
-    const char* name;
-    void (*set)(int);
-  };
-  const Key keys[] = {{"paging_size", set_paging_size},
-                      {"batch_size", set_batch_size},
-                      {"retry_budget_seconds", set_retry_budget},
-                      {"retry_base_delay_ms", set_retry_base_delay_ms}};
   if (!ews.is_object())
   {
     error = "the EWS settings must be an object";
     return false;
   }
-  for (const Key& k : keys)
+  for (const Param& p : params)
   {
-    const auto it = ews.find(k.name);
+    const auto it = ews.find(p.key);
     if (it != ews.end() && !it->is_number_integer())
     {
-      error = std::string("EWS setting '") + k.name + "' must be an integer";
+      error = std::string("EWS setting '") + p.key + "' must be an integer";
       return false;
     }
   }
-  for (const Key& k : keys)
+  for (const Param& p : params)
   {
-    const auto it = ews.find(k.name);
+    const auto it = ews.find(p.key);
     if (it != ews.end())
-      k.set(static_cast<int>(std::clamp<long long>(it->get<long long>(), -1000000000LL, 1000000000LL)));
+      *p.value = clamped(p, it->is_number_unsigned()
+                              ? static_cast<long long>(std::min<unsigned long long>(it->get<unsigned long long>(), p.max))
+                              : it->get<long long>());
   }
   return true;
 }
 
+void EWS_Params::configure(const Agent_Config& config)
+{
+  for (const Param& p : params)
+  {
+    const std::string name = std::string("ews.") + p.key;
+    const long requested = config.setting(name, *p.value);
+    *p.value = clamped(p, requested);
+    if (*p.value != requested)
+      LOG_MSG(LM_WARNING, "Setting %s = %q is outside %d..%d; using %d\n", name.c_str(),
+              static_cast<ACE_INT64>(requested), p.min, p.max, p.value->load());
+  }
+  LOG_MSG(LM_DEBUG, "EWS settings: paging_size %d, batch_size %d, retry_budget_seconds %d, retry_base_delay_ms %d\n",
+          paging_size(), batch_size(), retry_budget(), retry_base_delay_ms());
+}
+
 void EWS_Params::reset()
 {
-  paging = default_paging_size;
-  batch = default_batch_size;
-  budget = default_retry_budget;
-  base_delay = default_retry_base_delay_ms;
+  for (const Param& p : params)
+    *p.value = p.fallback;
 }

@@ -5,6 +5,8 @@
 
 #include <string>
 
+class Agent_Config;
+
 // Process-wide settings of the EWS client, read by every EWS_Client call.
 // Defaults stay inside Exchange Online's published limits; the agent may
 // override them from its configuration. Thread-safe.
@@ -33,6 +35,11 @@ public:
   // "retry_base_delay_ms" of an "ews" configuration object; other keys are
   // ignored. False with `error` when a present key is not an integer.
   static bool configure(const nlohmann::ordered_json& ews, std::string& error);
+  // Applies the agent configuration's settings "ews.paging_size", "ews.batch_size",
+  // "ews.retry_budget_seconds" and "ews.retry_base_delay_ms" (docs/agent-config.md).
+  // A setting that is not there leaves its value as it is; one outside its range
+  // is clamped, with a warning in the log.
+  static void configure(const Agent_Config& config);
   // Back to the defaults.
   static void reset();
 };

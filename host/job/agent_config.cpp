@@ -3,6 +3,7 @@
 #include "host/job/text_file.h"
 
 #include <ace/Guard_T.h>
+#include <climits>
 #include <nlohmann/json.hpp>
 
 namespace
@@ -15,17 +16,30 @@ std::string string_member(const json& obj, const char* key)
   return (it != obj.end() && it->is_string()) ? it->get<std::string>() : std::string();
 }
 
-// Flattens {"ews": {"paging_size": 100}} into "ews.paging_size" = 100.
-void collect_settings(const json& obj, const std::string& prefix, std::map<std::string, long>& out)
+// Flattens {"ews": {"paging_size": 100}} into "ews.paging_size" = 100. Every leaf
+// must be an integer; false (and `error` naming the setting) otherwise.
+bool collect_settings(const json& obj, const std::string& prefix, std::map<std::string, long>& out,
+                      std::string& error)
 {
   for (auto it = obj.begin(); it != obj.end(); ++it)
   {
     const std::string name = prefix.empty() ? it.key() : prefix + "." + it.key();
-    if (it->is_number_integer())
+    if (it->is_number_unsigned())
+      out[name] = it->get<unsigned long>() > static_cast<unsigned long>(LONG_MAX) ? LONG_MAX : it->get<long>();
+    else if (it->is_number_integer())
       out[name] = it->get<long>();
     else if (it->is_object())
-      collect_settings(*it, name, out);
+    {
+      if (!collect_settings(*it, name, out, error))
+        return false;
+    }
+    else
+    {
+      error = "setting \"" + name + "\" must be an integer";
+      return false;
+    }
   }
+  return true;
 }
 }  // namespace
 
@@ -80,8 +94,16 @@ bool Agent_Config::load_text(const std::string& text, std::string& error)
   }
   std::map<std::string, long> settings;
   auto s = doc.find("settings");
-  if (s != doc.end() && s->is_object())
-    collect_settings(*s, "", settings);
+  if (s != doc.end())
+  {
+    if (!s->is_object())
+    {
+      error = "\"settings\" must be an object";
+      return false;
+    }
+    if (!collect_settings(*s, "", settings, error))
+      return false;
+  }
 
   json server = doc.value("backup_server", json::object());
   const std::string access_key = string_member(server, "access_key");

@@ -43,7 +43,8 @@ public:
   Secure_String node_access_key() const;
   bool on_backupd() const;
 
-  // A numeric setting of a host library ("ews.paging_size"), or `fallback`.
+  // An integer setting of a host library ("ews.paging_size"), or `fallback`.
+  // load_file()/load_text() refuse a setting that is not an integer.
   long setting(const std::string& name, long fallback) const;
 
   // The stored account of (module, type, uid); false when there is none.

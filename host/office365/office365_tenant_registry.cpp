@@ -1,5 +1,6 @@
 #include "host/office365/office365_tenant_registry.h"
 
+#include "host/http/uri_parser.h"
 #include "host/job/log.h"
 #include "host/office365/office365_token.h"
 
@@ -7,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -159,13 +161,41 @@ std::string Office365_Tenant_Registry::describe() const
   return text;
 }
 
+std::vector<std::string> Office365_Tenant_Registry::token_scopes(const Office365_Auth_Entry& entry)
+{
+  std::vector<std::string> scopes{entry.ms_graph_endpoint + "/.default"};
+  URI ews;
+  if (URI_Parser::parse(entry.ews_endpoint.c_str(), ews))
+    scopes.push_back(ews.origin() + "/.default");
+  return scopes;
+}
+
 bool Office365_Tenant_Registry::test(const Office365_Auth_Entry& entry, std::string& error)
 {
-  std::string token;
-  long expires = 0;
-  const bool ok = get_office365_token(entry, entry.ms_graph_endpoint + "/.default", token, expires, error);
-  std::fill(token.begin(), token.end(), '\0');
-  return ok;
+  const std::vector<std::string> scopes = token_scopes(entry);
+  if (scopes.size() < 2)
+  {
+    error = "invalid EWS endpoint '" + entry.ews_endpoint + "'";
+    return false;
+  }
+  for (const std::string& scope : scopes)
+  {
+    std::string token;
+    long expires = 0;
+    const bool ok = get_office365_token(entry, scope, token, expires, error);
+    std::fill(token.begin(), token.end(), '\0');
+    if (!ok)
+    {
+      error = "no token for " + scope + ": " + error;
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string Office365_Tenant_Registry::file_in(const std::string& state_dir)
+{
+  return state_dir + "/office365_tenants.json";
 }
 
 void Office365_Tenant_Registry::set_default_path(const std::string& path)

@@ -41,9 +41,19 @@ public:
   // client id, administrator mailbox and endpoints; never the secret.
   std::string describe() const;
 
-  // Checks a registration: asks the login endpoint for a Microsoft Graph token.
-  // False with the service's reason in `error`.
+  // The token scopes the module asks for with a registration: Microsoft Graph's
+  // ("{ms_graph_endpoint}/.default") and EWS's (the scheme, host and port of
+  // ews_endpoint followed by "/.default"). The EWS one is left out when
+  // ews_endpoint is not a URL.
+  static std::vector<std::string> token_scopes(const Office365_Auth_Entry& entry);
+
+  // Checks a registration: asks the login endpoint for a token of each of
+  // token_scopes(). False with the failing scope and the service's reason in
+  // `error`; an EWS endpoint that is not a URL fails too.
   static bool test(const Office365_Auth_Entry& entry, std::string& error);
+
+  // The registry file of an agent whose state directory is `state_dir`.
+  static std::string file_in(const std::string& state_dir);
 
   // The registry file that get_office365_auth_entry() reads (set by the agent
   // from its configuration).

@@ -6,6 +6,8 @@
 #include "host/http/uri_parser.h"
 #include "host/job/log.h"
 
+#include <algorithm>
+
 namespace
 {
 void append_form_field(std::string& body, const char* key, const std::string& value)
@@ -45,6 +47,21 @@ std::string service_reason(const JSON_RESTful_Client& client)
   if (client.last_status() != 0)
     return "HTTP status " + std::to_string(client.last_status());
   return client.last_error();
+}
+
+// A reason is logged and shown: should a server quote the request back, the
+// secret in it (as sent or form-encoded) is masked.
+void mask_secret(std::string& text, const std::string& secret)
+{
+  if (secret.empty())
+    return;
+  std::string encoded;
+  http_encode_string_i(secret.c_str(), HTTP_ENCODE_MODE_FORM, encoded);
+  const std::string* const forms[] = {&secret, &encoded};
+  for (const std::string* s : forms)
+    for (size_t at = text.find(*s); at != std::string::npos; at = text.find(*s, at + 3))
+      text.replace(at, s->size(), "***");
+  std::fill(encoded.begin(), encoded.end(), '\0');
 }
 
 bool read_token(const nlohmann::ordered_json& answer, std::string& token, long& expires)
@@ -98,6 +115,7 @@ bool get_office365_token(const Office365_Auth_Entry& entry, const std::string& s
   if (!sent)
   {
     error = service_reason(client);
+    mask_secret(error, entry.client_secret);
     LOG_MSG(LM_ERROR, "Failed to get Office365 token of tenant '%s': %s\n", entry.tenant_id.c_str(), error.c_str());
     return false;
   }

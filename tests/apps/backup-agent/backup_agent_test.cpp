@@ -135,3 +135,24 @@ TEST_F(BackupAgent, RunJobReportsTheOutcomeAndKeepsAJobLog)
   EXPECT_NE(agent_text.str().find("The EWS backup engine is not available"), std::string::npos);
   EXPECT_EQ(::access((dir_ + "/state/activities/6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6d.act").c_str(), F_OK), 0);
 }
+
+TEST_F(BackupAgent, AppliesTheEwsSettingsOfItsConfiguration)
+{
+  const std::string config = write("agent.json", "{\"log_file\": \"" + dir_ + "/agent.log\", \"settings\": "
+                                   "{\"ews\": {\"paging_size\": 250, \"batch_size\": 500}}}");
+  Outcome verbose = agent("--verbose --config " + config + " check-job " EXAMPLES_DIR "/backup-job.json");
+  EXPECT_EQ(verbose.status, 0) << verbose.out;
+  EXPECT_TRUE(has(verbose, "Setting ews.batch_size = 500 is outside 1..100; using 100")) << verbose.out;
+  EXPECT_TRUE(has(verbose, "EWS settings: paging_size 250, batch_size 100, retry_budget_seconds 600, "
+                           "retry_base_delay_ms 1000"))
+    << verbose.out;
+  std::ifstream log(dir_ + "/agent.log");
+  std::stringstream text;
+  text << log.rdbuf();
+  EXPECT_NE(text.str().find("EWS settings: paging_size 250, batch_size 100"), std::string::npos) << text.str();
+
+  Outcome mistyped = agent("--config " + write("mistyped.json", "{\"settings\": {\"ews\": {\"paging_size\": \"250\"}}}") +
+                           " check-job " EXAMPLES_DIR "/backup-job.json");
+  EXPECT_EQ(mistyped.status, 1);
+  EXPECT_TRUE(has(mistyped, "setting \"ews.paging_size\" must be an integer")) << mistyped.out;
+}

@@ -67,6 +67,11 @@ TEST_F(AgentState, ConfigurationAccountsAndSettings)
   // A bad document changes nothing.
   EXPECT_FALSE(config.load_text("{\"accounts\": 5}", error));
   EXPECT_FALSE(config.load_text("not json", error));
+  // Settings are integers; a mistyped one is named rather than ignored.
+  EXPECT_FALSE(config.load_text(R"({"settings": {"ews": {"paging_size": "250"}}})", error));
+  EXPECT_NE(error.find("\"ews.paging_size\" must be an integer"), std::string::npos) << error;
+  EXPECT_FALSE(config.load_text(R"({"settings": [1]})", error));
+  EXPECT_NE(error.find("\"settings\" must be an object"), std::string::npos) << error;
   EXPECT_EQ(config.host_id(), "host-7");
 }
 

@@ -1,5 +1,6 @@
 #include "host/http/exo_sim_process.h"
 #include "host/http/log_capture.h"
+#include "host/http/loopback_server.h"
 #include "host/office365/office365_auth.h"
 #include "host/office365/office365_token.h"
 
@@ -132,4 +133,34 @@ TEST(Office365Auth, FailureKeepsTheReasonAndLogsNoSecret)
   EXPECT_NE(auth.last_error().find("AADSTS7000215"), std::string::npos);
   EXPECT_TRUE(capture.contains("AADSTS7000215"));
   EXPECT_FALSE(capture.contains("wrong-secret-value"));
+}
+
+TEST(Office365Token, ReasonQuotingTheRequestHasTheSecretMasked)
+{
+  // A login endpoint (or a proxy in front of it) that quotes the request body back.
+  Loopback_Server server;
+  server.server().Post(R"(/[^/]+/oauth2/v2\.0/token)", [](const httplib::Request& req, httplib::Response& res) {
+    res.status = 400;
+    res.set_content(nlohmann::ordered_json{{"error", "invalid_request"},
+                                           {"error_description", "Cannot read the request: " + req.body}}
+                      .dump(),
+                    "application/json");
+  });
+  server.start();
+  Office365_Auth_Entry entry;
+  entry.ms_login_endpoint = server.url();
+  entry.tenant_id = "tid";
+  entry.client_id = "cid";
+  entry.client_secret = "p@ss+w/rd=Q8";
+  Log_Capture capture;
+  std::string token, error;
+  long expires = 0;
+  EXPECT_FALSE(get_office365_token(entry, graph_scope, token, expires, error));
+  EXPECT_NE(error.find("Cannot read the request: client_id=cid"), std::string::npos) << error;
+  EXPECT_NE(error.find("client_secret=***"), std::string::npos) << error;
+  EXPECT_EQ(error.find("w/rd"), std::string::npos) << error;
+  EXPECT_EQ(error.find("rd%3DQ8"), std::string::npos) << error;
+  EXPECT_TRUE(capture.contains("client_secret=***")) << capture.text();
+  EXPECT_FALSE(capture.contains("rd%3DQ8"));
+  EXPECT_FALSE(capture.contains("w/rd"));
 }

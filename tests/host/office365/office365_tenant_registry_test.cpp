@@ -112,9 +112,18 @@ TEST(Office365TenantRegistry, RefusesExposedOrDamagedFiles)
 
 TEST(Office365TenantRegistry, TestsARegistrationAgainstTheLoginEndpoint)
 {
+  EXPECT_EQ(Office365_Tenant_Registry::token_scopes(sample("a.test")),
+            (std::vector<std::string>{"https://graph.microsoft.com/.default", "https://outlook.office365.com/.default"}));
+  EXPECT_EQ(Office365_Tenant_Registry::file_in("/var/lib/agent"), "/var/lib/agent/office365_tenants.json");
+
   Exo_Sim_Process sim;
   std::string error;
   EXPECT_TRUE(Office365_Tenant_Registry::test(sim.entry(), error)) << error;
+  EXPECT_EQ(sim.status()["tokens_issued"], 2);  // Graph and EWS
+  Office365_Auth_Entry no_ews = sim.entry();
+  no_ews.ews_endpoint = "outlook";
+  EXPECT_FALSE(Office365_Tenant_Registry::test(no_ews, error));
+  EXPECT_NE(error.find("invalid EWS endpoint 'outlook'"), std::string::npos) << error;
   Office365_Auth_Entry wrong = sim.entry();
   wrong.client_id = "11111111-2222-3333-4444-555555555555";
   EXPECT_FALSE(Office365_Tenant_Registry::test(wrong, error));
