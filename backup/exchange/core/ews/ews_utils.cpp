@@ -89,19 +89,18 @@ bool find_folder_by_id(const EWS_Folders& folders, const std::string& id, const 
   return false;
 }
 
-bool find_folder_by_name(const EWS_Folders& folders, const std::string& name, const EWS_Folder*& out)
+namespace
+{
+// The first folder of this level named exactly `name`, or null; silent, so that
+// the walks below report a missing level once, with the whole path.
+const EWS_Folder* match_name(const EWS_Folders& folders, const std::string& name)
 {
   for (const EWS_Folder& folder : folders)
     if (folder.display_name == name)
-    {
-      out = &folder;
-      return true;
-    }
-  return false;
+      return &folder;
+  return nullptr;
 }
 
-namespace
-{
 // Walks display names level by level without logging.
 const EWS_Folder* walk(const EWS_Folders& folders, const std::vector<std::string>& components)
 {
@@ -109,7 +108,8 @@ const EWS_Folder* walk(const EWS_Folders& folders, const std::vector<std::string
   const EWS_Folder* found = nullptr;
   for (const std::string& name : components)
   {
-    if (!find_folder_by_name(*level, name, found))
+    found = match_name(*level, name);
+    if (found == nullptr)
       return nullptr;
     level = &found->subfolders;
   }
@@ -124,6 +124,18 @@ std::string join(const std::vector<std::string>& components)
   return text;
 }
 }  // namespace
+
+bool find_folder_by_name(const EWS_Folders& folders, const std::string& name, const EWS_Folder*& out)
+{
+  const EWS_Folder* found = match_name(folders, name);
+  if (found == nullptr)
+  {
+    LOG_MSG(LM_ERROR, "EWS folder '%s' not found\n", name.c_str());
+    return false;
+  }
+  out = found;
+  return true;
+}
 
 bool find_folder_path(const EWS_Folders& folders, const std::vector<std::string>& components,
                       const EWS_Folder*& out)

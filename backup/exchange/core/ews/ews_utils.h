@@ -43,7 +43,8 @@ bool create_ews_client(const std::string& user, const Secure_String& password, s
 // The folder of this level (no deeper search) whose id is `id`; logs
 // "EWS folder not found, id = %s\n" when there is none.
 bool find_folder_by_id(const EWS_Folders& folders, const std::string& id, const EWS_Folder*& out);
-// The first folder of this level whose display name is exactly `name`; silent.
+// The first folder of this level whose display name is exactly `name`; logs
+// "EWS folder '%s' not found\n" with the name when there is none.
 bool find_folder_by_name(const EWS_Folders& folders, const std::string& name, const EWS_Folder*& out);
 // Walks `components` (display names) from the top level down; logs
 // "EWS folder '%s' not found\n" with the components joined by "/" when a level is
