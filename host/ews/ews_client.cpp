@@ -183,8 +183,8 @@ bool EWS_Client::wait_or_fail(const char* operation, EWS_Retry_Policy& policy, c
     return false;
   }
   ++retries_;
-  LOG_MSG(LM_WARNING, "EWS %s for mailbox '%s' must be retried (%s); retry %d in %ld ms\n", operation,
-          mailbox_.c_str(), status.text().c_str(), policy.retries(), delay);
+  LOG_MSG(LM_WARNING, "EWS %s for mailbox '%s' must be retried (%s); retry %d in %q ms\n", operation,
+          mailbox_.c_str(), status.text().c_str(), policy.retries(), static_cast<ACE_INT64>(delay));
   std::this_thread::sleep_for(std::chrono::milliseconds(delay));
   return true;
 }
@@ -384,7 +384,8 @@ bool EWS_Client::upload_items(const std::string& parent_id, const std::vector<us
     {
       all = false;
       last_error_ = errors[i];
-      LOG_MSG(LM_ERROR, "EWS upload of item %zu into folder of mailbox '%s' failed: %s\n", i, mailbox_.c_str(),
+      LOG_MSG(LM_ERROR, "EWS upload of item %Q into folder of mailbox '%s' failed: %s\n",
+              static_cast<ACE_UINT64>(i), mailbox_.c_str(),
               errors[i].c_str());
     }
   return all;

@@ -8,15 +8,22 @@
 #include <string>
 #include <vector>
 
-// Collects the log lines written by the current thread while it lives.
+// Collects the log lines written by the current thread while it lives (they still
+// go to stderr too).
 class Log_Capture : public ACE_Log_Msg_Callback
 {
 public:
-  Log_Capture() : previous_(ACE_LOG_MSG->msg_callback(this))
+  Log_Capture()
+      : had_flag_(ACE_LOG_MSG->flags() & ACE_Log_Msg::MSG_CALLBACK), previous_(ACE_LOG_MSG->msg_callback(this))
   {
     ACE_LOG_MSG->set_flags(ACE_Log_Msg::MSG_CALLBACK);
   }
-  ~Log_Capture() override { ACE_LOG_MSG->msg_callback(previous_); }
+  ~Log_Capture() override
+  {
+    ACE_LOG_MSG->msg_callback(previous_);
+    if (!had_flag_)
+      ACE_LOG_MSG->clr_flags(ACE_Log_Msg::MSG_CALLBACK);
+  }
 
   void log(ACE_Log_Record& record) override
   {
@@ -43,6 +50,26 @@ public:
 
   bool contains(const std::string& text) const { return count(text) > 0; }
 
+  // Every line, joined.
+  std::string text() const
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::string all;
+    for (const std::string& line : lines_)
+      all += line;
+    return all;
+  }
+
+  // How many lines were logged with `priority` (LM_WARNING, ...).
+  size_t count_at(unsigned long priority) const
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    size_t n = 0;
+    for (unsigned long p : priorities_)
+      n += p == priority;
+    return n;
+  }
+
   // The priority of the first line containing `text`, or 0.
   unsigned long priority_of(const std::string& text) const
   {
@@ -54,6 +81,7 @@ public:
   }
 
 private:
+  bool had_flag_;
   ACE_Log_Msg_Callback* previous_;
   mutable std::mutex lock_;
   std::vector<std::string> lines_;

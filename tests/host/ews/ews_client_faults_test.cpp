@@ -1,6 +1,6 @@
 #include "host/ews/ews_retry_policy.h"
 #include "host/ews/ews_sim_fixture.h"
-#include "host/http/log_capture.h"
+#include "support/log_capture.h"
 #include "host/http/scripted_server.h"
 
 #include <gtest/gtest.h>
@@ -39,9 +39,11 @@ TEST(EwsClientFaults, RecoversFromServerBusyWithTheSuggestedBackOff)
   const long busy = env.fault_count("busy");
   EXPECT_GT(busy, 0);
   EXPECT_EQ(static_cast<long>(client->retries()), busy);
-  EXPECT_EQ(static_cast<long>(capture.count(LM_WARNING)), busy);
+  EXPECT_EQ(static_cast<long>(capture.count_at(LM_WARNING)), busy);
   EXPECT_TRUE(capture.contains("ErrorServerBusy"));
   EXPECT_TRUE(capture.contains("alice.archer@demo.exosim.test"));
+  // The wait logged is the one the server suggested.
+  EXPECT_TRUE(capture.contains("; retry 1 in 20 ms"));
 }
 
 TEST(EwsClientFaults, RecoversFromUnavailableDroppedAndTruncatedAnswers)

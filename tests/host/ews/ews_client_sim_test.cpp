@@ -1,5 +1,5 @@
 #include "host/ews/ews_sim_fixture.h"
-#include "host/http/log_capture.h"
+#include "support/log_capture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 #include "host/ews/ews_params.h"
-#include "host/http/log_capture.h"
+#include "support/log_capture.h"
 #include "host/job/agent_config.h"
 
 #include <gtest/gtest.h>
@@ -38,7 +38,7 @@ TEST_F(EwsParams, AgentConfigurationOverridesAndClampsTheDefaults)
   EXPECT_EQ(EWS_Params::retry_budget(), 7);  // not in the configuration: kept
   EXPECT_TRUE(log.contains("Setting ews.batch_size = 500 is outside 1..100; using 100")) << log.text();
   EXPECT_TRUE(log.contains("Setting ews.retry_base_delay_ms = 0 is outside 1..60000; using 1")) << log.text();
-  EXPECT_EQ(log.count(LM_WARNING), 2u);
+  EXPECT_EQ(log.count_at(LM_WARNING), 2u);
 
   // A configuration without EWS settings leaves the values alone.
   ASSERT_TRUE(Agent_Config::instance().load_text("{}", error));

@@ -1,5 +1,5 @@
 #include "host/http/exo_sim_process.h"
-#include "host/http/log_capture.h"
+#include "support/log_capture.h"
 #include "host/http/loopback_server.h"
 #include "host/office365/office365_auth.h"
 #include "host/office365/office365_token.h"
