@@ -32,8 +32,8 @@ cat >"$work/agent.json" <<EOF
 {"state_dir": "$work/state", "log_file": "$work/agent.log"}
 EOF
 
-# The demo tenant's registration (see docs/exo-sim.md); the secret goes through a file,
-# never the command line.
+# The demo tenant's registration (see docs/exo-sim.md), under the uuid the example jobs
+# name; the secret goes through a file, never the command line.
 printf '%s' 'exo-sim-demo-secret' >"$work/secret"
 chmod 600 "$work/secret"
 echo "== tenant add"
@@ -42,7 +42,7 @@ uuid="$("$agent" --config "$work/agent.json" tenant add \
   --client-id 3f2b8c1e-5a4d-4c6f-8e7b-9a0d1c2e3f45 \
   --tenant-email admin@demo.exosim.test \
   --login-endpoint "$base" --graph-endpoint "$base" --ews-endpoint "$base/EWS/Exchange.asmx" \
-  --secret-file "$work/secret")"
+  --secret-file "$work/secret" --uuid 4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f)"
 echo "$uuid"
 echo "== tenant list"
 "$agent" --config "$work/agent.json" tenant list

@@ -62,7 +62,7 @@ TEST_F(BackupAgent, CheckJobPrintsWhatTheModuleUnderstood)
   EXPECT_TRUE(has(backup, "type: backup"));
   EXPECT_TRUE(has(backup, "schedule: ondemand"));
   EXPECT_TRUE(has(backup, "options: {\"method\":\"ews\",\"truncate\":true,\"compression\":\"zstd\""));
-  EXPECT_TRUE(has(backup, "\"entries\":[\"exchange://demo-tenant/alice%40demo.example\""));
+  EXPECT_TRUE(has(backup, "\"entries\":[\"exchange://4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f/alice.archer%40demo.exosim.test\""));
 
   Outcome restore = agent("check-job " EXAMPLES_DIR "/restore-job.json");
   EXPECT_EQ(restore.status, 0) << restore.out;
