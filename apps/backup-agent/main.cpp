@@ -10,6 +10,7 @@
 #include "host/ews/ews_params.h"
 #include "host/job/agent_config.h"
 #include "host/office365/office365_tenant_registry.h"
+#include "host/storage/host_manager.h"
 
 #include <ace/Log_Msg.h>
 #include <fstream>
@@ -44,6 +45,14 @@ void apply_configuration(const Agent_Config& config)
   if (!config.state_dir().empty())
     Office365_Tenant_Registry::set_default_path(Office365_Tenant_Registry::file_in(config.state_dir()));
   EWS_Params::configure(config);
+
+  Host_Manager::Settings backup_server;
+  backup_server.backupd_url = config.backup_server_url();
+  backup_server.access_key.assign(config.access_key().data(), config.access_key().size());
+  backup_server.node_access_key.assign(config.node_access_key().data(), config.node_access_key().size());
+  backup_server.host_id = config.host_id();
+  backup_server.on_backupd = config.on_backupd();
+  Host_Manager::instance().init(backup_server);
 }
 
 int run_job_command(const Agent_Options& options)
