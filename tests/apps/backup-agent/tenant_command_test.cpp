@@ -1,5 +1,5 @@
 #include "agent_process.h"
-#include "host/http/exo_sim_process.h"
+#include "support/exo_sim_process.h"
 #include "host/job/uuid.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #include "host/ews/ews_retry_policy.h"
 #include "host/ews/ews_sim_fixture.h"
 #include "support/log_capture.h"
-#include "host/http/scripted_server.h"
+#include "support/scripted_server.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 
 #include "host/ews/ews_client.h"
 #include "host/ews/ews_params.h"
-#include "host/http/exo_sim_process.h"
+#include "support/exo_sim_process.h"
 
 #include <memory>
 #include <string>

@@ -1,7 +1,7 @@
 #include "host/http/http_session_factory.h"
 #include "host/http/json_restful_client.h"
-#include "host/http/loopback_server.h"
-#include "host/http/scripted_server.h"
+#include "support/loopback_server.h"
+#include "support/scripted_server.h"
 
 #include <gtest/gtest.h>
 

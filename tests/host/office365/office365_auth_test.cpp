@@ -1,6 +1,6 @@
-#include "host/http/exo_sim_process.h"
+#include "support/exo_sim_process.h"
 #include "support/log_capture.h"
-#include "host/http/loopback_server.h"
+#include "support/loopback_server.h"
 #include "host/office365/office365_auth.h"
 #include "host/office365/office365_token.h"
 

@@ -1,4 +1,4 @@
-#include "host/http/exo_sim_process.h"
+#include "support/exo_sim_process.h"
 #include "host/office365/office365_tenant_registry.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 
 #include "backup/exchange/core/office365/office365_console.h"
 #include "host/ews/ews_params.h"
-#include "host/http/exo_sim_process.h"
+#include "support/exo_sim_process.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 #include "backup/exchange/core/office365/office365_console.h"
 
-#include "host/http/exo_sim_process.h"
+#include "support/exo_sim_process.h"
 #include "host/http/http_query_string_iterator.h"
-#include "host/http/scripted_server.h"
+#include "support/scripted_server.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>

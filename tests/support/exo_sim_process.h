@@ -1,5 +1,5 @@
-#ifndef TESTS_HOST_HTTP_EXO_SIM_PROCESS_H
-#define TESTS_HOST_HTTP_EXO_SIM_PROCESS_H
+#ifndef TESTS_SUPPORT_EXO_SIM_PROCESS_H
+#define TESTS_SUPPORT_EXO_SIM_PROCESS_H
 
 // Runs the Exchange Online simulator (apps/exo-sim) for a test: on a free
 // loopback port, stopped with SIGTERM and reaped when the object goes away.

@@ -1,5 +1,5 @@
-#ifndef TESTS_HOST_HTTP_LOOPBACK_SERVER_H
-#define TESTS_HOST_HTTP_LOOPBACK_SERVER_H
+#ifndef TESTS_SUPPORT_LOOPBACK_SERVER_H
+#define TESTS_SUPPORT_LOOPBACK_SERVER_H
 
 // An in-test HTTP server on 127.0.0.1 and a port chosen by the system, serving
 // until the object is destroyed. Handlers are registered on server() before start().

@@ -1,5 +1,5 @@
-#ifndef TESTS_HOST_HTTP_SCRIPTED_SERVER_H
-#define TESTS_HOST_HTTP_SCRIPTED_SERVER_H
+#ifndef TESTS_SUPPORT_SCRIPTED_SERVER_H
+#define TESTS_SUPPORT_SCRIPTED_SERVER_H
 
 // A minimal HTTP/1.1 server on raw sockets for fault tests: on 127.0.0.1 and a
 // system-chosen port, it reads each request (headers and a Content-Length body)
