@@ -26,14 +26,6 @@ std::string directory_of(const std::string& path)
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? std::string(".") : path.substr(0, std::max<size_t>(slash, 1));
 }
-
-std::string join(const std::vector<std::string>& parts, const char* separator)
-{
-  std::string text;
-  for (const std::string& p : parts)
-    text += (text.empty() ? "" : separator) + p;
-  return text;
-}
 }  // namespace
 
 int Tenant_Command::run(const std::vector<std::string>& args)
@@ -137,10 +129,12 @@ int Tenant_Command::test(const std::string& uuid)
   std::string error;
   if (!Office365_Tenant_Registry::test(entry, error))
     return fail("tenant registration " + tenant.first + " (tenant " + entry.tenant_id + "): " + error, 1);
-  const std::string scopes = join(Office365_Tenant_Registry::token_scopes(entry), ", ");
+  // test() succeeding means both scopes were built: Microsoft Graph first, then EWS.
+  const std::vector<std::string> scopes = Office365_Tenant_Registry::token_scopes(entry);
+  const std::string named = "Graph (" + scopes[0] + ") and EWS (" + scopes[1] + ")";
   LOG_MSG(LM_INFO, "Tenant registration '%s' passed its test: tokens for %s from %s\n", tenant.first.c_str(),
-          scopes.c_str(), entry.ms_login_endpoint.c_str());
-  out_ << tenant.first << ": tokens obtained from " << entry.ms_login_endpoint << " for " << scopes << "\n";
+          named.c_str(), entry.ms_login_endpoint.c_str());
+  out_ << tenant.first << ": tokens obtained from " << entry.ms_login_endpoint << " for " << named << "\n";
   return 0;
 }
 

@@ -137,8 +137,8 @@ TEST_F(AgentTenant, AddListTestAndRemoveAgainstTheSimulatorWithoutShowingTheSecr
   // A good registration gets its Graph and EWS tokens; a wrong secret gets the service's reason.
   Agent_Outcome good = agent({"tenant", "test", uuid1});
   EXPECT_EQ(good.status, 0) << good.err;
-  EXPECT_NE(good.out.find(uuid1 + ": tokens obtained from " + sim.base() + " for " + sim.base() + "/.default, " +
-                          sim.base() + "/.default"),
+  EXPECT_NE(good.out.find(uuid1 + ": tokens obtained from " + sim.base() + " for Graph (" + sim.base() +
+                          "/.default) and EWS (" + sim.base() + "/.default)"),
             std::string::npos)
     << good.out;
   EXPECT_EQ(sim.status()["tokens_issued"], 2);
