@@ -5,10 +5,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 PACKAGES=(
-  build-essential cmake pkg-config git curl zstd
+  build-essential cmake ninja-build ccache pkg-config git curl zstd
   libace-dev libyajl-dev nlohmann-json3-dev libboost-dev
   libcurl4-openssl-dev libcpp-httplib-dev libpugixml-dev
-  libsqlite3-dev libzstd-dev libgtest-dev libgmock-dev
+  libsqlite3-dev libzstd-dev libssl-dev libgtest-dev libgmock-dev
 )
 
 missing=()
@@ -24,5 +24,5 @@ fi
 
 build_dir="${1:-build}"
 shift || true
-cmake -S . -B "$build_dir" "$@"
+cmake -S . -B "$build_dir" -G Ninja "$@"
 cmake --build "$build_dir" -j"$(nproc)"

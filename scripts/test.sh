@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite: once in an ordinary build, then the unit
-# tests again under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Builds and runs the whole test suite: once in an ordinary build, then again under
+# AddressSanitizer + UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"
@@ -9,6 +9,5 @@ bash scripts/setup.sh build -DEXO_WERROR=ON
 ctest --test-dir build --output-on-failure -j"$jobs"
 
 bash scripts/setup.sh build-asan -DEXO_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
-UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --test-dir build-asan --output-on-failure -j"$jobs" -LE no_sanitize
+source scripts/sanitizer-env.sh
+ctest --test-dir build-asan --output-on-failure -j"$jobs"

@@ -8,7 +8,7 @@
 #include "apps/backup-agent/run_job_command.h"
 #include "apps/backup-agent/tenant_command.h"
 #include "host/ews/ews_params.h"
-#include "host/job/agent_config.h"
+#include "host/base/agent_config.h"
 #include "host/office365/office365_tenant_registry.h"
 #include "host/storage/host_manager.h"
 

@@ -3,7 +3,7 @@
 
 #include "host/job/job_creator.h"
 #include "host/job/job_definition_reader.h"
-#include "host/job/module_library.h"
+#include "host/base/module_library.h"
 
 #include <memory>
 #include <string>

@@ -1,7 +1,7 @@
 #ifndef APPS_BACKUP_AGENT_SECRET_READER_H
 #define APPS_BACKUP_AGENT_SECRET_READER_H
 
-#include "host/job/secure_allocator.h"
+#include "host/base/secure_allocator.h"
 
 #include <ostream>
 #include <string>

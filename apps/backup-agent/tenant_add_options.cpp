@@ -1,7 +1,7 @@
 #include "apps/backup-agent/tenant_add_options.h"
 
 #include "host/http/uri_parser.h"
-#include "host/job/uuid.h"
+#include "host/base/uuid.h"
 
 #include <cctype>
 

@@ -2,9 +2,9 @@
 
 #include "apps/backup-agent/secret_reader.h"
 #include "apps/backup-agent/tenant_add_options.h"
-#include "host/job/log.h"
-#include "host/job/state_dir.h"
-#include "host/job/uuid.h"
+#include "host/base/log.h"
+#include "host/base/state_dir.h"
+#include "host/base/uuid.h"
 
 #include <algorithm>
 #include <cctype>

@@ -3,7 +3,7 @@
 #include <fstream>
 #include <sys/stat.h>
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 static std::string trim(const std::string& s)
 {

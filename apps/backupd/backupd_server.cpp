@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "host/catalog/exchange_backup_set.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 #include "host/storage/http_head.h"
 #include "host/storage/object_writer.h"
 #include "host/storage/storage_name.h"

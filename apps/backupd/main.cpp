@@ -19,7 +19,7 @@
 #include "apps/backupd/access_keys.h"
 #include "apps/backupd/backupd_server.h"
 #include "apps/backupd/catalog_db.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 #include "host/storage/object_directory.h"
 
 namespace

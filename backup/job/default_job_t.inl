@@ -1,7 +1,7 @@
 // Bodies of Default_Job_T; included by default_job_t.h only.
 
 #include "backup/scrt/thread_helper.h"
-#include "host/job/uuid.h"
+#include "host/base/uuid.h"
 
 #include <ace/Thread_Manager.h>
 #include <cerrno>

@@ -2,7 +2,7 @@
 // Every operation logs its own failures; the template reports outcomes only through the event handler.
 
 #include "host/job/execute_script.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <ace/OS_NS_time.h>
 

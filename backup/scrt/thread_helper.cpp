@@ -1,6 +1,6 @@
 #include "backup/scrt/thread_helper.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <ace/Thread_Manager.h>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "host/catalog/catalog_operator.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 #include "host/storage/backupd_client.h"
 
 Catalog_Operator::Catalog_Operator(int timeout_seconds, int max_seconds_retry)

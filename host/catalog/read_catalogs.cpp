@@ -1,6 +1,6 @@
 #include "host/catalog/read_catalogs.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 #include "host/storage/backupd_client.h"
 
 bool read_catalogs(const char* resource, nlohmann::ordered_json& result, int timeout_seconds,

@@ -5,7 +5,7 @@
 #include "host/ews/ews_soap_transport.h"
 #include "host/http/http_session_factory.h"
 #include "host/http/uri_parser.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
@@ -170,7 +170,7 @@ bool EWS_Client::fail(const char* operation, const std::string& why)
   return false;
 }
 
-bool EWS_Client::wait_or_fail(const char* operation, EWS_Retry_Policy& policy, const EWS_Status& status)
+bool EWS_Client::wait_or_fail(const char* operation, EWS_Retry_Policy& policy, const Host_Status& status)
 {
   const long delay = policy.next_delay(status);
   if (delay < 0)
@@ -201,10 +201,10 @@ bool EWS_Client::run(const char* operation, Attempt attempt)
   {
     if (!refresh_credentials())
       return fail(operation, last_error_);
-    const EWS_Status status = attempt();
+    const Host_Status status = attempt();
     if (status.ok())
       return true;
-    if (status.kind == EWS_STATUS_UNAUTHORIZED && auth_ && !renewed)
+    if (status.kind == HOST_STATUS_UNAUTHORIZED && auth_ && !renewed)
     {
       // A token may be refused shortly before its expiry: ask for a new one once.
       renewed = true;
@@ -213,7 +213,7 @@ bool EWS_Client::run(const char* operation, Attempt attempt)
               mailbox_.c_str());
       continue;
     }
-    if (status.kind == EWS_STATUS_UNAUTHORIZED)
+    if (status.kind == HOST_STATUS_UNAUTHORIZED)
       return fail(operation, status.text());
     if (!wait_or_fail(operation, policy, status))
       return false;
@@ -317,8 +317,8 @@ bool EWS_Client::export_chunk(EWS_Export_Requests& requests, size_t begin, size_
       }
     }
     if (pending.empty())
-      return EWS_Status();
-    const EWS_Status status = transport_->export_items(pending);
+      return Host_Status();
+    const Host_Status status = transport_->export_items(pending);
     for (size_t k = 0; k < pending.size() && k < where.size(); ++k)
       requests[where[k]] = pending[k];
     return status;
@@ -364,17 +364,17 @@ bool EWS_Client::upload_items(const std::string& parent_id, const std::vector<us
         where.push_back(i);
       }
     if (pending.empty())
-      return EWS_Status();
+      return Host_Status();
     std::vector<std::string> ids;
     std::vector<std::string> errs;
-    const EWS_Status status = transport_->upload_items(parent_id, pending, ids, errs);
+    const Host_Status status = transport_->upload_items(parent_id, pending, ids, errs);
     for (size_t k = 0; k < where.size() && k < ids.size(); ++k)
     {
       uploaded_ids_[where[k]] = ids[k];
       errors[where[k]] = errs[k];
     }
     // Items refused for good are reported below; only passing refusals are retried.
-    return status.kind == EWS_STATUS_PERMANENT && !ids.empty() ? EWS_Status() : status;
+    return status.kind == HOST_STATUS_PERMANENT && !ids.empty() ? Host_Status() : status;
   });
   if (!ok)
     return false;

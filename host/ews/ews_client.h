@@ -5,7 +5,7 @@
 #include "host/ews/ews_folder.h"
 #include "host/ews/ews_folder_creation_request.h"
 #include "host/ews/ews_transport.h"
-#include "host/job/secure_allocator.h"
+#include "host/base/secure_allocator.h"
 #include "host/office365/office365_auth.h"
 
 #include <boost/shared_ptr.hpp>
@@ -95,7 +95,7 @@ private:
   template <typename Attempt>
   bool run(const char* operation, Attempt attempt);
   bool refresh_credentials();
-  bool wait_or_fail(const char* operation, EWS_Retry_Policy& policy, const EWS_Status& status);
+  bool wait_or_fail(const char* operation, EWS_Retry_Policy& policy, const Host_Status& status);
   bool fail(const char* operation, const std::string& why);
   bool list_folders_i(const EWS_Folder_Ref& parent, EWS_Folders& out, bool shallow);
   bool export_chunk(EWS_Export_Requests& requests, size_t begin, size_t end);

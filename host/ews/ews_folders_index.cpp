@@ -1,6 +1,6 @@
 #include "host/ews/ews_folders_index.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <nlohmann/json.hpp>
 

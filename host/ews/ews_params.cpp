@@ -1,7 +1,7 @@
 #include "host/ews/ews_params.h"
 
-#include "host/job/agent_config.h"
-#include "host/job/log.h"
+#include "host/base/agent_config.h"
+#include "host/base/log.h"
 
 #include <algorithm>
 #include <atomic>

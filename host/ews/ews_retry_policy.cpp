@@ -15,13 +15,13 @@ long EWS_Retry_Policy::elapsed_ms() const
     std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start_).count());
 }
 
-long EWS_Retry_Policy::next_delay(const EWS_Status& status)
+long EWS_Retry_Policy::next_delay(const Host_Status& status)
 {
   budget_exhausted_ = false;
   long delay = -1;
-  if (status.kind == EWS_STATUS_THROTTLED && status.retry_after_ms >= 0)
+  if (status.kind == HOST_STATUS_THROTTLED && status.retry_after_ms >= 0)
     delay = status.retry_after_ms;
-  else if (status.kind == EWS_STATUS_THROTTLED || status.kind == EWS_STATUS_TRANSIENT)
+  else if (status.kind == HOST_STATUS_THROTTLED || status.kind == HOST_STATUS_TRANSIENT)
   {
     const int step = std::min(backoff_step_++, 16);
     delay = std::min(max_backoff_ms, base_delay_ms_ << step);

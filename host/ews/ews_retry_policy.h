@@ -18,7 +18,7 @@ public:
   EWS_Retry_Policy(int budget_seconds, int base_delay_ms);
 
   // Milliseconds to wait before the next attempt, or -1 to give up.
-  long next_delay(const EWS_Status& status);
+  long next_delay(const Host_Status& status);
   // Retries granted so far.
   int retries() const { return retries_; }
   // True when the last refusal was for lack of budget (not a permanent error).

@@ -47,15 +47,15 @@ bool succeeded(const Message_Status& s)
   return s.response_class == "Success" || (s.response_class == "Warning" && s.code == "NoError");
 }
 
-EWS_Status status_of(const Message_Status& s)
+Host_Status status_of(const Message_Status& s)
 {
   if (succeeded(s))
-    return EWS_Status();
+    return Host_Status();
   if (s.code == "ErrorServerBusy" || s.back_off_ms >= 0)
-    return EWS_Status::make(EWS_STATUS_THROTTLED, s.code, s.text, s.back_off_ms);
+    return Host_Status::make(HOST_STATUS_THROTTLED, s.code, s.text, s.back_off_ms);
   if (ews_is_transient_code(s.code))
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, s.code, s.text);
-  return EWS_Status::make(EWS_STATUS_PERMANENT, s.code, s.text);
+    return Host_Status::make(HOST_STATUS_TRANSIENT, s.code, s.text);
+  return Host_Status::make(HOST_STATUS_PERMANENT, s.code, s.text);
 }
 
 // The response messages of an answer, in order.
@@ -130,11 +130,11 @@ long retry_after_ms(const HTTP_Response& response)
   return delta > 0 ? delta * 1000 : 0;
 }
 
-EWS_Status transport_failure(const HTTP_Session& session)
+Host_Status transport_failure(const HTTP_Session& session)
 {
-  const EWS_Status_Kind kind =
-    session.transport_error() == HTTP_TRANSPORT_TLS ? EWS_STATUS_PERMANENT : EWS_STATUS_TRANSIENT;
-  return EWS_Status::make(kind, "connection", session.error());
+  const Host_Status_Kind kind =
+    session.transport_error() == HTTP_TRANSPORT_TLS ? HOST_STATUS_PERMANENT : HOST_STATUS_TRANSIENT;
+  return Host_Status::make(kind, "connection", session.error());
 }
 
 std::string basic_credentials(const EWS_Credentials& c)
@@ -169,7 +169,7 @@ pugi::xml_node EWS_Soap_Transport::start_envelope(pugi::xml_document& doc, const
   return env.append_child("soap:Body").append_child((std::string("m:") + operation).c_str());
 }
 
-EWS_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
+Host_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
                                                  bool parsed) const
 {
   const long status = response.status();
@@ -177,10 +177,10 @@ EWS_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response, 
   if (status == 401)
   {
     const std::string* diagnostics = response.headers().get("x-ms-diagnostics");
-    return EWS_Status::make(EWS_STATUS_UNAUTHORIZED, code, diagnostics ? *diagnostics : "the credentials were refused");
+    return Host_Status::make(HOST_STATUS_UNAUTHORIZED, code, diagnostics ? *diagnostics : "the credentials were refused");
   }
   if (status == 429 || status == 503)
-    return EWS_Status::make(EWS_STATUS_THROTTLED, code, "the service is busy", retry_after_ms(response));
+    return Host_Status::make(HOST_STATUS_THROTTLED, code, "the service is busy", retry_after_ms(response));
   if (parsed)
   {
     // A SOAP fault: its detail carries the EWS response code and any back-off.
@@ -198,22 +198,22 @@ EWS_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response, 
       s.back_off_ms = back_off_of(child(detail, "MessageXml"));
       if (s.code.empty())
         s.code = code;
-      EWS_Status st = status_of(s);
-      if (st.kind == EWS_STATUS_PERMANENT && status >= 500 && s.code == code)
-        st.kind = EWS_STATUS_TRANSIENT;
+      Host_Status st = status_of(s);
+      if (st.kind == HOST_STATUS_PERMANENT && status >= 500 && s.code == code)
+        st.kind = HOST_STATUS_TRANSIENT;
       return st;
     }
   }
   if (status >= 500)
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, code, "server error");
-  return EWS_Status::make(EWS_STATUS_PERMANENT, code, response.body().substr(0, 256));
+    return Host_Status::make(HOST_STATUS_TRANSIENT, code, "server error");
+  return Host_Status::make(HOST_STATUS_PERMANENT, code, response.body().substr(0, 256));
 }
 
-EWS_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
+Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
                                     pugi::xml_document& answer, pugi::xml_node& messages)
 {
   if (!session_)
-    return EWS_Status::make(EWS_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
+    return Host_Status::make(HOST_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
   std::ostringstream text;
   request.save(text, "", pugi::format_raw);
   HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
@@ -241,12 +241,12 @@ EWS_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const cha
   messages = child(op_response, "ResponseMessages");
   if (!parsed || !messages)
     // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying.
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer",
+    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer",
                             std::string("incomplete or unreadable ") + operation + " answer");
-  return EWS_Status();
+  return Host_Status();
 }
 
-EWS_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
+Host_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
                                             EWS_Folder_Page& page)
 {
   pugi::xml_document doc;
@@ -261,12 +261,12 @@ EWS_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool d
 
   pugi::xml_document answer;
   pugi::xml_node messages;
-  EWS_Status status = call(doc, "FindFolder", answer, messages);
+  Host_Status status = call(doc, "FindFolder", answer, messages);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "FindFolder answer without a message");
+    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "FindFolder answer without a message");
   status = status_of(read_message(list[0]));
   if (!status.ok())
     return status;
@@ -283,7 +283,7 @@ EWS_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool d
   return status;
 }
 
-EWS_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page)
+Host_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page)
 {
   pugi::xml_document doc;
   pugi::xml_node op = start_envelope(doc, "FindItem");
@@ -301,12 +301,12 @@ EWS_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int offs
 
   pugi::xml_document answer;
   pugi::xml_node messages;
-  EWS_Status status = call(doc, "FindItem", answer, messages);
+  Host_Status status = call(doc, "FindItem", answer, messages);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "FindItem answer without a message");
+    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "FindItem answer without a message");
   status = status_of(read_message(list[0]));
   if (!status.ok())
     return status;
@@ -318,7 +318,7 @@ EWS_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int offs
   return status;
 }
 
-EWS_Status EWS_Soap_Transport::export_items(EWS_Export_Requests& requests)
+Host_Status EWS_Soap_Transport::export_items(EWS_Export_Requests& requests)
 {
   pugi::xml_document doc;
   pugi::xml_node ids = start_envelope(doc, "ExportItems").append_child("m:ItemIds");
@@ -331,19 +331,19 @@ EWS_Status EWS_Soap_Transport::export_items(EWS_Export_Requests& requests)
   }
   pugi::xml_document answer;
   pugi::xml_node messages;
-  EWS_Status status = call(doc, "ExportItems", answer, messages);
+  Host_Status status = call(doc, "ExportItems", answer, messages);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.size() != requests.size())
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "ExportItems answer count differs");
+    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "ExportItems answer count differs");
 
-  EWS_Status overall;
+  Host_Status overall;
   for (size_t i = 0; i < list.size(); ++i)
   {
     EWS_Export_Request& r = requests[i];
     const Message_Status s = read_message(list[i]);
-    const EWS_Status item_status = status_of(s);
+    const Host_Status item_status = status_of(s);
     const pugi::xml_node data = child(list[i], "Data");
     if (item_status.ok() && EWS_b64_Data::decode(data.text().get(), std::char_traits<char>::length(data.text().get()), r.data) && r.data.size > 0)
     {
@@ -353,14 +353,14 @@ EWS_Status EWS_Soap_Transport::export_items(EWS_Export_Requests& requests)
     r.data = EWS_b64_Data();
     r.error = item_status.ok() ? "invalid export data" : s.code;
     if (item_status.ok())
-      overall = EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "invalid export data of an item");
-    else if (item_status.kind == EWS_STATUS_THROTTLED || item_status.kind == EWS_STATUS_TRANSIENT)
+      overall = Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "invalid export data of an item");
+    else if (item_status.kind == HOST_STATUS_THROTTLED || item_status.kind == HOST_STATUS_TRANSIENT)
       overall = item_status;
   }
   return overall;
 }
 
-EWS_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request)
+Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request)
 {
   pugi::xml_document doc;
   pugi::xml_node op = start_envelope(doc, "CreateFolder");
@@ -371,12 +371,12 @@ EWS_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_F
 
   pugi::xml_document answer;
   pugi::xml_node messages;
-  EWS_Status status = call(doc, "CreateFolder", answer, messages);
+  Host_Status status = call(doc, "CreateFolder", answer, messages);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "CreateFolder answer without a message");
+    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "CreateFolder answer without a message");
   status = status_of(read_message(list[0]));
   if (!status.ok())
     return status;
@@ -386,13 +386,13 @@ EWS_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_F
     for (pugi::xml_node f = child(list[0], "Folders").first_child(); f && !id; f = f.next_sibling())
       id = child(f, "FolderId");
   if (!id || !*id.attribute("Id").value())
-    return EWS_Status::make(EWS_STATUS_PERMANENT, "malformed answer", "CreateFolder answer without a folder id");
+    return Host_Status::make(HOST_STATUS_PERMANENT, "malformed answer", "CreateFolder answer without a folder id");
   request.id = id.attribute("Id").value();
   request.change_key = id.attribute("ChangeKey").value();
   return status;
 }
 
-EWS_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
+Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
                                             std::vector<std::string>& ids, std::vector<std::string>& errors)
 {
   pugi::xml_document doc;
@@ -406,26 +406,26 @@ EWS_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const 
   }
   pugi::xml_document answer;
   pugi::xml_node messages;
-  EWS_Status status = call(doc, "UploadItems", answer, messages);
+  Host_Status status = call(doc, "UploadItems", answer, messages);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.size() != items.size())
-    return EWS_Status::make(EWS_STATUS_TRANSIENT, "malformed answer", "UploadItems answer count differs");
+    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "UploadItems answer count differs");
   ids.assign(items.size(), std::string());
   errors.assign(items.size(), std::string());
-  EWS_Status overall;
+  Host_Status overall;
   for (size_t i = 0; i < list.size(); ++i)
   {
     const Message_Status s = read_message(list[i]);
-    const EWS_Status item_status = status_of(s);
+    const Host_Status item_status = status_of(s);
     if (item_status.ok())
     {
       ids[i] = child(list[i], "ItemId").attribute("Id").value();
       continue;
     }
     errors[i] = s.code + (s.text.empty() ? "" : ": " + s.text);
-    if (item_status.kind == EWS_STATUS_THROTTLED || item_status.kind == EWS_STATUS_TRANSIENT)
+    if (item_status.kind == HOST_STATUS_THROTTLED || item_status.kind == HOST_STATUS_TRANSIENT)
       overall = item_status;
     else if (overall.ok())
       overall = item_status;

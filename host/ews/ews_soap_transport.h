@@ -23,12 +23,12 @@ public:
   void set_mailbox(const std::string& mailbox) override { mailbox_ = mailbox; }
   void set_credentials(const EWS_Credentials& credentials) override { credentials_ = credentials; }
 
-  EWS_Status find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
+  Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
                           EWS_Folder_Page& page) override;
-  EWS_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) override;
-  EWS_Status export_items(EWS_Export_Requests& requests) override;
-  EWS_Status create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request) override;
-  EWS_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
+  Host_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) override;
+  Host_Status export_items(EWS_Export_Requests& requests) override;
+  Host_Status create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request) override;
+  Host_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
                           std::vector<std::string>& ids, std::vector<std::string>& errors) override;
 
 private:
@@ -36,9 +36,9 @@ private:
   pugi::xml_node start_envelope(pugi::xml_document& doc, const char* operation) const;
   // Posts the envelope and reads the answer's response messages element
   // ("m:<operation>Response/m:ResponseMessages") into `messages`.
-  EWS_Status call(const pugi::xml_document& request, const char* operation, pugi::xml_document& answer,
+  Host_Status call(const pugi::xml_document& request, const char* operation, pugi::xml_document& answer,
                   pugi::xml_node& messages);
-  EWS_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
+  Host_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
                                bool parsed) const;
 
   HTTP_Session_Ptr session_;

@@ -56,19 +56,19 @@ public:
   virtual void set_mailbox(const std::string& mailbox) = 0;
   virtual void set_credentials(const EWS_Credentials& credentials) = 0;
 
-  virtual EWS_Status find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
+  virtual Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
                                   EWS_Folder_Page& page) = 0;
-  virtual EWS_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) = 0;
+  virtual Host_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) = 0;
   // Fills `data` of each request the server exported and sets `error` of each it
   // refused. The status is THROTTLED or TRANSIENT when some refusals may pass
   // with time (those requests keep a null `data.ptr` and a transient `error`).
-  virtual EWS_Status export_items(EWS_Export_Requests& requests) = 0;
-  virtual EWS_Status create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request) = 0;
+  virtual Host_Status export_items(EWS_Export_Requests& requests) = 0;
+  virtual Host_Status create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request) = 0;
   // Uploads each item as a new item of folder `parent_id`. `ids` receives one
   // entry per item: the new id, or empty when that item was refused, in which
   // case `errors` holds the server's code. The status is THROTTLED or TRANSIENT
   // when the refusals may pass with time.
-  virtual EWS_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
+  virtual Host_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
                                   std::vector<std::string>& ids, std::vector<std::string>& errors) = 0;
 };
 

@@ -1,5 +1,7 @@
 #include "host/http/http_encoding.h"
 
+#include "host/base/hex.h"
+
 #include <cstring>
 
 namespace
@@ -34,17 +36,6 @@ bool is_kept(unsigned char c, unsigned int flags)
   return false;
 }
 }  // namespace
-
-int hex_digit_value(char c)
-{
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
 
 bool http_encode_string(const char* text, size_t len, unsigned int flags, std::string& out)
 {

@@ -64,7 +64,4 @@ bool http_encode_string_i(const char* text, int mode, std::string& out);
 bool http_decode_string(const char* begin, const char* end, unsigned int flags, std::string& out);
 bool http_decode_string(const std::string& text, unsigned int flags, std::string& out);
 
-// The value of a hexadecimal digit (either case), or -1.
-int hex_digit_value(char c);
-
 #endif

@@ -1,6 +1,6 @@
 #include "host/http/http_session.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <curl/curl.h>
 

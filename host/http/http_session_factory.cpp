@@ -1,6 +1,6 @@
 #include "host/http/http_session_factory.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <atomic>
 #include <mutex>

@@ -1,6 +1,6 @@
 #include "host/job/default_backup_job_source_parser.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "host/job/execute_script.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <ace/Log_Record.h>
 #include <cerrno>

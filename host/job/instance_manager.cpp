@@ -1,7 +1,7 @@
 #include "host/job/instance_manager.h"
 
-#include "host/job/agent_config.h"
-#include "host/job/log.h"
+#include "host/base/agent_config.h"
+#include "host/base/log.h"
 
 Instance_Manager& Instance_Manager::instance()
 {

@@ -1,7 +1,7 @@
 #ifndef HOST_JOB_INSTANCE_MANAGER_H
 #define HOST_JOB_INSTANCE_MANAGER_H
 
-#include "host/job/secure_allocator.h"
+#include "host/base/secure_allocator.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 #include "host/job/job.h"
 
-#include "host/job/log.h"
-#include "host/job/state_dir.h"
+#include "host/base/log.h"
+#include "host/base/state_dir.h"
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_sys_time.h>

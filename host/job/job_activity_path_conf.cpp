@@ -1,7 +1,7 @@
 #include "host/job/job_activity_path_conf.h"
 
-#include "host/job/agent_config.h"
-#include "host/job/state_dir.h"
+#include "host/base/agent_config.h"
+#include "host/base/state_dir.h"
 
 std::string Job_Activity_Path_Conf::path(const std::string& key)
 {

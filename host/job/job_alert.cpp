@@ -1,8 +1,8 @@
 #include "host/job/job_alert.h"
 
 #include "host/job/job.h"
-#include "host/job/log.h"
-#include "host/job/state_dir.h"
+#include "host/base/log.h"
+#include "host/base/state_dir.h"
 
 #include <ace/OS_NS_time.h>
 #include <ace/Thread_Mutex.h>

@@ -6,7 +6,7 @@
 #include "host/job/job_source.h"
 #include "host/job/job_target.h"
 #include "host/job/job_types.h"
-#include "host/storage/rate_controller.h"
+#include "host/base/rate_controller.h"
 
 #include <ace/Refcounted_Auto_Ptr.h>
 #include <ace/Thread_Mutex.h>

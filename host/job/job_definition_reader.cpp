@@ -1,7 +1,7 @@
 #include "host/job/job_definition_reader.h"
 
-#include "host/job/log.h"
-#include "host/job/text_file.h"
+#include "host/base/log.h"
+#include "host/base/text_file.h"
 
 #include <nlohmann/json.hpp>
 

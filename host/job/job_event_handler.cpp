@@ -1,7 +1,7 @@
 #include "host/job/job_event_handler.h"
 
 #include "host/job/job.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <ace/OS_NS_time.h>
 #include <cstdarg>

@@ -1,7 +1,7 @@
 #include "host/office365/office365_tenant_registry.h"
 
 #include "host/http/uri_parser.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 #include "host/office365/office365_token.h"
 
 #include <fcntl.h>

@@ -4,7 +4,7 @@
 #include "host/http/http_session_factory.h"
 #include "host/http/json_restful_client.h"
 #include "host/http/uri_parser.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <algorithm>
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "host/job/compression.h"
-#include "host/storage/rate_controller.h"
+#include "host/base/compression.h"
+#include "host/base/rate_controller.h"
 
 // A storage client on one pool location: objects are stored, read, listed and
 // removed by name (names as in is_valid_storage_name). Client_IO_Ex picks the

@@ -1,7 +1,7 @@
 #include "host/storage/pool_info.h"
 
 #include "host/http/http_encoding.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 #include "host/storage/backupd_client.h"
 
 static bool read_string(const nlohmann::ordered_json& value, const char* key, std::string& out, std::string& error)

@@ -2,7 +2,7 @@
 
 #include "backup/exchange/job/exchange_job_utils.h"
 #include "host/job/job_mutex.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <ace/Guard_T.h>
 

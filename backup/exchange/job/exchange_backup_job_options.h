@@ -2,7 +2,7 @@
 #define BACKUP_EXCHANGE_JOB_EXCHANGE_BACKUP_JOB_OPTIONS_H
 
 #include "backup/exchange/core/ews/exchange_common.h"
-#include "host/job/compression.h"
+#include "host/base/compression.h"
 #include "host/job/job_options.h"
 
 #include <string>

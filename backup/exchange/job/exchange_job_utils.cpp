@@ -1,7 +1,7 @@
 #include "backup/exchange/job/exchange_job_utils.h"
 
 #include "host/http/http_encoding.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <cstring>
 

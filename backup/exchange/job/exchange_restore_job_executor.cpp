@@ -1,7 +1,7 @@
 #include "backup/exchange/job/exchange_restore_job_executor.h"
 
 #include "backup/exchange/job/exchange_job_utils.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 Exchange_Restore_Job_Executor::Exchange_Restore_Job_Executor(Job& job)
   : Job_Executor_T<Exchange_Restore_Job_Source, Exchange_Restore_Job_Options, Job_Event_Handler>(job)

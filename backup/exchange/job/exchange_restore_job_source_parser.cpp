@@ -1,7 +1,7 @@
 #include "backup/exchange/job/exchange_restore_job_source_parser.h"
 
 #include "backup/exchange/job/module_exports.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <cerrno>
 #include <new>

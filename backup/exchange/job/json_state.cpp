@@ -1,7 +1,7 @@
 #include "backup/exchange/job/json_state.h"
 
 #include "backup/exchange/job/natoi.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <cerrno>
 #include <climits>

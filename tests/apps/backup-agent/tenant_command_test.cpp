@@ -1,6 +1,6 @@
 #include "agent_process.h"
 #include "support/exo_sim_process.h"
-#include "host/job/uuid.h"
+#include "host/base/uuid.h"
 
 #include <gtest/gtest.h>
 

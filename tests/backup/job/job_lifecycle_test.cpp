@@ -1,6 +1,8 @@
 #include "backup/job/controllable_job_t.h"
-#include "host/job/uuid.h"
+#include "host/base/uuid.h"
 #include "test_executor.h"
+
+#include <ace/Thread_Manager.h>
 
 #include <gtest/gtest.h>
 
@@ -109,4 +111,7 @@ TEST_F(JobLifecycle, RollbackRunsOnADetachedThread)
   EXPECT_EQ(job->rollback(), 0);
   ASSERT_TRUE(script().wait_for("rollback"));
   EXPECT_NE(script().thread, std::this_thread::get_id());
+  // The rollback thread is detached: wait for its end before the job and the script
+  // it reports to go away.
+  EXPECT_EQ(ACE_Thread_Manager::instance()->wait(), 0);
 }

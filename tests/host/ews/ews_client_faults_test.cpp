@@ -84,20 +84,20 @@ TEST(EwsClientFaults, AnExhaustedBudgetFailsCleanly)
 TEST(EwsRetryPolicy, WaitsAsToldOrBacksOffExponentiallyWithinTheBudget)
 {
   EWS_Retry_Policy policy(100, 10);
-  EXPECT_EQ(policy.next_delay(EWS_Status::make(EWS_STATUS_THROTTLED, "ErrorServerBusy", "", 250)), 250);
-  EXPECT_EQ(policy.next_delay(EWS_Status::make(EWS_STATUS_TRANSIENT, "connection", "")), 10);
-  EXPECT_EQ(policy.next_delay(EWS_Status::make(EWS_STATUS_TRANSIENT, "connection", "")), 20);
-  EXPECT_EQ(policy.next_delay(EWS_Status::make(EWS_STATUS_THROTTLED, "HTTP 503", "")), 40);
-  EXPECT_EQ(policy.next_delay(EWS_Status::make(EWS_STATUS_PERMANENT, "ErrorAccessDenied", "")), -1);
+  EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "", 250)), 250);
+  EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_TRANSIENT, "connection", "")), 10);
+  EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_TRANSIENT, "connection", "")), 20);
+  EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_THROTTLED, "HTTP 503", "")), 40);
+  EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "")), -1);
   EXPECT_FALSE(policy.budget_exhausted());
-  EXPECT_EQ(policy.next_delay(EWS_Status::make(EWS_STATUS_THROTTLED, "ErrorServerBusy", "", 200000)), -1);
+  EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "", 200000)), -1);
   EXPECT_TRUE(policy.budget_exhausted());
   EXPECT_EQ(policy.retries(), 4);
 
   EWS_Retry_Policy capped(100000, 1000);
   long last = 0;
   for (int i = 0; i < 20; ++i)
-    last = capped.next_delay(EWS_Status::make(EWS_STATUS_TRANSIENT, "x", ""));
+    last = capped.next_delay(Host_Status::make(HOST_STATUS_TRANSIENT, "x", ""));
   EXPECT_EQ(last, EWS_Retry_Policy::max_backoff_ms);
 }
 

@@ -1,6 +1,6 @@
 #include "host/ews/ews_params.h"
 #include "support/log_capture.h"
-#include "host/job/agent_config.h"
+#include "host/base/agent_config.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/job/agent_config.h"
+#include "host/base/agent_config.h"
 #include "host/job/instance_manager.h"
 #include "host/job/job.h"
 #include "host/job/job_alert.h"

@@ -1,10 +1,9 @@
-#include "host/job/agent_config.h"
-#include "host/job/compression.h"
+#include "host/base/agent_config.h"
+#include "host/base/compression.h"
 #include "host/job/job.h"
 #include "host/job/job_activity_path_conf.h"
 #include "host/job/job_event_handler.h"
 #include "host/job/job_mutex.h"
-#include "host/job/uuid.h"
 #include "temp_dir.h"
 
 #include <fstream>
@@ -80,25 +79,6 @@ TEST_F(JobRecords, EventHandlerRecordsOutcomes)
   // A message longer than the record is cut and terminated.
   job.activity().set_message(std::string(5000, 'x').c_str());
   EXPECT_EQ(std::strlen(job.activity().message), Job_Activity::MESSAGE_SIZE - 1);
-}
-
-TEST(Uuid, ParsesFormatsAndGenerates)
-{
-  unsigned char bytes[16];
-  ASSERT_EQ(uuid_string_to_binary("6F1C2B7E-3d4a-4f5b-9c8d-1e2f3a4b5c6d", bytes), 0);
-  EXPECT_EQ(bytes[0], 0x6f);
-  EXPECT_EQ(uuid_binary_to_string(bytes), "6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6d");
-  for (const char* bad : {"", "6f1c2b7e3d4a4f5b9c8d1e2f3a4b5c6d", "6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6g",
-                          "6f1c2b7e-3d4a-4f5b-9c8d1-e2f3a4b5c6d"})
-  {
-    EXPECT_EQ(uuid_string_to_binary(bad, bytes), -1) << bad;
-    EXPECT_EQ(bytes[0], 0);
-  }
-  EXPECT_EQ(uuid_string_to_binary(nullptr, bytes), -1);
-  const std::string a = uuid_generate_string(), b = uuid_generate_string();
-  EXPECT_NE(a, b);
-  ASSERT_EQ(uuid_string_to_binary(a.c_str(), bytes), 0);
-  EXPECT_EQ(bytes[6] >> 4, 4);  // version 4
 }
 
 TEST(Compression, NamesConvertBothWays)

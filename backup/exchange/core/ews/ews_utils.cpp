@@ -1,7 +1,7 @@
 #include "backup/exchange/core/ews/ews_utils.h"
 
 #include "host/http/uri_parser.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 #include <cerrno>
 #include <new>

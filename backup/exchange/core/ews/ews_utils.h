@@ -4,7 +4,7 @@
 #include "host/ews/ews_client.h"
 #include "host/ews/ews_folder.h"
 #include "host/ews/ews_item.h"
-#include "host/job/secure_allocator.h"
+#include "host/base/secure_allocator.h"
 #include "host/office365/office365_auth.h"
 
 #include <nlohmann/json.hpp>

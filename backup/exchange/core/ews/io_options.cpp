@@ -1,8 +1,8 @@
 #include "backup/exchange/core/ews/io_options.h"
 
-#include "host/job/compression.h"
+#include "host/base/compression.h"
 #include "host/job/job_definition.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 #include "host/storage/host_manager.h"
 #include "host/storage/http_head.h"
 #include "host/storage/pool_info.h"

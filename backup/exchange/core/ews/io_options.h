@@ -7,7 +7,7 @@
 
 #include "host/storage/client_io_base.h"
 #include "host/storage/client_io_ex.h"
-#include "host/storage/rate_controller.h"
+#include "host/base/rate_controller.h"
 
 class Job_Definition;
 

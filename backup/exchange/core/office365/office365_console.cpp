@@ -5,7 +5,7 @@
 #include "host/http/http_query_string_iterator.h"
 #include "host/http/http_session_factory.h"
 #include "host/http/uri_parser.h"
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 std::string ms_graph_default_scope(const std::string& graph_endpoint)
 {

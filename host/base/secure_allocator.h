@@ -1,5 +1,5 @@
-#ifndef HOST_JOB_SECURE_ALLOCATOR_H
-#define HOST_JOB_SECURE_ALLOCATOR_H
+#ifndef HOST_BASE_SECURE_ALLOCATOR_H
+#define HOST_BASE_SECURE_ALLOCATOR_H
 
 #include <cstddef>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "host/job/compression.h"
+#include "host/base/compression.h"
 
 #include <cstring>
 

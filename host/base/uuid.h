@@ -1,5 +1,5 @@
-#ifndef HOST_JOB_UUID_H
-#define HOST_JOB_UUID_H
+#ifndef HOST_BASE_UUID_H
+#define HOST_BASE_UUID_H
 
 #include <string>
 

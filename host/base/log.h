@@ -1,5 +1,5 @@
-#ifndef HOST_JOB_LOG_H
-#define HOST_JOB_LOG_H
+#ifndef HOST_BASE_LOG_H
+#define HOST_BASE_LOG_H
 
 #include <ace/Log_Msg.h>
 

@@ -1,9 +1,12 @@
-#include "host/job/uuid.h"
+#include "host/base/uuid.h"
 
-#include "host/http/http_encoding.h"
+#include "host/base/hex.h"
 
 #include <cstring>
-#include <random>
+#include <sys/random.h>
+
+#include <cerrno>
+#include <stdexcept>
 
 namespace
 {
@@ -51,12 +54,18 @@ std::string uuid_binary_to_string(const unsigned char* bytes)
 
 std::string uuid_generate_string()
 {
-  static thread_local std::mt19937_64 engine{std::random_device{}()};
+  // Backup-set uuids make catalog commits idempotent, so two agents must never draw
+  // the same one: take the bytes from the kernel's cryptographic generator.
   unsigned char bytes[16];
-  for (size_t i = 0; i < 16; i += 8)
+  size_t got = 0;
+  while (got < sizeof bytes)
   {
-    const uint64_t r = engine();
-    std::memcpy(bytes + i, &r, 8);
+    const ssize_t n = getrandom(bytes + got, sizeof bytes - got, 0);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      throw std::runtime_error("getrandom failed: no random source for a uuid");
+    got += static_cast<size_t>(n);
   }
   bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);
   bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);

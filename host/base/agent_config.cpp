@@ -1,6 +1,6 @@
-#include "host/job/agent_config.h"
+#include "host/base/agent_config.h"
 
-#include "host/job/text_file.h"
+#include "host/base/text_file.h"
 
 #include <ace/Guard_T.h>
 #include <climits>

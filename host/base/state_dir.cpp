@@ -1,6 +1,6 @@
-#include "host/job/state_dir.h"
+#include "host/base/state_dir.h"
 
-#include "host/job/agent_config.h"
+#include "host/base/agent_config.h"
 
 #include <cerrno>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
-#ifndef HOST_STORAGE_RATE_CONTROLLER_H
-#define HOST_STORAGE_RATE_CONTROLLER_H
+#ifndef HOST_BASE_RATE_CONTROLLER_H
+#define HOST_BASE_RATE_CONTROLLER_H
 
 #include <chrono>
 #include <cstddef>

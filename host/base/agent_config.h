@@ -1,7 +1,7 @@
-#ifndef HOST_JOB_AGENT_CONFIG_H
-#define HOST_JOB_AGENT_CONFIG_H
+#ifndef HOST_BASE_AGENT_CONFIG_H
+#define HOST_BASE_AGENT_CONFIG_H
 
-#include "host/job/secure_allocator.h"
+#include "host/base/secure_allocator.h"
 
 #include <ace/Thread_Mutex.h>
 #include <map>

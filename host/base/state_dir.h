@@ -1,5 +1,5 @@
-#ifndef HOST_JOB_STATE_DIR_H
-#define HOST_JOB_STATE_DIR_H
+#ifndef HOST_BASE_STATE_DIR_H
+#define HOST_BASE_STATE_DIR_H
 
 #include <string>
 

@@ -1,5 +1,5 @@
-#ifndef HOST_JOB_COMPRESSION_H
-#define HOST_JOB_COMPRESSION_H
+#ifndef HOST_BASE_COMPRESSION_H
+#define HOST_BASE_COMPRESSION_H
 
 // Compression of backup-set data.
 enum Compression_Method

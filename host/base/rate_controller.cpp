@@ -1,4 +1,4 @@
-#include "host/storage/rate_controller.h"
+#include "host/base/rate_controller.h"
 
 #include <ctime>
 #include <thread>

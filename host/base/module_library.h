@@ -1,5 +1,5 @@
-#ifndef HOST_JOB_MODULE_LIBRARY_H
-#define HOST_JOB_MODULE_LIBRARY_H
+#ifndef HOST_BASE_MODULE_LIBRARY_H
+#define HOST_BASE_MODULE_LIBRARY_H
 
 #include <ace/DLL.h>
 #include <memory>

@@ -1,5 +1,5 @@
-#ifndef HOST_JOB_TEXT_FILE_H
-#define HOST_JOB_TEXT_FILE_H
+#ifndef HOST_BASE_TEXT_FILE_H
+#define HOST_BASE_TEXT_FILE_H
 
 #include <string>
 

@@ -1,4 +1,4 @@
-#include "host/job/text_file.h"
+#include "host/base/text_file.h"
 
 #include <fstream>
 #include <sstream>

@@ -1,6 +1,6 @@
-#include "host/job/module_library.h"
+#include "host/base/module_library.h"
 
-#include "host/job/log.h"
+#include "host/base/log.h"
 
 Module_Library::Module_Library() : open_(false) {}
 

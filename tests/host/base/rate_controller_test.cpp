@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "host/storage/client_io_ex.h"
-#include "host/storage/rate_controller.h"
+#include "host/base/rate_controller.h"
 
 static double seconds_since(std::chrono::steady_clock::time_point start)
 {
