@@ -1,7 +1,6 @@
 #include "host/mtf/mtf_backup.h"
 
 #include <ace/Log_Msg.h>
-#include <algorithm>
 
 #include "host/base/log.h"
 #include "host/mtf/mtf_backup_channel.h"
@@ -102,29 +101,20 @@ bool MTF_Backup::prepare(std::string& location)
     LOG_MSG(LM_ERROR, "Failed to connect to '%s': %s\n", location.c_str(), io.last_error().c_str());
     return false;
   }
-  std::string prefix = "set." + std::to_string(rev()) + ".";
-  std::vector<std::string> old;
-  if (!io.list(prefix, old))
-  {
-    LOG_MSG(LM_ERROR, "Failed to list '%s': %s\n", location.c_str(), io.last_error().c_str());
-    return false;
-  }
+  // Data files are written with overwrite on; a catalog file of an earlier
+  // attempt at this revision is removed first, so that no old catalog can ever
+  // describe the data files written now.
   std::string catalog = catalog_name();
-  for (size_t i = 0; i <= old.size(); ++i)
+  uint64_t size = 0;
+  if (io.size(catalog, size))
   {
-    // The catalog file is removed before any data file.
-    const std::string& name = i == 0 ? catalog : old[i - 1];
-    if (i > 0 && name == catalog)
-      continue;
-    if (i == 0 && std::find(old.begin(), old.end(), catalog) == old.end())
-      continue;
-    if (!io.remove(name))
+    if (!io.remove(catalog))
     {
-      LOG_MSG(LM_ERROR, "Failed to remove '%s' of an unfinished backup set: %s\n", name.c_str(),
+      LOG_MSG(LM_ERROR, "Failed to remove '%s' of an unfinished backup set: %s\n", catalog.c_str(),
               io.last_error().c_str());
       return false;
     }
-    LOG_MSG(LM_DEBUG, "Removed '%s' left by an unfinished backup set.\n", name.c_str());
+    LOG_MSG(LM_INFO, "Removed '%s' left by an earlier attempt at revision %d.\n", catalog.c_str(), rev());
   }
   return true;
 }
@@ -251,8 +241,8 @@ int MTF_Backup::finish(const std::string& location)
   }
   summary_.set(bytes_done_, set_size, stored, files, dirs, failed, skipped);
   handler_.handle_progress(100, bytes_done_, bytes_done_, files);
-  LOG_MSG(LM_INFO, "Backup set revision %d written: %llu files, %llu bytes, %llu stored, %llu failed.\n", rev(),
-          static_cast<unsigned long long>(files), static_cast<unsigned long long>(summary_.size()),
-          static_cast<unsigned long long>(stored), static_cast<unsigned long long>(failed));
+  LOG_MSG(LM_INFO, "Backup set revision %d written: %Q files, %Q bytes, %Q stored, %Q failed.\n", rev(),
+          static_cast<ACE_UINT64>(files), static_cast<ACE_UINT64>(summary_.size()),
+          static_cast<ACE_UINT64>(stored), static_cast<ACE_UINT64>(failed));
   return 0;
 }

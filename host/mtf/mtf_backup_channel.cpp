@@ -302,16 +302,16 @@ bool MTF_Backup_Channel::backup_file(const std::string& path, uint32_t dir_id, u
     }
     if (buffer_.size() == 0)
     {
-      LOG_MSG(LM_ERROR, "File '%s' ended after %llu of %llu bytes\n", path.c_str(),
-              static_cast<unsigned long long>(done), static_cast<unsigned long long>(size));
+      LOG_MSG(LM_ERROR, "File '%s' ended after %Q of %Q bytes\n", path.c_str(),
+              static_cast<ACE_UINT64>(done), static_cast<ACE_UINT64>(size));
       data_ok = false;
       break;
     }
     uint64_t take = buffer_.size();
     if (take > size - done)
     {
-      LOG_MSG(LM_ERROR, "File '%s' gave more data than its size %llu\n", path.c_str(),
-              static_cast<unsigned long long>(size));
+      LOG_MSG(LM_ERROR, "File '%s' gave more data than its size %Q\n", path.c_str(),
+              static_cast<ACE_UINT64>(size));
       take = size - done;
       data_ok = false;
     }

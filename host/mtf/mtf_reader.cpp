@@ -27,8 +27,13 @@ MTF_Reader::~MTF_Reader()
 
 bool MTF_Reader::fail(const std::string& text)
 {
+  return fail_at(position_, text);
+}
+
+bool MTF_Reader::fail_at(uint64_t offset, const std::string& text)
+{
   if (!failed_)
-    error_ = "offset " + std::to_string(position_) + ": " + text;
+    error_ = "offset " + std::to_string(offset) + ": " + text;
   failed_ = true;
   return false;
 }
@@ -183,14 +188,14 @@ bool MTF_Reader::read_block(Block& block)
     return false;
   for (int i = 0; i < 4; ++i)
     if (raw[i] < 'A' || raw[i] > 'Z')
-      return fail("no descriptor block here");
+      return fail_at(block.offset, "no descriptor block here");
   block.type = raw.substr(0, 4);
   if (xor_checksum(raw.data(), HEADER_CHECKSUM_AT / 2) != get16(&raw[HEADER_CHECKSUM_AT]))
-    return fail(block.type + " block header checksum mismatch");
+    return fail_at(block.offset, block.type + " block header checksum mismatch");
   size_t fixed = fixed_size(block.type);
   size_t first_event = get16(&raw[OFF_FIRST_EVENT]);
   if (first_event < fixed || first_event % 4 != 0)
-    return fail(block.type + " block has a bad offset to its first stream");
+    return fail_at(block.offset, block.type + " block has a bad offset to its first stream");
   raw.resize(first_event);
   if (!read_exact(&raw[HEADER_SIZE], first_event - HEADER_SIZE, "a descriptor block"))
     return false;
@@ -200,7 +205,7 @@ bool MTF_Reader::read_block(Block& block)
   block.control_id = get32(&raw[OFF_CONTROL_ID]);
   if (static_cast<unsigned char>(raw[OFF_STRING_TYPE]) != STRING_TYPE_UNICODE &&
       static_cast<unsigned char>(raw[OFF_STRING_TYPE]) != 0)
-    return fail(block.type + " block has an unknown string type");
+    return fail_at(block.offset, block.type + " block has an unknown string type");
   bool strings_ok = true;
   if (block.type == "TAPE")
   {
@@ -236,7 +241,7 @@ bool MTF_Reader::read_block(Block& block)
   else if (block.type == "ESET")
     block.corrupt_files = get32(&raw[56]);
   if (!strings_ok)
-    return fail(block.type + " block has a damaged name");
+    return fail_at(block.offset, block.type + " block has a damaged name");
   stream_left_ = 0;
   return true;
 }

@@ -75,6 +75,7 @@ public:
 
 private:
   bool fail(const std::string& text);
+  bool fail_at(uint64_t offset, const std::string& text);
   bool fill();
   bool read_exact(char* data, size_t len, const char* what);
   bool skip(uint64_t len);

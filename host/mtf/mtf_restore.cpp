@@ -160,9 +160,9 @@ int MTF_Restore::restore()
   unsigned workers = concurrent_ != 0 ? concurrent_ : (channel_num_ != 0 ? channel_num_ : 1);
   if (workers > batches_.size() && !batches_.empty())
     workers = static_cast<unsigned>(batches_.size());
-  LOG_MSG(LM_INFO, "Restoring %llu files (%llu bytes) and %llu directories of backup set revision %d from '%s' with %u worker(s)%s%s.\n",
-          static_cast<unsigned long long>(files_total_), static_cast<unsigned long long>(bytes_total_),
-          static_cast<unsigned long long>(dirs_.size()), seq_, location_.c_str(), workers,
+  LOG_MSG(LM_INFO, "Restoring %Q files (%Q bytes) and %Q directories of backup set revision %d from '%s' with %u worker(s)%s%s.\n",
+          static_cast<ACE_UINT64>(files_total_), static_cast<ACE_UINT64>(bytes_total_),
+          static_cast<ACE_UINT64>(dirs_.size()), seq_, location_.c_str(), workers,
           definition_uuid_.empty() ? "" : " for job ", definition_uuid_.c_str());
   live_workers_ = workers;
   std::vector<std::unique_ptr<MTF_Restore_Worker>> pool;
@@ -176,14 +176,14 @@ int MTF_Restore::restore()
   ACE_UINT64 missing = files_total_ - files_done_ - files_failed_;
   if (missing > 0 && !cancelled_)
   {
-    LOG_MSG(LM_ERROR, "%llu selected files were not restored: no worker could take them.\n",
-            static_cast<unsigned long long>(missing));
+    LOG_MSG(LM_ERROR, "%Q selected files were not restored: no worker could take them.\n",
+            static_cast<ACE_UINT64>(missing));
     files_failed_ += missing;
   }
   files_failed_ += unknown_paths_;
-  LOG_MSG(LM_INFO, "Restore of backup set revision %d: %llu files (%llu bytes) restored, %llu failed.\n", seq_,
-          static_cast<unsigned long long>(files_done_), static_cast<unsigned long long>(bytes_done_),
-          static_cast<unsigned long long>(files_failed_));
+  LOG_MSG(LM_INFO, "Restore of backup set revision %d: %Q files (%Q bytes) restored, %Q failed.\n", seq_,
+          static_cast<ACE_UINT64>(files_done_), static_cast<ACE_UINT64>(bytes_done_),
+          static_cast<ACE_UINT64>(files_failed_));
   if (cancelled_)
   {
     LOG_MSG(LM_WARNING, "Restore cancelled.\n");

@@ -136,8 +136,8 @@ bool MTF_Restore_Worker::restore_file(const MTF_Set_Catalog::Entry& e)
   bool found = reader_->read_block(block);
   if (found && (block.type != "FILE" || block.name != MTF_FS::basename(e.path, catalog.separator)))
   {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': %s offset %llu holds %s '%s', not this file\n", path.c_str(),
-            data_name.c_str(), static_cast<unsigned long long>(e.offset), block.type.c_str(), block.name.c_str());
+    LOG_MSG(LM_ERROR, "Failed to restore '%s': %s offset %Q holds %s '%s', not this file\n", path.c_str(),
+            data_name.c_str(), static_cast<ACE_UINT64>(e.offset), block.type.c_str(), block.name.c_str());
     reader_.reset();
     return false;
   }
@@ -160,9 +160,9 @@ bool MTF_Restore_Worker::restore_file(const MTF_Set_Catalog::Entry& e)
   }
   if (stream.length != e.length)
   {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': its data stream in %s holds %llu bytes, the catalog says %llu\n",
-            path.c_str(), data_name.c_str(), static_cast<unsigned long long>(stream.length),
-            static_cast<unsigned long long>(e.length));
+    LOG_MSG(LM_ERROR, "Failed to restore '%s': its data stream in %s holds %Q bytes, the catalog says %Q\n",
+            path.c_str(), data_name.c_str(), static_cast<ACE_UINT64>(stream.length),
+            static_cast<ACE_UINT64>(e.length));
     reader_.reset();
     return false;
   }

@@ -26,6 +26,7 @@ bool MTF_Verifier::check_data_file(MTF_Reader::Source source, bool compressed, c
   std::string where;  // the path of the block being read, for messages
   for (size_t index = 0;; ++index)
   {
+    where.clear();
     if (reader.at_end())
     {
       if (!reader.error().empty())
