@@ -1,0 +1,159 @@
+// Backup-set stream throughput against tar on the same disk.
+//
+//   bench_mtf DIR [FILES [BIG_FILES [BIG_MIB]]]
+//
+// Builds a tree of FILES files (sizes spread log-uniformly over 1 KiB..1 MiB, half
+// of each file random, half repeated text) plus BIG_FILES files of BIG_MIB MiB under
+// DIR/tree, then times: tar -cf, MTF backup to file:// on 1 and 4 channels, tar -xf,
+// and MTF restore of the whole set on 1 and 4 workers. Each step runs in a child
+// process so its peak RSS is its own. Prints one Markdown table row per step.
+
+#include <ace/Log_Msg.h>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "host/mtf/local_tree.h"
+#include "host/mtf/mtf_backup.h"
+#include "host/mtf/mtf_restore.h"
+
+static std::string g_dir;
+static double g_mib = 0;
+
+static void make_tree(int files, int big, int big_mib)
+{
+  std::mt19937_64 gen(42);
+  system(("rm -rf '" + g_dir + "' && mkdir -p '" + g_dir + "/tree'").c_str());
+  uint64_t total = 0;
+  std::string text = "The quick brown fox jumps over the lazy dog. ";
+  for (int i = 0; i < files; ++i)
+  {
+    std::string dir = g_dir + "/tree/d" + std::to_string(i / 200) + "/e" + std::to_string(i / 20 % 10);
+    if (i % 20 == 0)
+      system(("mkdir -p '" + dir + "'").c_str());
+    size_t size = static_cast<size_t>(1024.0 * std::pow(1024.0, std::uniform_real_distribution<>(0, 1)(gen)));
+    std::string data(size, '\0');
+    for (size_t k = 0; k < size / 2; ++k)
+      data[k] = static_cast<char>(gen());
+    for (size_t k = size / 2; k < size; ++k)
+      data[k] = text[k % text.size()];
+    write_file(dir + "/f" + std::to_string(i), data);
+    total += size;
+  }
+  for (int i = 0; i < big; ++i)
+  {
+    std::string chunk(1024 * 1024, '\0');
+    FILE* f = fopen((g_dir + "/tree/big" + std::to_string(i)).c_str(), "wb");
+    for (int m = 0; m < big_mib; ++m)
+    {
+      for (size_t k = 0; k < chunk.size(); k += 8)
+      {
+        uint64_t v = m % 2 ? gen() : k;
+        memcpy(&chunk[k], &v, 8);
+      }
+      fwrite(chunk.data(), 1, chunk.size(), f);
+    }
+    fclose(f);
+    total += static_cast<uint64_t>(big_mib) << 20;
+  }
+  g_mib = total / 1048576.0;
+}
+
+static void backup(unsigned channels)
+{
+  Local_Backup_Factory factory;
+  factory.record.root = g_dir + "/tree";
+  MTF_Metadata md;
+  md.set_agent("bench");
+  MTF::Event_Handler handler;
+  MTF_Backup b(md, handler, nullptr);
+  b.pool_uuid("bench");
+  b.pool_url("file://" + g_dir + "/pool");
+  b.host_uuid("h");
+  b.minor_resource_id("c" + std::to_string(channels));
+  b.seq(0);
+  b.channel_num(channels);
+  b.callback_factory(&factory);
+  for (const char* d : {"/d0/", "/d1/", "/d2/", "/d3/", "/d4/", "/d5/", "/d6/", "/d7/", "/d8/", "/d9/"})
+    if (access((g_dir + "/tree" + d).c_str(), F_OK) == 0)
+      b.add_source(d, d);
+  for (int i = 0; access((g_dir + "/tree/big" + std::to_string(i)).c_str(), F_OK) == 0; ++i)
+    b.add_source("big", "/big" + std::to_string(i));
+  _exit(b.backup() == 0 ? 0 : 1);
+}
+
+static void restore(unsigned workers)
+{
+  Local_Restore_Factory factory(g_dir + "/out" + std::to_string(workers));
+  MTF::Event_Handler handler;
+  MTF_Restore r(handler);
+  r.callback_factory(&factory);
+  r.pool_uuid("bench");
+  r.pool_url("file://" + g_dir + "/pool");
+  r.backup_host_uuid("h");
+  r.backup_minor_resource_id("c" + std::to_string(workers));
+  r.seq(1);
+  r.restore_select({{{"dir", "/"}}});
+  r.channel_num(workers);
+  _exit(r.restore() == 0 && r.failed_count() == 0 ? 0 : 1);
+}
+
+static double g_tar_seconds[2];
+
+// Runs `step` in a child; prints its row. `kind` 0: backup, 1: restore.
+template <typename F>
+static void run(const char* name, int kind, bool is_tar, F step)
+{
+  system("sync");
+  auto t0 = std::chrono::steady_clock::now();
+  pid_t pid = fork();
+  if (pid == 0)
+  {
+    step();
+    _exit(0);
+  }
+  int status = 0;
+  struct rusage ru;
+  wait4(pid, &status, 0, &ru);
+  system("sync");
+  double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  if (is_tar)
+    g_tar_seconds[kind] = s;
+  double ratio = g_tar_seconds[kind] > 0 ? g_tar_seconds[kind] / s : 0;
+  printf("| %s | %.1f | %.1f | %.2f | %ld |%s\n", name, s, g_mib / s, ratio, ru.ru_maxrss / 1024,
+         WIFEXITED(status) && WEXITSTATUS(status) == 0 ? "" : " FAILED");
+  fflush(stdout);
+}
+
+int main(int argc, char** argv)
+{
+  if (argc < 2)
+  {
+    fprintf(stderr, "usage: bench_mtf DIR [FILES [BIG_FILES [BIG_MIB]]]\n");
+    return 2;
+  }
+  g_dir = argv[1];
+  int files = argc > 2 ? atoi(argv[2]) : 20000;
+  int big = argc > 3 ? atoi(argv[3]) : 3;
+  int big_mib = argc > 4 ? atoi(argv[4]) : 100;
+  ACE_LOG_MSG->priority_mask(LM_ERROR | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
+  make_tree(files, big, big_mib);
+  printf("tree: %d files + %d x %d MiB = %.0f MiB\n\n", files, big, big_mib, g_mib);
+  printf("| step | seconds | MiB/s | ratio to tar | peak RSS MiB |\n|---|---|---|---|---|\n");
+  std::string d = "'" + g_dir + "'";
+  run("tar -cf", 0, true, [&] { _exit(system(("tar -cf " + d + "/t.tar -C " + d + "/tree .").c_str()) ? 1 : 0); });
+  run("MTF backup, 1 channel", 0, false, [] { backup(1); });
+  run("MTF backup, 4 channels", 0, false, [] { backup(4); });
+  run("tar -xf", 1, true,
+      [&] { _exit(system(("mkdir -p " + d + "/tx && tar -xf " + d + "/t.tar -C " + d + "/tx").c_str()) ? 1 : 0); });
+  run("MTF restore, 1 worker", 1, false, [] { restore(1); });
+  run("MTF restore, 4 workers", 1, false, [] { restore(4); });
+  system(("rm -rf " + d).c_str());
+  return 0;
+}
