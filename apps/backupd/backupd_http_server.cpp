@@ -16,8 +16,9 @@ struct Request_State
   bool parsed = false;     // the request line and headers were read
   bool has_body = false;
   bool body_read = false;  // the body was read to its end
+  bool close = false;      // a handler asked for the connection to end
 
-  bool must_close() const { return !parsed || (has_body && !body_read); }
+  bool must_close() const { return !parsed || close || (has_body && !body_read); }
 };
 
 // The request of the connection this worker thread serves. Each connection is
@@ -70,6 +71,12 @@ Backupd_Http_Server::Backupd_Http_Server()
 bool Backupd_Http_Server::request_has_body()
 {
   return current_request != nullptr && current_request->has_body;
+}
+
+void Backupd_Http_Server::close_after_reply()
+{
+  if (current_request != nullptr)
+    current_request->close = true;
 }
 
 bool Backupd_Http_Server::read_body(const httplib::ContentReader& reader, httplib::ContentReceiver receiver)

@@ -24,6 +24,9 @@ public:
   // True when the request being served carries a body (a Content-Length above 0
   // or a Transfer-Encoding).
   static bool request_has_body();
+  // Ends the connection after the answer to the request being served, for a
+  // request whose end cannot be told for sure.
+  static void close_after_reply();
   // Reads the request body through `reader` into `receiver`; true when it was
   // read to its end, which lets the connection serve further requests.
   static bool read_body(const httplib::ContentReader& reader, httplib::ContentReceiver receiver);

@@ -184,6 +184,8 @@ bool Backupd_Server::body_allowed(const httplib::Request& req, httplib::Response
   }
   if (!has_length && !chunked)
   {
+    // The client may well be sending a body it did not announce.
+    Backupd_Http_Server::close_after_reply();
     answer_error(res, 411, "Content-Length or chunked Transfer-Encoding required");
     return false;
   }
