@@ -25,11 +25,20 @@ bool Access_Keys::load(const std::string& path, std::string& error)
     LOG_MSG(LM_WARNING, "The access key file %s is readable by others than its owner\n", path.c_str());
   keys_.clear();
   std::string line;
-  while (std::getline(in, line))
+  for (int number = 1; std::getline(in, line); ++number)
   {
     line = trim(line);
-    if (!line.empty() && line[0] != '#')
-      keys_.push_back(line);
+    if (line.empty() || line[0] == '#')
+      continue;
+    // The key itself never goes into the message.
+    if (line.size() < MIN_KEY_LENGTH)
+    {
+      error = "the key on line " + std::to_string(number) + " of " + path + " is shorter than " +
+              std::to_string(MIN_KEY_LENGTH) + " characters";
+      keys_.clear();
+      return false;
+    }
+    keys_.push_back(line);
   }
   if (keys_.empty())
   {

@@ -11,7 +11,11 @@
 class Access_Keys
 {
 public:
-  // False with `error` when the file cannot be read or holds no key.
+  // Keys shorter than this are refused: a key is all that guards the backups.
+  static const size_t MIN_KEY_LENGTH = 16;
+
+  // False with `error` when the file cannot be read, holds no key or a key
+  // shorter than MIN_KEY_LENGTH.
   bool load(const std::string& path, std::string& error);
   // Compares in time independent of where a wrong key differs.
   bool accepts(const std::string& key) const;

@@ -22,6 +22,65 @@ static void answer_error(httplib::Response& res, int status, const std::string& 
   res.set_content(body.dump(), "application/json");
 }
 
+// True when a JSON value holds a NUL character in a string or a key: catalog
+// values are compared and stored as text, where a NUL would cut them short.
+static bool holds_nul(const nlohmann::ordered_json& value)
+{
+  if (value.is_string())
+    return value.get_ref<const std::string&>().find('\0') != std::string::npos;
+  if (value.is_object())
+  {
+    for (auto it = value.begin(); it != value.end(); ++it)
+      if (it.key().find('\0') != std::string::npos || holds_nul(it.value()))
+        return true;
+  }
+  else if (value.is_array())
+  {
+    for (const auto& item : value)
+      if (holds_nul(item))
+        return true;
+  }
+  return false;
+}
+
+// "application/json", with or without parameters, in any case.
+static bool is_json_type(const std::string& content_type)
+{
+  std::string type = content_type.substr(0, content_type.find(';'));
+  while (!type.empty() && (type.back() == ' ' || type.back() == '\t'))
+    type.pop_back();
+  for (char& c : type)
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return type == "application/json";
+}
+
+// The text of an error the server library answers by itself.
+static const char* library_error_text(int status)
+{
+  switch (status)
+  {
+  case 400:
+    return "the request could not be read";
+  case 404:
+    return "no such resource";
+  case 405:
+    return "method not allowed";
+  case 413:
+    return "the request is too large";
+  case 414:
+    return "the request target is too long";
+  case 416:
+    return "invalid range";
+  default:
+    return "the request was refused";
+  }
+}
+
+static bool is_digits(const std::string& text)
+{
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
 static void answer_json(httplib::Response& res, int status, const nlohmann::ordered_json& body)
 {
   res.status = status;
@@ -90,11 +149,59 @@ bool Backupd_Server::authorised(const httplib::Request& req, httplib::Response& 
   const char* header = http_head_string(HTTP_HEAD_ACCESS_KEY, 0, "");
   if (req.has_header(header) && keys_.accepts(req.get_header_value(header)))
     return true;
-  // The body of a refused upload is never read; closing the connection keeps its
-  // bytes from being taken for a next request.
-  res.set_header("Connection", "close");
+  // A body sent with a refused request is never read; Backupd_Http_Server closes
+  // the connection so that its bytes are not taken for a next request.
   answer_error(res, 401, "missing or wrong access key");
   return false;
+}
+
+bool Backupd_Server::body_allowed(const httplib::Request& req, httplib::Response& res) const
+{
+  bool has_length = req.has_header("Content-Length");
+  bool chunked = req.has_header("Transfer-Encoding");
+  // One framing only, and one the server reads exactly the way the client meant
+  // it: anything else could let the client and the server disagree on where the
+  // body ends.
+  if (req.get_header_value_count("Content-Length") > 1 || req.get_header_value_count("Transfer-Encoding") > 1 ||
+      (has_length && chunked) || (has_length && !is_digits(req.get_header_value("Content-Length"))))
+  {
+    answer_error(res, 400, "invalid Content-Length or Transfer-Encoding");
+    return false;
+  }
+  if (chunked && req.get_header_value("Transfer-Encoding") != "chunked")
+  {
+    answer_error(res, 501, "only the chunked transfer encoding is accepted");
+    return false;
+  }
+  bool upload = req.method == "PUT" && req.path.compare(0, 12, "/d2/storage/") == 0;
+  bool commit = req.method == "POST" && req.path == SETS_RESOURCE;
+  if (!upload && !commit)
+  {
+    if (!Backupd_Http_Server::request_has_body())
+      return true;
+    answer_error(res, 400, "this request takes no body");
+    return false;
+  }
+  if (!has_length && !chunked)
+  {
+    // The client may well be sending a body it did not announce.
+    Backupd_Http_Server::close_after_reply();
+    answer_error(res, 411, "Content-Length or chunked Transfer-Encoding required");
+    return false;
+  }
+  if (commit && !is_json_type(req.get_header_value("Content-Type")))
+  {
+    answer_error(res, 415, "a catalog record must be sent as Content-Type: application/json");
+    return false;
+  }
+  if (commit && has_length &&
+      (req.get_header_value("Content-Length").size() > 18 ||
+       std::stoull(req.get_header_value("Content-Length")) > MAX_RECORD_BYTES))
+  {
+    answer_error(res, 413, "a catalog record is limited to " + std::to_string(MAX_RECORD_BYTES) + " bytes");
+    return false;
+  }
+  return true;
 }
 
 void Backupd_Server::install_routes()
@@ -104,12 +211,38 @@ void Backupd_Server::install_routes()
   // A backup stream may pause between blocks while it waits for its source.
   server_.set_read_timeout(300, 0);
   server_.set_write_timeout(300, 0);
+  // Agents send many small requests in a row (catalog pages, object heads):
+  // one connection serves them all.
+  server_.set_keep_alive_max_count(KEEP_ALIVE_REQUESTS);
+  server_.set_keep_alive_timeout(KEEP_ALIVE_IDLE_SECONDS);
   server_.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
-    return authorised(req, res) ? httplib::Server::HandlerResponse::Unhandled
-                                : httplib::Server::HandlerResponse::Handled;
+    return body_allowed(req, res) && authorised(req, res) ? httplib::Server::HandlerResponse::Unhandled
+                                                          : httplib::Server::HandlerResponse::Handled;
+  });
+  // Every error answer is JSON: the ones the server library makes itself
+  // (unknown route, unreadable request) come without a body and get one here.
+  // An error answer is never cut to a requested range; the request object is the
+  // library's own, not const, so the ranges can be dropped. "Handled" has the
+  // library frame the body (Content-Length).
+  server_.set_error_handler(httplib::Server::HandlerWithResponse(
+      [](const httplib::Request& req, httplib::Response& res) {
+        const_cast<httplib::Request&>(req).ranges.clear();
+        if (res.body.empty() && !res.has_header("Content-Type"))
+          answer_error(res, res.status, library_error_text(res.status));
+        return httplib::Server::HandlerResponse::Handled;
+      }));
+  // A client that waits for "100 Continue" before sending a body hears at once
+  // when the request is refused, and sends nothing.
+  server_.set_expect_100_continue_handler([this](const httplib::Request& req, httplib::Response& res) {
+    return body_allowed(req, res) && authorised(req, res) ? 100 : res.status;
   });
   server_.Get(SETS_RESOURCE, [this](const httplib::Request& req, httplib::Response& res) { get_sets(req, res); });
-  server_.Post(SETS_RESOURCE, [this](const httplib::Request& req, httplib::Response& res) { post_set(req, res); });
+  server_.Post(SETS_RESOURCE,
+               [this](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader) {
+                 post_set(req, res, reader);
+               });
+  server_.Delete(std::string(SETS_RESOURCE) + "/([^/]+)",
+                 [this](const httplib::Request& req, httplib::Response& res) { delete_set(req, res); });
   server_.Get("/d2/r/v2/pools", [this](const httplib::Request& req, httplib::Response& res) { list_pools(req, res); });
   server_.Get("/d2/r/v2/pools/([^/]+)",
               [this](const httplib::Request& req, httplib::Response& res) { get_pool(req, res); });
@@ -141,13 +274,29 @@ void Backupd_Server::get_sets(const httplib::Request& req, httplib::Response& re
   answer_json(res, 200, answer);
 }
 
-void Backupd_Server::post_set(const httplib::Request& req, httplib::Response& res)
+void Backupd_Server::post_set(const httplib::Request&, httplib::Response& res,
+                              const httplib::ContentReader& reader)
 {
-  nlohmann::ordered_json record = nlohmann::ordered_json::parse(req.body, nullptr, false);
+  // A chunked record has no length up front: the limit is checked as it arrives.
+  std::string body;
+  bool too_large = false;
+  bool complete = Backupd_Http_Server::read_body(reader, [&](const char* data, size_t len) {
+    too_large = body.size() + len > MAX_RECORD_BYTES;
+    if (!too_large)
+      body.append(data, len);
+    return !too_large;
+  });
+  if (too_large)
+    return answer_error(res, 413, "a catalog record is limited to " + std::to_string(MAX_RECORD_BYTES) + " bytes");
+  if (!complete)
+    return answer_error(res, 400, "the record ended early");
+  nlohmann::ordered_json record = nlohmann::ordered_json::parse(body, nullptr, false);
   Exchange_Backup_Set set;
   std::string error;
   if (record.is_discarded())
     return answer_error(res, 400, "the record is not JSON");
+  if (holds_nul(record))
+    return answer_error(res, 400, "invalid record: a catalog value holds a NUL character");
   if (!set.from_json(record, error))
     return answer_error(res, 400, "invalid record: " + error);
   if (set.uuid.empty() || set.module.empty())
@@ -169,6 +318,24 @@ void Backupd_Server::post_set(const httplib::Request& req, httplib::Response& re
   }
   LOG_MSG(LM_ERROR, "Failed to commit catalog record %s: %s\n", set.uuid.c_str(), error.c_str());
   answer_error(res, 500, "catalog commit failed");
+}
+
+void Backupd_Server::delete_set(const httplib::Request& req, httplib::Response& res)
+{
+  std::string uuid = req.matches[1];
+  if (uuid.find('\0') != std::string::npos)
+    return answer_error(res, 400, "a catalog value holds a NUL character");
+  std::string error;
+  if (catalog_.delete_set(uuid, error))
+  {
+    LOG_MSG(LM_INFO, "Deleted catalog record %s\n", uuid.c_str());
+    res.status = 204;
+    return;
+  }
+  if (error.empty())
+    return answer_error(res, 404, "no such record");
+  LOG_MSG(LM_ERROR, "Failed to delete catalog record %s: %s\n", uuid.c_str(), error.c_str());
+  answer_error(res, 500, "catalog delete failed");
 }
 
 // A pool's answer; a pool without a URL of its own is served here.
@@ -263,7 +430,7 @@ void Backupd_Server::put_object(const httplib::Request& req, httplib::Response& 
   if (rc != 0)
     return answer_error(res, status_of(rc), std::string("cannot write: ") + strerror(rc));
   int write_error = 0;
-  bool complete = reader([&](const char* data, size_t len) {
+  bool complete = Backupd_Http_Server::read_body(reader, [&](const char* data, size_t len) {
     write_error = writer.write(data, len);
     return write_error == 0;
   });

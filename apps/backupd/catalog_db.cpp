@@ -1,7 +1,13 @@
 #include "apps/backupd/catalog_db.h"
 
+#include <cerrno>
+#include <climits>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 // Schema migrations, applied in order; migration i brings the file to version i+1.
 static const char* const MIGRATIONS[] = {
@@ -40,13 +46,18 @@ public:
   ~Statement() { sqlite3_finalize(stmt_); }
   bool ok() const { return stmt_ != nullptr; }
   sqlite3_stmt* get() { return stmt_; }
-  void bind(int i, const std::string& v) { sqlite3_bind_text(stmt_, i, v.c_str(), -1, SQLITE_TRANSIENT); }
+  // With its real length: a value is never cut short at an embedded NUL.
+  void bind(int i, const std::string& v)
+  {
+    sqlite3_bind_text(stmt_, i, v.data(), static_cast<int>(std::min<size_t>(v.size(), INT_MAX)), SQLITE_TRANSIENT);
+  }
   void bind(int i, int64_t v) { sqlite3_bind_int64(stmt_, i, v); }
   int step() { return sqlite3_step(stmt_); }
   std::string text(int col)
   {
     const unsigned char* t = sqlite3_column_text(stmt_, col);
-    return t ? reinterpret_cast<const char*>(t) : "";
+    return t ? std::string(reinterpret_cast<const char*>(t), static_cast<size_t>(sqlite3_column_bytes(stmt_, col)))
+             : std::string();
   }
   int64_t integer(int col) { return sqlite3_column_int64(stmt_, col); }
 
@@ -77,9 +88,40 @@ bool Catalog_DB::exec(const char* sql, std::string& error)
   return false;
 }
 
+// The catalog holds every customer's backup records: it is created readable by
+// its owner only (SQLite gives its -wal and -shm files the same mode), and a file
+// left readable by others is narrowed.
+static bool make_private(const std::string& path, std::string& error)
+{
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0 || fchmod(fd, 0600) != 0)
+  {
+    error = "cannot create " + path + ": " + strerror(errno);
+    if (fd >= 0)
+      ::close(fd);
+    return false;
+  }
+  ::close(fd);
+  for (const char* suffix : {"-wal", "-shm"})
+    chmod((path + suffix).c_str(), 0600);
+  return true;
+}
+
+bool Catalog_DB::is_valid_pool_id(const std::string& text)
+{
+  if (text.empty() || text.size() > 64 || !isalnum(static_cast<unsigned char>(text[0])))
+    return false;
+  for (char c : text)
+    if (!isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-')
+      return false;
+  return true;
+}
+
 bool Catalog_DB::open(const std::string& path, std::string& error)
 {
   std::lock_guard<std::mutex> guard(lock_);
+  if (!make_private(path, error))
+    return false;
   if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                       nullptr) != SQLITE_OK)
   {
@@ -205,9 +247,37 @@ bool Catalog_DB::query_sets(const Catalog_Query& query, nlohmann::ordered_json& 
   return true;
 }
 
+bool Catalog_DB::delete_set(const std::string& uuid, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  error.clear();
+  Statement s(db_, "DELETE FROM sets WHERE uuid = ?");
+  s.bind(1, uuid);
+  if (!s.ok() || s.step() != SQLITE_DONE)
+  {
+    error = sqlite3_errmsg(db_);
+    return false;
+  }
+  return sqlite3_changes(db_) > 0;
+}
+
 bool Catalog_DB::add_pool(const Pool& pool, std::string& error)
 {
   std::lock_guard<std::mutex> guard(lock_);
+  if (!is_valid_pool_id(pool.uuid) || !is_valid_pool_id(pool.name))
+  {
+    error = "a pool uuid and name are 1 to 64 letters, digits, '.', '_' or '-', starting with a letter or digit";
+    return false;
+  }
+  Statement find(db_, "SELECT uuid, name FROM pools WHERE uuid = ? OR name = ?");
+  find.bind(1, pool.uuid);
+  find.bind(2, pool.name);
+  if (find.ok() && find.step() == SQLITE_ROW)
+  {
+    error = find.text(0) == pool.uuid ? "a pool with uuid " + pool.uuid + " exists"
+                                      : "a pool named " + pool.name + " exists";
+    return false;
+  }
   Statement insert(db_, "INSERT INTO pools (uuid, name, host_uuid, url, settings, created) VALUES (?, ?, ?, ?, ?, ?)");
   insert.bind(1, pool.uuid);
   insert.bind(2, pool.name);
@@ -251,6 +321,44 @@ bool Catalog_DB::get_pool(const std::string& uuid, Pool& pool, std::string& erro
   if (rc != SQLITE_DONE)
     error = sqlite3_errmsg(db_);
   return false;
+}
+
+Catalog_DB::Remove_Result Catalog_DB::remove_pool(const std::string& name, Pool& pool, std::string& error)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  if (!exec("BEGIN IMMEDIATE", error))
+    return REMOVE_FAILED;
+  Remove_Result result = REMOVE_FAILED;
+  Statement find(db_, "SELECT uuid, name, host_uuid, url, settings FROM pools WHERE name = ?");
+  find.bind(1, name);
+  int rc = find.step();
+  if (rc == SQLITE_DONE)
+    result = REMOVE_NOT_FOUND;
+  else if (rc == SQLITE_ROW)
+  {
+    pool = read_pool(find);
+    // Records on the pool describe backups whose files are in it: removing the
+    // pool under them would leave the catalog pointing at nothing.
+    Statement used(db_, "SELECT COUNT(*) FROM sets WHERE pool_uuid = ?");
+    used.bind(1, pool.uuid);
+    Statement remove(db_, "DELETE FROM pools WHERE uuid = ?");
+    remove.bind(1, pool.uuid);
+    if (used.ok() && used.step() == SQLITE_ROW && used.integer(0) > 0)
+    {
+      error = std::to_string(used.integer(0)) + " catalog records are on the pool";
+      result = REMOVE_IN_USE;
+    }
+    else if (used.ok() && remove.ok() && remove.step() == SQLITE_DONE)
+      result = REMOVED;
+  }
+  if (result == REMOVE_FAILED && error.empty())
+    error = sqlite3_errmsg(db_);
+  std::string ignored;
+  if (result != REMOVED)
+    exec("ROLLBACK", ignored);
+  else if (!exec("COMMIT", error))
+    result = REMOVE_FAILED;
+  return result;
 }
 
 bool Catalog_DB::list_pools(std::vector<Pool>& pools, std::string& error)

@@ -54,7 +54,16 @@ bool Catalog_Query::parse(const std::multimap<std::string, std::string>& params,
       return false;
     }
     if (is_filter_key(key))
+    {
+      // Catalog values never hold a NUL; one in a filter could only match by
+      // being cut short somewhere.
+      if (value.find('\0') != std::string::npos)
+      {
+        error = "the value of '" + key + "' holds a NUL character";
+        return false;
+      }
       filters.emplace_back(key, value);
+    }
     else if (key == "sort")
     {
       if (!is_sort_key(value))

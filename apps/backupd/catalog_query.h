@@ -23,7 +23,7 @@ struct Catalog_Query
   static const int64_t MAX_LIMIT = 1000;
 
   // False with `error` for an unknown key, sort key or order, a repeated key, or
-  // a number that is not a plain non-negative decimal within range.
+  // a filter value holding a NUL character, or a number that is not a plain non-negative decimal within range.
   bool parse(const std::multimap<std::string, std::string>& params, std::string& error);
 
   static bool is_filter_key(const std::string& key);

@@ -5,10 +5,12 @@
 //   backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID]
 //                    [--url URL] [--settings JSON]
 //   backupd pool list --data DIR
+//   backupd pool remove --data DIR --name NAME
 
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <ftw.h>
 #include <iostream>
 #include <map>
 #include <pthread.h>
@@ -28,7 +30,8 @@ const char USAGE[] =
     "usage: backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N]\n"
     "       backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID] [--url URL]"
     " [--settings JSON]\n"
-    "       backupd pool list --data DIR\n";
+    "       backupd pool list --data DIR\n"
+    "       backupd pool remove --data DIR --name NAME\n";
 
 int usage()
 {
@@ -99,24 +102,64 @@ int pool_add(const std::map<std::string, std::string>& flags)
       return 1;
     }
   }
-  if (pool.uuid.empty() || pool.uuid.find_first_of("/.\\") != std::string::npos)
-  {
-    std::cerr << "backupd: invalid pool uuid\n";
-    return 1;
-  }
-  Object_Directory dir(Backupd_Server::pool_root(flags.at("data"), pool.uuid));
+  // The catalog refuses invalid and duplicate pools before anything is created on
+  // disk; a directory that cannot be made takes the pool out again.
   std::string error;
-  if (dir.create() != 0)
-  {
-    std::cerr << "backupd: cannot create the pool directory\n";
-    return 1;
-  }
   if (!catalog.add_pool(pool, error))
   {
     std::cerr << "backupd: cannot add the pool: " << error << "\n";
     return 1;
   }
+  Object_Directory dir(Backupd_Server::pool_root(flags.at("data"), pool.uuid));
+  if (dir.create() != 0)
+  {
+    std::cerr << "backupd: cannot create the pool directory " << dir.root() << "\n";
+    Catalog_DB::Pool removed;
+    catalog.remove_pool(pool.name, removed, error);
+    return 1;
+  }
   std::cout << pool.uuid << std::endl;
+  return 0;
+}
+
+int remove_entry(const char* path, const struct stat*, int type, struct FTW*)
+{
+  return (type == FTW_DP ? rmdir(path) : unlink(path)) == 0 ? 0 : -1;
+}
+
+int pool_remove(const std::map<std::string, std::string>& flags)
+{
+  if (!flags.count("data") || !flags.count("name"))
+    return usage();
+  Catalog_DB catalog;
+  if (!open_catalog(flags.at("data"), catalog))
+    return 1;
+  Catalog_DB::Pool pool;
+  std::string error;
+  switch (catalog.remove_pool(flags.at("name"), pool, error))
+  {
+  case Catalog_DB::REMOVED:
+    break;
+  case Catalog_DB::REMOVE_NOT_FOUND:
+    std::cerr << "backupd: no pool named " << flags.at("name") << "\n";
+    return 1;
+  case Catalog_DB::REMOVE_IN_USE:
+    std::cerr << "backupd: the pool is still used: " << error << "; delete them first\n";
+    return 1;
+  case Catalog_DB::REMOVE_FAILED:
+    std::cerr << "backupd: cannot remove the pool: " << error << "\n";
+    return 1;
+  }
+  // Out of the catalog, the pool is no longer served; its objects go with it.
+  std::string root = Backupd_Server::pool_root(flags.at("data"), pool.uuid);
+  struct stat st;
+  if (stat(root.c_str(), &st) == 0 && nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS) != 0)
+  {
+    std::cerr << "backupd: the pool was removed from the catalog, but not all of " << root
+              << " could be deleted\n";
+    return 1;
+  }
+  std::cout << "removed pool " << pool.uuid << " (" << pool.name << ")" << std::endl;
   return 0;
 }
 
@@ -212,6 +255,8 @@ int main(int argc, char** argv)
       return pool_add(flags);
     if (command == "list")
       return pool_list(flags);
+    if (command == "remove")
+      return pool_remove(flags);
     return usage();
   }
   if (!read_flags(argc, argv, 1, flags))
