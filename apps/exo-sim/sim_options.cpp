@@ -12,7 +12,7 @@ const char* sim_usage()
          "  [--mailboxes N] [--depth N] [--fanout N] [--items N] [--page-size N] [--large-item-mib N]\n"
          "  [--token-lifetime S] [--tenant-id ID] [--tenant-domain D] [--client-id ID] [--client-secret S]\n"
          "  [--registration ID:SECRET]... [--basic-account USER:PASSWORD]... [--state-dir DIR]\n"
-         "  [--request-log FILE|-] [--threads N]\n"
+         "  [--request-log FILE|-] [--threads N] [--keep-alive-max N] [--keep-alive-timeout S]\n"
          "  faults: [--fault-seed N] [--busy-rate F] [--busy-backoff-ms N] [--ews-503-rate F]\n"
          "  [--graph-503-rate F] [--graph-429-rate F] [--retry-after S] [--partial-page-rate F]\n"
          "  [--truncate-rate F] [--drop-rate F] [--fail-item ID]... [--fail-item-rate F]\n"
@@ -125,6 +125,9 @@ std::map<std::string, Flag_Handler> flag_table(Sim_Options& o, std::string& prof
       {"--state-dir", s(o.state_dir)},
       {"--request-log", s(o.request_log)},
       {"--threads", [&o](const std::string& v) { return to_int(v, o.threads) && o.threads > 0; }},
+      {"--keep-alive-max", [&o](const std::string& v) { return to_int(v, o.keep_alive_max) && o.keep_alive_max > 0; }},
+      {"--keep-alive-timeout",
+       [&o](const std::string& v) { return to_int(v, o.keep_alive_timeout) && o.keep_alive_timeout > 0; }},
       {"--fault-seed", [&f](const std::string& v) { return to_u64(v, f.fault_seed); }},
       {"--busy-rate", r(f.busy_rate)},
       {"--busy-backoff-ms", i(f.busy_backoff_ms)},

@@ -51,6 +51,10 @@ struct Sim_Options {
   std::string state_dir;
   std::string request_log;  // empty = stderr, "-" = stdout
   int threads = 32;
+  // Kept-alive connections: a connection serves up to this many requests and is closed after
+  // this many idle seconds. Each open connection holds one worker thread while it lives.
+  int keep_alive_max = 100000;
+  int keep_alive_timeout = 15;
   Fault_Settings faults;
 };
 

@@ -33,6 +33,11 @@ Sim_Server::Sim_Server(const Sim_Options& options, std::FILE* log)
   ews_.reset(new Ews_Service(*store_, tokens_, faults_, stats_));
   int threads = options.threads;
   server_.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
+  // Without TCP_NODELAY a response written as header and body in two sends waits for the
+  // client's delayed ACK (about 40 ms) on every request of a kept-alive connection.
+  server_.set_tcp_nodelay(true);
+  server_.set_keep_alive_max_count(static_cast<size_t>(options.keep_alive_max));
+  server_.set_keep_alive_timeout(options.keep_alive_timeout);
   install_routes();
 }
 
