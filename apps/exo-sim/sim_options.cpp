@@ -10,7 +10,9 @@ const char* sim_usage()
 {
   return "usage: exo-sim [--listen ADDR] [--port N] [--seed N] [--profile tiny|small|demo|large]\n"
          "  [--mailboxes N] [--depth N] [--fanout N] [--items N] [--page-size N] [--large-item-mib N]\n"
-         "  [--token-lifetime S] [--tenant-id ID] [--tenant-domain D] [--client-id ID] [--client-secret S]\n"
+         "  [--renamed-users N] [--hidden-folders 0|1]\n"
+         "  [--token-lifetime S] [--tenant-id ID] [--tenant-domain D] [--tenant-initial-domain D]\n"
+         "  [--client-id ID] [--client-secret S]\n"
          "  [--registration ID:SECRET]... [--basic-account USER:PASSWORD]... [--state-dir DIR]\n"
          "  [--request-log FILE|-] [--threads N] [--keep-alive-max N] [--keep-alive-timeout S]\n"
          "  faults: [--fault-seed N] [--busy-rate F] [--busy-backoff-ms N] [--ews-503-rate F]\n"
@@ -28,10 +30,13 @@ bool data_profile_preset(const std::string& name, Data_Profile& p)
     d.mailboxes = 2; d.depth = 1; d.fanout = 2; d.items = 5; d.large_items = 1; d.large_item_mib = 3;
   } else if (name == "small") {
     d.mailboxes = 5; d.depth = 2; d.fanout = 2; d.items = 12; d.large_items = 1; d.large_item_mib = 3;
+    d.renamed_users = 3; d.hidden_folders = true;
   } else if (name == "demo") {
     d.mailboxes = 5; d.depth = 2; d.fanout = 3; d.items = 25; d.large_items = 2; d.large_item_mib = 2;
+    d.renamed_users = 3; d.hidden_folders = true;
   } else if (name == "large") {
     d.mailboxes = 50; d.depth = 3; d.fanout = 3; d.items = 100; d.large_items = 3; d.large_item_mib = 6;
+    d.renamed_users = 6; d.hidden_folders = true;
   } else {
     return false;
   }
@@ -103,9 +108,16 @@ std::map<std::string, Flag_Handler> flag_table(Sim_Options& o, std::string& prof
       {"--items", i(p.items)},
       {"--page-size", i(p.page_size)},
       {"--large-item-mib", i(p.large_item_mib)},
+      {"--renamed-users", i(p.renamed_users)},
+      {"--hidden-folders",
+       [&p](const std::string& v) {
+         p.hidden_folders = v == "1";
+         return v == "0" || v == "1";
+       }},
       {"--token-lifetime", i(o.token_lifetime)},
       {"--tenant-id", s(o.tenant.tenant_id)},
       {"--tenant-domain", s(o.tenant.domain)},
+      {"--tenant-initial-domain", s(o.tenant.initial_domain)},
       {"--client-id", s(main_reg.client_id)},
       {"--client-secret", s(main_reg.client_secret)},
       {"--registration",

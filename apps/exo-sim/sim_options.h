@@ -19,6 +19,8 @@ struct Data_Profile {
   int page_size = 100;    // size of the "Exactly one page" folder
   int large_items = 1;    // items in the "Large items" folder
   int large_item_mib = 3; // size of each of them
+  int renamed_users = 0;  // extra users whose user principal name is not their primary SMTP address
+  bool hidden_folders = false;  // hidden system folders under the message folder root
 };
 
 // Fills `profile` with the named preset; false for an unknown name.
@@ -37,6 +39,9 @@ struct Basic_Account {
 struct Tenant_Config {
   std::string tenant_id = "8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04";
   std::string domain = "demo.exosim.test";
+  // The tenant's initial domain: every mailbox has a proxy address there, and some users
+  // sign in with a user principal name in it.
+  std::string initial_domain = "exosimdemo.onmicrosoft.com";
   std::vector<Registration> registrations;
   std::vector<Basic_Account> basic_accounts;
 };

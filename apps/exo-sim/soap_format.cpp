@@ -107,6 +107,8 @@ std::string soap_code_text(const std::string& code)
       {"ErrorMissingEmptyParameter", "A required parameter is missing."},
       {"ErrorInvalidOperation", "The operation is invalid."},
       {"ErrorAccessDenied", "Access is denied. Check credentials and try again."},
+      {"ErrorInvalidChangeKey", "The change key is invalid."},
+      {"ErrorInvalidSmtpAddress", "The SMTP address format is invalid."},
   };
   auto it = texts.find(code);
   return it != texts.end() ? it->second : "The request could not be completed (" + code + ").";
