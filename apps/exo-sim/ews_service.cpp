@@ -625,36 +625,43 @@ Sim_Reply Ews_Service::export_items(Call& call)
   if (list.empty()) return soap_fault_reply("ErrorSchemaValidation", soap_code_text("ErrorSchemaValidation"));
   Sim_Reply reply;
   reply.content_type = "text/xml; charset=utf-8";
-  std::string body = soap_operation_open(op);
+  auto stream = std::make_shared<Export_Stream>();
+  stream->add_text(soap_envelope_open() + soap_operation_open(op));
   for (const auto& node : list) {
     std::string id = node.attribute("Id").value();
     std::string blob, code;
     Item_View view;
     if (!change_key_ok(node)) {
-      body += error_for(op, "ErrorInvalidChangeKey");
+      stream->add_text(error_for(op, "ErrorInvalidChangeKey"));
       continue;
     }
     if (faults_.item_fails(id, code)) {
       stats_.count("faults.item_export");
-      body += error_for(op, code);
+      stream->add_text(error_for(op, code));
       continue;
     }
-    Lookup l = store_.export_item(call.mailbox, id, blob, view);
+    bool generated = false;
+    Lookup l = store_.export_item(call.mailbox, id, blob, view, generated);
     if (l != Lookup::ok) {
-      body += error_for(op, l == Lookup::malformed ? "ErrorInvalidIdMalformed" : "ErrorItemNotFound");
+      stream->add_text(error_for(op, l == Lookup::malformed ? "ErrorInvalidIdMalformed" : "ErrorItemNotFound"));
       continue;
     }
-    body += success_open(op) + id_element("m:ItemId", view.id, view.change_key) + "<m:Data>" + base64_encode(blob) +
-            "</m:Data></m:" + op + "ResponseMessage>";
+    stream->add_text(success_open(op) + id_element("m:ItemId", view.id, view.change_key) + "<m:Data>");
+    if (generated)
+      stream->add_generated(store_.seed(), view.id, view.meta);
+    else
+      stream->add_text(base64_encode(blob));
+    stream->add_text("</m:Data></m:" + op + "ResponseMessage>");
     ++reply.items;
   }
   stats_.count("items_exported", reply.items);
-  reply.body = soap_envelope(body + soap_operation_close(op));
+  stream->add_text(soap_operation_close(op) + soap_envelope_close());
   if (faults_.roll("truncate", faults_.settings().truncate_rate)) {
     // A failover cuts the stream and ends it with a marker instead of the closing tags.
     stats_.count("faults.truncate");
-    reply.body = reply.body.substr(0, reply.body.size() / 2) + "\r\n=== Truncated Data ===";
+    stream->cut(stream->size() / 2, "\r\n=== Truncated Data ===");
   }
+  reply.stream = stream;
   return reply;
 }
 

@@ -454,8 +454,13 @@ Item_Meta Mailbox_Store::generated_meta(int m, int folder, int index, const Fold
   meta.created = k_epoch_2024 + int64_t(mix64(h, 2) % (730ULL * 86400));
   meta.modified = meta.created + int64_t(mix64(h, 3) % (30ULL * 86400));
   uint64_t s = mix64(h, 4);
-  if (f.large)
-    meta.size = int64_t(profile_.large_item_mib) * 1024 * 1024 + int64_t(s % 4096);
+  if (f.large) {
+    // Spread over [large_item_mib, large_item_max_mib]; the first item has the largest size and
+    // the second the smallest, so that every folder of large items holds both ends.
+    int64_t low = profile_.large_item_mib, high = std::max(low, int64_t(profile_.large_item_max_mib));
+    int64_t mib = index == 0 ? high : index == 1 ? low : low + int64_t((s >> 12) % uint64_t(high - low + 1));
+    meta.size = mib * 1024 * 1024 + (mib == high && high > low ? 0 : int64_t(s % 4096));
+  }
   else if (s % 32 == 0)
     meta.size = 64 * 1024 + int64_t((s >> 8) % (192 * 1024));
   else
@@ -505,8 +510,10 @@ std::vector<Item_View> Mailbox_Store::list_items(int mailbox, int folder, bool a
   return out;
 }
 
-Lookup Mailbox_Store::export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view)
+Lookup Mailbox_Store::export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view,
+                                  bool& generated_item)
 {
+  generated_item = false;
   std::string tagged;
   std::vector<long long> p;
   if (!decode_sim_id(item_id, tagged)) return Lookup::malformed;
@@ -529,7 +536,7 @@ Lookup Mailbox_Store::export_item(int mailbox, const std::string& item_id, std::
     if (p[2] < 0 || p[2] >= f.generated_items) return Lookup::not_found;
     view = generated_view(mailbox, int(p[1]), int(p[2]), f);
   }
-  blob = Item_Blob::make(seed_, view.id, view.meta);
+  generated_item = true;
   return Lookup::ok;
 }
 
@@ -608,6 +615,7 @@ bool Mailbox_Store::save(const std::string& dir, std::string& error)
   p["page_size"] = profile_.page_size;
   p["large_items"] = profile_.large_items;
   p["large_item_mib"] = profile_.large_item_mib;
+  p["large_item_max_mib"] = profile_.large_item_max_mib;
   p["renamed_users"] = profile_.renamed_users;
   p["hidden_folders"] = profile_.hidden_folders;
   nlohmann::ordered_json& t = state["tenant"];
@@ -672,6 +680,7 @@ bool Mailbox_Store::load(const std::string& dir, std::string& error)
     p.large_items = jp.at("large_items").get<int>();
     p.large_item_mib = jp.at("large_item_mib").get<int>();
     p.renamed_users = jp.value("renamed_users", 0);
+    p.large_item_max_mib = jp.value("large_item_max_mib", 0);
     p.hidden_folders = jp.value("hidden_folders", false);
     Tenant_Config t;
     const auto& jt = state.at("tenant");

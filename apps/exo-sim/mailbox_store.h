@@ -71,8 +71,9 @@ class Mailbox_Store {
   // there are.
   std::vector<Item_View> list_items(int mailbox, int folder, bool associated, int offset, int count, int& total);
 
-  // The item's export blob.
-  Lookup export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view);
+  // The item to export: for an uploaded item its stored blob, for a generated one (`generated`
+  // true) only its view, from which the blob is made (Item_Blob) while it is sent.
+  Lookup export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view, bool& generated);
 
   Lookup upload_new(int mailbox, int folder, const std::string& blob, bool associated, Item_View& view);
   // Replaces an uploaded item's data; not_found when the item is not an item of `folder`.

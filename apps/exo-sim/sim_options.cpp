@@ -10,7 +10,7 @@ const char* sim_usage()
 {
   return "usage: exo-sim [--listen ADDR] [--port N] [--seed N] [--profile tiny|small|demo|large]\n"
          "  [--mailboxes N] [--depth N] [--fanout N] [--items N] [--page-size N] [--large-item-mib N]\n"
-         "  [--renamed-users N] [--hidden-folders 0|1]\n"
+         "  [--large-item-max-mib N] [--renamed-users N] [--hidden-folders 0|1]\n"
          "  [--token-lifetime S] [--tenant-id ID] [--tenant-domain D] [--tenant-initial-domain D]\n"
          "  [--client-id ID] [--client-secret S]\n"
          "  [--registration ID:SECRET]... [--basic-account USER:PASSWORD]... [--state-dir DIR]\n"
@@ -35,7 +35,8 @@ bool data_profile_preset(const std::string& name, Data_Profile& p)
     d.mailboxes = 5; d.depth = 2; d.fanout = 3; d.items = 25; d.large_items = 2; d.large_item_mib = 2;
     d.renamed_users = 3; d.hidden_folders = true;
   } else if (name == "large") {
-    d.mailboxes = 50; d.depth = 3; d.fanout = 3; d.items = 100; d.large_items = 3; d.large_item_mib = 6;
+    d.mailboxes = 50; d.depth = 3; d.fanout = 3; d.items = 100; d.large_items = 4; d.large_item_mib = 25;
+    d.large_item_max_mib = 150;
     d.renamed_users = 6; d.hidden_folders = true;
   } else {
     return false;
@@ -108,6 +109,7 @@ std::map<std::string, Flag_Handler> flag_table(Sim_Options& o, std::string& prof
       {"--items", i(p.items)},
       {"--page-size", i(p.page_size)},
       {"--large-item-mib", i(p.large_item_mib)},
+      {"--large-item-max-mib", i(p.large_item_max_mib)},
       {"--renamed-users", i(p.renamed_users)},
       {"--hidden-folders",
        [&p](const std::string& v) {

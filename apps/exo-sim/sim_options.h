@@ -19,6 +19,7 @@ struct Data_Profile {
   int page_size = 100;    // size of the "Exactly one page" folder
   int large_items = 1;    // items in the "Large items" folder
   int large_item_mib = 3; // size of each of them
+  int large_item_max_mib = 0;  // when larger: sizes spread from large_item_mib up to this
   int renamed_users = 0;  // extra users whose user principal name is not their primary SMTP address
   bool hidden_folders = false;  // hidden system folders under the message folder root
 };
