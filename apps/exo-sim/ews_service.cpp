@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "apps/exo-sim/base64_codec.h"
+#include "apps/exo-sim/id_formats.h"
 #include "apps/exo-sim/soap_format.h"
 #include "apps/exo-sim/xml_ns.h"
 
@@ -15,12 +16,34 @@ namespace {
 
 const int k_max_page = 1000;  // EWSFindCountLimit: larger pages have no effect
 
-const std::set<std::string>& accepted_versions()
+// The schema versions Exchange Online accepts in RequestServerVersion, oldest first (the
+// ExchangeVersionType enumeration of its schema). Anything else is ErrorInvalidServerVersion.
+const std::vector<std::string>& schema_versions()
 {
-  static const std::set<std::string> versions = {
-      "Exchange2010_SP1", "Exchange2010_SP2", "Exchange2013", "Exchange2013_SP1", "Exchange2015", "Exchange2016",
-      "Exchange2019",     "V2015_10_05",      "V2016_01_06",  "V2017_04_14",      "V2018_01_08"};
+  static const std::vector<std::string> versions = {
+      "Exchange2007", "Exchange2007_SP1", "Exchange2009",    "Exchange2010", "Exchange2010_SP1",
+      "Exchange2010_SP2", "Exchange2012", "Exchange2013",    "Exchange2013_SP1", "Exchange2015",
+      "Exchange2016", "V2015_10_05",      "V2016_01_06",     "V2016_04_13",  "V2016_07_13",
+      "V2016_10_10",  "V2017_01_07",      "V2017_04_14",     "V2017_07_11",  "V2017_10_09",
+      "V2018_01_08"};
   return versions;
+}
+
+// Position of a version in schema_versions(), or -1.
+int version_rank(const std::string& version)
+{
+  const auto& v = schema_versions();
+  auto it = std::find(v.begin(), v.end(), version);
+  return it == v.end() ? -1 : int(it - v.begin());
+}
+
+// The first schema version that has an operation (ExportItems and UploadItems came with
+// Exchange 2010 SP1, ConvertId with Exchange 2007 SP1, the rest with Exchange 2007).
+int operation_version_rank(const std::string& op)
+{
+  if (op == "ExportItems" || op == "UploadItems") return version_rank("Exchange2010_SP1");
+  if (op == "ConvertId") return version_rank("Exchange2007_SP1");
+  return 0;
 }
 
 std::string lower(std::string s)
@@ -33,6 +56,15 @@ std::string lower(std::string s)
 std::string id_element(const char* name, const std::string& id, const std::string& change_key)
 {
   return std::string("<") + name + " Id=\"" + xml_escape(id) + "\" ChangeKey=\"" + xml_escape(change_key) + "\"/>";
+}
+
+// A ChangeKey attribute, when present, must be one: base64 of at least the 8-byte header change
+// keys start with. Anything else is ErrorInvalidChangeKey, whatever the id.
+bool change_key_ok(const pugi::xml_node& id)
+{
+  pugi::xml_attribute a = id.attribute("ChangeKey");
+  std::string bytes;
+  return !a || (base64_decode(a.value(), bytes) && bytes.size() >= 8);
 }
 
 bool parse_int_attr(const pugi::xml_node& node, const char* name, int& out)
@@ -126,8 +158,8 @@ std::string folder_xml(const Folder_View& f, const Shape& s)
   if (def || s.has("folder:ChildFolderCount"))
     out += "<t:ChildFolderCount>" + std::to_string(f.child_count) + "</t:ChildFolderCount>";
   if (s.hidden_flag)
-    out += "<t:ExtendedProperty><t:ExtendedFieldURI PropertyTag=\"0x10f4\" PropertyType=\"Boolean\"/>"
-           "<t:Value>false</t:Value></t:ExtendedProperty>";
+    out += std::string("<t:ExtendedProperty><t:ExtendedFieldURI PropertyTag=\"0x10f4\" PropertyType=\"Boolean\"/>") +
+           "<t:Value>" + (f.hidden ? "true" : "false") + "</t:Value></t:ExtendedProperty>";
   bool has_unread = std::string(el) == "Folder" || std::string(el) == "TasksFolder";
   if (has_unread && (def || s.has("folder:UnreadCount"))) out += "<t:UnreadCount>0</t:UnreadCount>";
   return out + "</t:" + el + ">";
@@ -233,7 +265,8 @@ bool Ews_Service::authenticate(const Ews_Request& request, int& basic_mailbox, S
       std::string password = colon == std::string::npos ? "" : pair.substr(colon + 1);
       for (const auto& acc : store_.tenant().basic_accounts) {
         if (lower(acc.user) == lower(user) && acc.password == password && colon != std::string::npos) {
-          basic_mailbox = store_.find_mailbox(acc.user);
+          basic_mailbox = store_.find_mailbox(acc.user, Address_Form::principal_name);
+          if (basic_mailbox < 0) basic_mailbox = store_.find_mailbox(acc.user);
           if (basic_mailbox >= 0) return true;
         }
       }
@@ -247,10 +280,12 @@ bool Ews_Service::authenticate(const Ews_Request& request, int& basic_mailbox, S
   return false;
 }
 
-bool Ews_Service::check_version(const pugi::xml_node& header, Sim_Reply& reply)
+bool Ews_Service::check_version(const pugi::xml_node& header, Call& call, Sim_Reply& reply)
 {
+  // A request without the header targets the first schema version.
   pugi::xml_node v = xml_child(header, k_ns_types, "RequestServerVersion");
-  if (v && accepted_versions().count(v.attribute("Version").value())) return true;
+  call.version = v ? version_rank(v.attribute("Version").value()) : 0;
+  if (call.version >= 0) return true;
   reply = soap_fault_reply("ErrorInvalidServerVersion", soap_code_text("ErrorInvalidServerVersion"));
   return false;
 }
@@ -268,25 +303,45 @@ bool Ews_Service::impersonate(const pugi::xml_node& header, const Ews_Request& r
                              soap_code_text("ErrorInvalidExchangeImpersonationHeaderData"));
     return false;
   }
+  // Each form of ConnectingSID names the user one way only: PrincipalName by the user principal
+  // name, PrimarySmtpAddress by the primary SMTP address (never a proxy address), SmtpAddress by
+  // any SMTP address of the mailbox. Security identifiers are not modelled: no SID names a user.
   pugi::xml_node sid = xml_child(imp, k_ns_types, "ConnectingSID");
-  std::string address;
-  for (const char* form : {"PrimarySmtpAddress", "SmtpAddress", "PrincipalName"}) {
-    pugi::xml_node n = xml_child(sid, k_ns_types, form);
-    if (n) address = n.text().get();
+  struct Form {
+    const char* element;
+    Address_Form form;
+  };
+  const Form forms[] = {{"PrincipalName", Address_Form::principal_name},
+                        {"PrimarySmtpAddress", Address_Form::primary_smtp},
+                        {"SmtpAddress", Address_Form::any_smtp},
+                        {"SID", Address_Form::principal_name}};
+  pugi::xml_node named;
+  Address_Form form = Address_Form::any_smtp;
+  for (const auto& f : forms) {
+    pugi::xml_node n = xml_child(sid, k_ns_types, f.element);
+    if (n && !named) {
+      named = n;
+      form = f.form;
+    }
   }
+  std::string address = named.text().get();
   if (address.empty()) {
     reply = soap_fault_reply("ErrorInvalidExchangeImpersonationHeaderData",
-                             "The impersonation header must name a mailbox by PrimarySmtpAddress, SmtpAddress or "
-                             "PrincipalName.");
+                             "The impersonation header must name a mailbox by PrincipalName, SID, PrimarySmtpAddress "
+                             "or SmtpAddress.");
     return false;
   }
-  call.mailbox = store_.find_mailbox(address);
+  bool by_sid = xml_local_name(named) == "SID";
+  call.mailbox = by_sid ? -1 : store_.find_mailbox(address, form);
   if (call.mailbox < 0) {
     reply = soap_fault_reply("ErrorNonExistentMailbox", soap_code_text("ErrorNonExistentMailbox"),
-                             {{"SmtpAddress", address}});
+                             {{xml_local_name(named) == "PrincipalName" ? "PrincipalName" : "SmtpAddress", address}});
     return false;
   }
-  if (lower(request.anchor_mailbox) != lower(address)) stats_.count("anchor_mailbox_missing");
+  // X-AnchorMailbox routes the request; it may name the user by principal name or any SMTP address.
+  int anchored = store_.find_mailbox(request.anchor_mailbox, Address_Form::any_smtp);
+  if (anchored < 0) anchored = store_.find_mailbox(request.anchor_mailbox, Address_Form::principal_name);
+  if (anchored != call.mailbox) stats_.count("anchor_mailbox_missing");
   return true;
 }
 
@@ -318,7 +373,7 @@ Sim_Reply Ews_Service::handle(const Ews_Request& request)
                             {{"Violation", why}});
   }
   const std::string op_name = xml_local_name(call.op);
-  if (!check_version(header, reply) || !impersonate(header, request, basic_mailbox, call, reply)) {
+  if (!check_version(header, call, reply) || !impersonate(header, request, basic_mailbox, call, reply)) {
     reply.op = op_name;
     return reply;
   }
@@ -362,6 +417,15 @@ Sim_Reply Ews_Service::dispatch(Call& call)
   Sim_Reply reply;
   if (xml_namespace(call.op) != k_ns_messages) {
     reply = soap_fault_reply("ErrorInvalidRequest", soap_code_text("ErrorInvalidRequest"));
+  } else if (call.version < operation_version_rank(op)) {
+    reply = soap_fault_reply("ErrorIncorrectSchemaVersion",
+                             "The request is valid but does not specify the correct server version in the "
+                             "RequestServerVersion SOAP header. Ensure that the RequestServerVersion SOAP header is "
+                             "set with the correct RequestServerVersionValue.");
+  } else if (op == "GetFolder") {
+    reply = get_folder(call);
+  } else if (op == "ConvertId") {
+    reply = convert_id(call);
   } else if (op == "FindFolder") {
     reply = find_folder(call);
   } else if (op == "FindItem") {
@@ -386,6 +450,10 @@ bool Ews_Service::resolve_folder(const pugi::xml_node& id, int default_mailbox, 
 {
   mailbox = default_mailbox;
   if (xml_is(id, k_ns_types, "FolderId")) {
+    if (!change_key_ok(id)) {
+      code = "ErrorInvalidChangeKey";
+      return false;
+    }
     Lookup l = store_.resolve_folder_id(mailbox, id.attribute("Id").value(), folder);
     code = l == Lookup::malformed ? "ErrorInvalidIdMalformed" : "ErrorFolderNotFound";
     return l == Lookup::ok;
@@ -404,6 +472,67 @@ bool Ews_Service::resolve_folder(const pugi::xml_node& id, int default_mailbox, 
   }
   code = "ErrorInvalidIdMalformed";
   return false;
+}
+
+Sim_Reply Ews_Service::get_folder(Call& call)
+{
+  const std::string op = "GetFolder";
+  Shape shape;
+  std::vector<pugi::xml_node> ids = xml_elements(xml_child(call.op, k_ns_messages, "FolderIds"));
+  if (!read_shape(xml_child(call.op, k_ns_messages, "FolderShape"), shape) || ids.empty())
+    return soap_fault_reply("ErrorSchemaValidation", soap_code_text("ErrorSchemaValidation"));
+  Sim_Reply reply;
+  reply.content_type = "text/xml; charset=utf-8";
+  std::string body = soap_operation_open(op);
+  for (const auto& id : ids) {
+    int mailbox = 0, folder = 0;
+    std::string code;
+    if (!resolve_folder(id, call.mailbox, mailbox, folder, code)) {
+      body += error_for(op, code, "<m:Folders/>");
+      continue;
+    }
+    body += success_open(op) + "<m:Folders>" + folder_xml(store_.folder(mailbox, folder), shape) + "</m:Folders></m:" +
+            op + "ResponseMessage>";
+    ++reply.items;
+  }
+  reply.body = soap_envelope(body + soap_operation_close(op));
+  return reply;
+}
+
+Sim_Reply Ews_Service::convert_id(Call& call)
+{
+  const std::string op = "ConvertId";
+  std::string destination = call.op.attribute("DestinationFormat").value();
+  std::vector<pugi::xml_node> sources = xml_elements(xml_child(call.op, k_ns_messages, "SourceIds"));
+  if (!id_format_known(destination) || sources.empty())
+    return soap_fault_reply("ErrorSchemaValidation", soap_code_text("ErrorSchemaValidation"));
+  Sim_Reply reply;
+  reply.content_type = "text/xml; charset=utf-8";
+  std::string body = soap_operation_open(op);
+  for (const auto& source : sources) {
+    // The conversion is lexical: the mailbox address is checked for form only, and the object is
+    // not looked up. Public folder ids are not modelled.
+    std::string format = source.attribute("Format").value();
+    std::string mailbox = source.attribute("Mailbox").value();
+    std::string tagged;
+    if (!xml_is(source, k_ns_types, "AlternateId") || !id_format_known(format))
+      return soap_fault_reply("ErrorSchemaValidation", soap_code_text("ErrorSchemaValidation"));
+    auto at = mailbox.find('@');
+    if (at == std::string::npos || at == 0 || at + 1 == mailbox.size()) {
+      body += error_for(op, "ErrorInvalidSmtpAddress");
+      continue;
+    }
+    if (!id_from_format(format, source.attribute("Id").value(), tagged)) {
+      body += error_for(op, "ErrorInvalidIdMalformed");
+      continue;
+    }
+    body += success_open(op) + "<m:AlternateId xsi:type=\"t:AlternateIdType\" Format=\"" + destination + "\" Id=\"" +
+            xml_escape(id_to_format(destination, tagged)) + "\" Mailbox=\"" + xml_escape(mailbox) + "\"/></m:" + op +
+            "ResponseMessage>";
+    ++reply.items;
+  }
+  reply.body = soap_envelope(body + soap_operation_close(op));
+  return reply;
 }
 
 Sim_Reply Ews_Service::find_folder(Call& call)
@@ -496,32 +625,43 @@ Sim_Reply Ews_Service::export_items(Call& call)
   if (list.empty()) return soap_fault_reply("ErrorSchemaValidation", soap_code_text("ErrorSchemaValidation"));
   Sim_Reply reply;
   reply.content_type = "text/xml; charset=utf-8";
-  std::string body = soap_operation_open(op);
+  auto stream = std::make_shared<Export_Stream>();
+  stream->add_text(soap_envelope_open() + soap_operation_open(op));
   for (const auto& node : list) {
     std::string id = node.attribute("Id").value();
     std::string blob, code;
     Item_View view;
+    if (!change_key_ok(node)) {
+      stream->add_text(error_for(op, "ErrorInvalidChangeKey"));
+      continue;
+    }
     if (faults_.item_fails(id, code)) {
       stats_.count("faults.item_export");
-      body += error_for(op, code);
+      stream->add_text(error_for(op, code));
       continue;
     }
-    Lookup l = store_.export_item(call.mailbox, id, blob, view);
+    bool generated = false;
+    Lookup l = store_.export_item(call.mailbox, id, blob, view, generated);
     if (l != Lookup::ok) {
-      body += error_for(op, l == Lookup::malformed ? "ErrorInvalidIdMalformed" : "ErrorItemNotFound");
+      stream->add_text(error_for(op, l == Lookup::malformed ? "ErrorInvalidIdMalformed" : "ErrorItemNotFound"));
       continue;
     }
-    body += success_open(op) + id_element("m:ItemId", view.id, view.change_key) + "<m:Data>" + base64_encode(blob) +
-            "</m:Data></m:" + op + "ResponseMessage>";
+    stream->add_text(success_open(op) + id_element("m:ItemId", view.id, view.change_key) + "<m:Data>");
+    if (generated)
+      stream->add_generated(store_.seed(), view.id, view.meta);
+    else
+      stream->add_text(base64_encode(blob));
+    stream->add_text("</m:Data></m:" + op + "ResponseMessage>");
     ++reply.items;
   }
   stats_.count("items_exported", reply.items);
-  reply.body = soap_envelope(body + soap_operation_close(op));
+  stream->add_text(soap_operation_close(op) + soap_envelope_close());
   if (faults_.roll("truncate", faults_.settings().truncate_rate)) {
     // A failover cuts the stream and ends it with a marker instead of the closing tags.
     stats_.count("faults.truncate");
-    reply.body = reply.body.substr(0, reply.body.size() / 2) + "\r\n=== Truncated Data ===";
+    stream->cut(stream->size() / 2, "\r\n=== Truncated Data ===");
   }
+  reply.stream = stream;
   return reply;
 }
 
@@ -545,6 +685,10 @@ Sim_Reply Ews_Service::upload_items(Call& call)
     }
     if (action == "CreateNew" && item_id) {
       body += error_for(op, "ErrorInvalidRequest");
+      continue;
+    }
+    if ((item_id && !change_key_ok(item_id)) || !change_key_ok(parent)) {
+      body += error_for(op, "ErrorInvalidChangeKey");
       continue;
     }
     int folder = 0;

@@ -1,9 +1,9 @@
 #pragma once
 // The EWS SOAP endpoint (POST /EWS/Exchange.asmx): authentication (bearer token with the EWS
 // audience, or basic auth with a configured account), RequestServerVersion, ExchangeImpersonation,
-// the per-mailbox concurrency budget, injected faults, and the operations FindFolder, FindItem,
-// ExportItems, UploadItems and CreateFolder. Never throws on bad input: every malformed request
-// gets a SOAP fault or an error response message. Thread-safe.
+// the per-mailbox concurrency budget, injected faults, and the operations GetFolder, ConvertId,
+// FindFolder, FindItem, ExportItems, UploadItems and CreateFolder. Never throws on bad input:
+// every malformed request gets a SOAP fault or an error response message. Thread-safe.
 #include <string>
 
 #include <pugixml.hpp>
@@ -31,6 +31,7 @@ class Ews_Service {
  private:
   struct Call {
     int mailbox = -1;
+    int version = 0;  // rank of the requested schema version
     pugi::xml_node op;
   };
 
@@ -38,7 +39,7 @@ class Ews_Service {
                              const std::vector<std::pair<std::string, std::string>>& values = {});
   Sim_Reply unauthorized(const std::string& reason);
   bool authenticate(const Ews_Request& request, int& basic_mailbox, Sim_Reply& reply);
-  bool check_version(const pugi::xml_node& header, Sim_Reply& reply);
+  bool check_version(const pugi::xml_node& header, Call& call, Sim_Reply& reply);
   bool impersonate(const pugi::xml_node& header, const Ews_Request& request, int basic_mailbox, Call& call,
                    Sim_Reply& reply);
   Sim_Reply dispatch(Call& call);
@@ -46,6 +47,8 @@ class Ews_Service {
   // Resolves a t:FolderId / t:DistinguishedFolderId; on failure `code` holds the response code.
   bool resolve_folder(const pugi::xml_node& id, int default_mailbox, int& mailbox, int& folder, std::string& code);
 
+  Sim_Reply get_folder(Call& call);
+  Sim_Reply convert_id(Call& call);
   Sim_Reply find_folder(Call& call);
   Sim_Reply find_item(Call& call);
   Sim_Reply export_items(Call& call);

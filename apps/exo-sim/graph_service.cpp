@@ -238,8 +238,10 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   }
   out["value"] = nlohmann::ordered_json::array();
   for (long k = offset; k < end; ++k) {
-    if (select.empty()) {
-      out["value"].push_back(users[size_t(k)]);
+    if (select.empty()) {  // the default property set, which leaves proxyAddresses out
+      nlohmann::ordered_json u = users[size_t(k)];
+      u.erase("proxyAddresses");
+      out["value"].push_back(u);
       continue;
     }
     nlohmann::ordered_json u;

@@ -1,6 +1,7 @@
 #include "apps/exo-sim/item_blob.h"
 
 #include <cstring>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
@@ -19,7 +20,9 @@ bool starts_with(const std::string& s, const std::string& prefix)
 }
 }  // namespace
 
-std::string Item_Blob::make(uint64_t seed, const std::string& item_id, const Item_Meta& meta)
+namespace {
+
+std::string blob_head(const Item_Meta& meta)
 {
   nlohmann::ordered_json head;
   head["class"] = meta.item_class;
@@ -31,18 +34,38 @@ std::string Item_Blob::make(uint64_t seed, const std::string& item_id, const Ite
   out.append(k_magic, sizeof k_magic);
   uint32_t n = static_cast<uint32_t>(json.size());
   for (int k = 0; k < 4; ++k) out += char((n >> (8 * k)) & 0xff);
-  out += json;
-  size_t want = meta.size > 0 ? static_cast<size_t>(meta.size) : 0;
-  if (out.size() >= want) return out;
-  size_t start = out.size();
-  out.resize(want);
-  uint64_t base = mix64(seed, hash_text(item_id));
-  for (size_t pos = start, block = 0; pos < want; pos += 8, ++block) {
-    uint64_t v = mix64(base, block);
-    size_t len = want - pos < 8 ? want - pos : 8;
-    std::memcpy(&out[pos], &v, len);
-  }
+  return out + json;
+}
+
+}  // namespace
+
+uint64_t Item_Blob::size(const Item_Meta& meta)
+{
+  uint64_t head = blob_head(meta).size();
+  uint64_t want = meta.size > 0 ? uint64_t(meta.size) : 0;
+  return want > head ? want : head;
+}
+
+std::string Item_Blob::make(uint64_t seed, const std::string& item_id, const Item_Meta& meta)
+{
+  std::string out(static_cast<size_t>(size(meta)), '\0');
+  read(seed, item_id, meta, 0, out.size(), &out[0]);
   return out;
+}
+
+void Item_Blob::read(uint64_t seed, const std::string& item_id, const Item_Meta& meta, uint64_t offset, size_t n,
+                     char* out)
+{
+  std::string head = blob_head(meta);
+  size_t done = 0;
+  for (; done < n && offset + done < head.size(); ++done) out[done] = head[size_t(offset + done)];
+  // The filler: the 8 little-endian bytes of mix64(base, block) for each 8-byte block after the head.
+  uint64_t base = mix64(seed, hash_text(item_id));
+  while (done < n) {
+    uint64_t pos = offset + done - head.size();
+    uint64_t v = mix64(base, pos / 8);
+    for (size_t k = size_t(pos % 8); k < 8 && done < n; ++k) out[done++] = char((v >> (8 * k)) & 0xff);
+  }
 }
 
 bool Item_Blob::parse(const std::string& blob, Item_Meta& meta)

@@ -20,6 +20,11 @@ class Item_Blob {
  public:
   // The blob of `meta` for `item_id`; its length is max(meta.size, header length).
   static std::string make(uint64_t seed, const std::string& item_id, const Item_Meta& meta);
+  // Bytes [offset, offset + n) of that blob, into `out` (which must hold n bytes), without
+  // producing the rest: what large items are exported from.
+  static void read(uint64_t seed, const std::string& item_id, const Item_Meta& meta, uint64_t offset, size_t n,
+                   char* out);
+  static uint64_t size(const Item_Meta& meta);
 
   // Reads the properties back from a blob made by make(); false for any other data (the caller
   // then treats the item as a message without subject). Sets meta.size to the blob's length.

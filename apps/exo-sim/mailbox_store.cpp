@@ -24,6 +24,14 @@ const char* const k_people[][2] = {
 };
 const int k_people_count = sizeof k_people / sizeof k_people[0];
 
+// Users whose principal name differs from their primary SMTP address: given name, surname, and
+// the surname they had before (used by every third of them).
+const char* const k_renamed[][3] = {
+    {"Hana", "Hoffmann", ""}, {"Julia", "Berg", "Jansen"}, {"Kenji", "Kato", ""},
+    {"Lena", "Lindqvist", ""}, {"Marta", "Novak", "Moreau"}, {"Omar", "Okafor", ""},
+};
+const int k_renamed_count = sizeof k_renamed / sizeof k_renamed[0];
+
 const char* const k_jobs[] = {"Accountant", "Engineer", "Sales Manager", "Designer", "Lawyer"};
 const char* const k_topics[] = {"Projects", "Clients", "Archive 2023", "Receipts", "Travel",
                                 "Team", "Newsletters", "Contracts", "Hiring"};
@@ -170,34 +178,78 @@ bool decode_sim_id(const std::string& id, std::string& tagged)
 Mailbox_Store::Mailbox_Store(uint64_t seed, const Data_Profile& profile, const Tenant_Config& tenant)
     : seed_(seed), profile_(profile), tenant_(tenant)
 {
-  mailboxes_.resize(static_cast<size_t>(std::max(0, profile.mailboxes)));
-  for (int m = 0; m < int(mailboxes_.size()); ++m) {
-    Mailbox& box = mailboxes_[size_t(m)];
-    char local[32];
-    if (m < k_people_count) {
-      box.given_name = k_people[m][0];
-      box.surname = k_people[m][1];
-      std::snprintf(local, sizeof local, "%s", m == 0 ? "admin" : lower(box.given_name + "." + box.surname).c_str());
-    } else {
-      box.given_name = "User";
-      box.surname = std::to_string(m);
-      std::snprintf(local, sizeof local, "user%04d", m);
+  mailboxes_.resize(static_cast<size_t>(std::max(0, profile.mailboxes) + std::max(0, profile.renamed_users)));
+  for (int m = 0; m < int(mailboxes_.size()); ++m) name_user(m, mailboxes_[size_t(m)]);
+}
+
+// The profile's regular users sign in with their primary SMTP address. The renamed users after
+// them do not, in the three ways real tenants show: a principal name in the tenant's initial
+// (onmicrosoft.com) domain, a principal name kept from before a change of surname (the old
+// address stays as a proxy), and a principal name in a directory domain that receives no mail.
+void Mailbox_Store::name_user(int m, Mailbox& box) const
+{
+  int renamed = m - std::max(0, profile_.mailboxes);
+  std::string local;
+  if (renamed < 0 && m < k_people_count) {
+    box.given_name = k_people[m][0];
+    box.surname = k_people[m][1];
+    local = m == 0 ? "admin" : lower(box.given_name + "." + box.surname);
+  } else if (renamed < 0) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "user%04d", m);
+    box.given_name = "User";
+    box.surname = std::to_string(m);
+    local = buf;
+  } else if (renamed < k_renamed_count) {
+    box.given_name = k_renamed[renamed][0];
+    box.surname = k_renamed[renamed][1];
+    local = lower(box.given_name + "." + box.surname);
+  } else {
+    box.given_name = "Renamed";
+    box.surname = std::to_string(renamed);
+    local = "renamed" + std::to_string(renamed);
+  }
+  box.smtp = local + "@" + tenant_.domain;
+  box.upn = box.smtp;
+  box.proxies = {local + "@" + tenant_.initial_domain};
+  if (renamed < 0) return;
+  switch (renamed % 3) {
+    case 0:
+      box.upn = local + "@" + tenant_.initial_domain;
+      break;
+    case 1: {
+      std::string former = renamed < k_renamed_count ? k_renamed[renamed][2] : "former" + std::to_string(renamed);
+      box.upn = lower(box.given_name + "." + former) + "@" + tenant_.domain;
+      box.proxies.push_back(box.upn);
+      break;
     }
-    box.smtp = std::string(local) + "@" + tenant.domain;
+    default:
+      box.upn = local + "@corp." + tenant_.domain;
+      break;
   }
 }
 
 int Mailbox_Store::mailbox_count() const { return int(mailboxes_.size()); }
 
-int Mailbox_Store::find_mailbox(const std::string& smtp) const
+int Mailbox_Store::find_mailbox(const std::string& address, Address_Form form) const
 {
-  std::string want = lower(smtp);
-  for (size_t m = 0; m < mailboxes_.size(); ++m)
-    if (lower(mailboxes_[m].smtp) == want) return int(m);
+  std::string want = lower(address);
+  for (size_t m = 0; m < mailboxes_.size(); ++m) {
+    const Mailbox& box = mailboxes_[m];
+    if (form == Address_Form::principal_name) {
+      if (lower(box.upn) == want) return int(m);
+      continue;
+    }
+    if (lower(box.smtp) == want) return int(m);
+    if (form == Address_Form::any_smtp)
+      for (const auto& p : box.proxies)
+        if (lower(p) == want) return int(m);
+  }
   return -1;
 }
 
 std::string Mailbox_Store::mailbox_smtp(int mailbox) const { return mailboxes_.at(size_t(mailbox)).smtp; }
+std::string Mailbox_Store::mailbox_upn(int mailbox) const { return mailboxes_.at(size_t(mailbox)).upn; }
 
 nlohmann::ordered_json Mailbox_Store::graph_user(int m) const
 {
@@ -214,7 +266,10 @@ nlohmann::ordered_json Mailbox_Store::graph_user(int m) const
   u["officeLocation"] = m % 3 == 0 ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json("Building " + std::to_string(m % 7));
   u["preferredLanguage"] = "en-US";
   u["surname"] = box.surname;
-  u["userPrincipalName"] = box.smtp;
+  u["userPrincipalName"] = box.upn;
+  // Not one of the properties Graph returns by default; the listing asks for it with $select.
+  u["proxyAddresses"] = nlohmann::ordered_json::array({"SMTP:" + box.smtp});
+  for (const auto& p : box.proxies) u["proxyAddresses"].push_back("smtp:" + p);
   return u;
 }
 
@@ -274,6 +329,33 @@ void Mailbox_Store::build(int m, Mailbox& box)
   add_folder(box, inbox, "Exactly one page", "IPF.Note", "", profile_.page_size);
   int large = add_folder(box, inbox, "Large items", "IPF.Note", "", profile_.large_items);
   box.folders[size_t(large)].large = true;
+  // Last, so that the ids of the folders above do not depend on the setting.
+  if (profile_.hidden_folders) add_system_folders(m, box, root, top);
+}
+
+// Folders every Exchange Online mailbox has besides the user's own: hidden configuration and
+// contact folders under the message folder root (PR_ATTR_HIDDEN set), and the recoverable items
+// tree beside it under the root.
+void Mailbox_Store::add_system_folders(int m, Mailbox& box, int root, int top)
+{
+  int few = 1 + int(mix64(seed_, uint64_t(m), 91) % 4);
+  struct System_Folder {
+    const char* name;
+    const char* cls;
+    int items;
+  };
+  const System_Folder hidden[] = {{"Conversation Action Settings", "IPF.Configuration", 0},
+                                  {"ExternalContacts", "IPF.Contact", few},
+                                  {"PersonMetadata", "IPF.Contact", few + 1},
+                                  {"Quick Step Settings", "IPF.Configuration", 0}};
+  for (const auto& h : hidden) {
+    int f = add_folder(box, top, h.name, h.cls, "", h.items);
+    box.folders[size_t(f)].hidden = true;
+  }
+  int recoverable = add_folder(box, root, "Recoverable Items", "", "recoverableitemsroot", 0);
+  add_folder(box, recoverable, "Deletions", "", "recoverableitemsdeletions", few);
+  add_folder(box, recoverable, "Purges", "", "recoverableitemspurges", 0);
+  add_folder(box, recoverable, "Versions", "", "recoverableitemsversions", 0);
 }
 
 void Mailbox_Store::generate_subtree(int m, Mailbox& box, int parent, int level)
@@ -336,7 +418,14 @@ Folder_View Mailbox_Store::folder_view(int m, int folder, const Mailbox& box) co
   v.folder_class = f.folder_class;
   v.total_count = folder_item_count(f, false, box);
   v.child_count = int(f.children.size());
+  v.hidden = f.hidden;
   return v;
+}
+
+Folder_View Mailbox_Store::folder(int mailbox, int folder)
+{
+  std::lock_guard<std::mutex> lock(mutex_);
+  return folder_view(mailbox, folder, built(mailbox));
 }
 
 std::vector<Folder_View> Mailbox_Store::list_folders(int mailbox, int parent, bool deep)
@@ -365,8 +454,13 @@ Item_Meta Mailbox_Store::generated_meta(int m, int folder, int index, const Fold
   meta.created = k_epoch_2024 + int64_t(mix64(h, 2) % (730ULL * 86400));
   meta.modified = meta.created + int64_t(mix64(h, 3) % (30ULL * 86400));
   uint64_t s = mix64(h, 4);
-  if (f.large)
-    meta.size = int64_t(profile_.large_item_mib) * 1024 * 1024 + int64_t(s % 4096);
+  if (f.large) {
+    // Spread over [large_item_mib, large_item_max_mib]; the first item has the largest size and
+    // the second the smallest, so that every folder of large items holds both ends.
+    int64_t low = profile_.large_item_mib, high = std::max(low, int64_t(profile_.large_item_max_mib));
+    int64_t mib = index == 0 ? high : index == 1 ? low : low + int64_t((s >> 12) % uint64_t(high - low + 1));
+    meta.size = mib * 1024 * 1024 + (mib == high && high > low ? 0 : int64_t(s % 4096));
+  }
   else if (s % 32 == 0)
     meta.size = 64 * 1024 + int64_t((s >> 8) % (192 * 1024));
   else
@@ -416,8 +510,10 @@ std::vector<Item_View> Mailbox_Store::list_items(int mailbox, int folder, bool a
   return out;
 }
 
-Lookup Mailbox_Store::export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view)
+Lookup Mailbox_Store::export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view,
+                                  bool& generated_item)
 {
+  generated_item = false;
   std::string tagged;
   std::vector<long long> p;
   if (!decode_sim_id(item_id, tagged)) return Lookup::malformed;
@@ -440,7 +536,7 @@ Lookup Mailbox_Store::export_item(int mailbox, const std::string& item_id, std::
     if (p[2] < 0 || p[2] >= f.generated_items) return Lookup::not_found;
     view = generated_view(mailbox, int(p[1]), int(p[2]), f);
   }
-  blob = Item_Blob::make(seed_, view.id, view.meta);
+  generated_item = true;
   return Lookup::ok;
 }
 
@@ -519,9 +615,13 @@ bool Mailbox_Store::save(const std::string& dir, std::string& error)
   p["page_size"] = profile_.page_size;
   p["large_items"] = profile_.large_items;
   p["large_item_mib"] = profile_.large_item_mib;
+  p["large_item_max_mib"] = profile_.large_item_max_mib;
+  p["renamed_users"] = profile_.renamed_users;
+  p["hidden_folders"] = profile_.hidden_folders;
   nlohmann::ordered_json& t = state["tenant"];
   t["tenant_id"] = tenant_.tenant_id;
   t["domain"] = tenant_.domain;
+  t["initial_domain"] = tenant_.initial_domain;
   t["registrations"] = nlohmann::ordered_json::array();
   for (const auto& r : tenant_.registrations)
     t["registrations"].push_back({{"client_id", r.client_id}, {"client_secret", r.client_secret}});
@@ -579,10 +679,14 @@ bool Mailbox_Store::load(const std::string& dir, std::string& error)
     p.page_size = jp.at("page_size").get<int>();
     p.large_items = jp.at("large_items").get<int>();
     p.large_item_mib = jp.at("large_item_mib").get<int>();
+    p.renamed_users = jp.value("renamed_users", 0);
+    p.large_item_max_mib = jp.value("large_item_max_mib", 0);
+    p.hidden_folders = jp.value("hidden_folders", false);
     Tenant_Config t;
     const auto& jt = state.at("tenant");
     t.tenant_id = jt.at("tenant_id").get<std::string>();
     t.domain = jt.at("domain").get<std::string>();
+    t.initial_domain = jt.value("initial_domain", t.initial_domain);
     for (const auto& r : jt.at("registrations"))
       t.registrations.push_back({r.at("client_id").get<std::string>(), r.at("client_secret").get<std::string>()});
     for (const auto& a : jt.at("basic_accounts"))

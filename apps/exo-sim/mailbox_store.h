@@ -19,6 +19,10 @@ namespace exo_sim {
 
 enum class Lookup { ok, malformed, not_found };
 
+// How an address names a mailbox: by the user's principal name only, by the primary SMTP address
+// only, or by any of the mailbox's SMTP addresses (primary or proxy).
+enum class Address_Form { principal_name, primary_smtp, any_smtp };
+
 struct Folder_View {
   std::string id;
   std::string change_key;
@@ -27,6 +31,7 @@ struct Folder_View {
   std::string folder_class;
   int total_count = 0;
   int child_count = 0;
+  bool hidden = false;  // PR_ATTR_HIDDEN
 };
 
 struct Item_View {
@@ -45,9 +50,11 @@ class Mailbox_Store {
   const Tenant_Config& tenant() const { return tenant_; }
 
   int mailbox_count() const;
-  // Index of the mailbox with this address (case-insensitive), or -1.
-  int find_mailbox(const std::string& smtp) const;
+  // Index of the mailbox this address names in that form (case-insensitive), or -1.
+  int find_mailbox(const std::string& address, Address_Form form = Address_Form::any_smtp) const;
+  // The primary SMTP address and the user principal name of a mailbox's user.
   std::string mailbox_smtp(int mailbox) const;
+  std::string mailbox_upn(int mailbox) const;
   // The mailbox's Graph user resource with every property the simulator knows.
   nlohmann::ordered_json graph_user(int mailbox) const;
 
@@ -55,6 +62,8 @@ class Mailbox_Store {
   // Distinguished folder names (inbox, msgfolderroot, ...); false for one the mailbox lacks.
   bool resolve_distinguished(int mailbox, const std::string& name, int& folder);
 
+  // The folder's own properties.
+  Folder_View folder(int mailbox, int folder);
   // The folder's children (deep: all descendants, depth-first in tree order).
   std::vector<Folder_View> list_folders(int mailbox, int parent, bool deep);
 
@@ -62,8 +71,9 @@ class Mailbox_Store {
   // there are.
   std::vector<Item_View> list_items(int mailbox, int folder, bool associated, int offset, int count, int& total);
 
-  // The item's export blob.
-  Lookup export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view);
+  // The item to export: for an uploaded item its stored blob, for a generated one (`generated`
+  // true) only its view, from which the blob is made (Item_Blob) while it is sent.
+  Lookup export_item(int mailbox, const std::string& item_id, std::string& blob, Item_View& view, bool& generated);
 
   Lookup upload_new(int mailbox, int folder, const std::string& blob, bool associated, Item_View& view);
   // Replaces an uploaded item's data; not_found when the item is not an item of `folder`.
@@ -86,6 +96,7 @@ class Mailbox_Store {
     int generated_items = 0;
     bool large = false;    // the generated items are the profile's large items
     bool created = false;  // made by CreateFolder
+    bool hidden = false;
     std::vector<int> children;
     std::vector<int64_t> uploads;  // serials, in upload order
   };
@@ -97,7 +108,9 @@ class Mailbox_Store {
     std::string blob;
   };
   struct Mailbox {
-    std::string smtp;
+    std::string smtp;  // primary SMTP address
+    std::string upn;   // user principal name
+    std::vector<std::string> proxies;  // the other SMTP addresses
     std::string given_name;
     std::string surname;
     bool built = false;
@@ -110,6 +123,8 @@ class Mailbox_Store {
   void build(int mailbox, Mailbox& box);
   int add_folder(Mailbox& box, int parent, const std::string& name, const std::string& folder_class,
                  const std::string& distinguished, int items);
+  void add_system_folders(int mailbox, Mailbox& box, int root, int top);
+  void name_user(int mailbox, Mailbox& box) const;
   void generate_subtree(int mailbox, Mailbox& box, int parent, int level);
   int folder_item_count(const Folder& f, bool associated, const Mailbox& box) const;
   Item_Meta generated_meta(int mailbox, int folder, int index, const Folder& f) const;

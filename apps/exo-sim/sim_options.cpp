@@ -10,9 +10,11 @@ const char* sim_usage()
 {
   return "usage: exo-sim [--listen ADDR] [--port N] [--seed N] [--profile tiny|small|demo|large]\n"
          "  [--mailboxes N] [--depth N] [--fanout N] [--items N] [--page-size N] [--large-item-mib N]\n"
-         "  [--token-lifetime S] [--tenant-id ID] [--tenant-domain D] [--client-id ID] [--client-secret S]\n"
+         "  [--large-item-max-mib N] [--renamed-users N] [--hidden-folders 0|1]\n"
+         "  [--token-lifetime S] [--tenant-id ID] [--tenant-domain D] [--tenant-initial-domain D]\n"
+         "  [--client-id ID] [--client-secret S]\n"
          "  [--registration ID:SECRET]... [--basic-account USER:PASSWORD]... [--state-dir DIR]\n"
-         "  [--request-log FILE|-] [--threads N]\n"
+         "  [--request-log FILE|-] [--threads N] [--keep-alive-max N] [--keep-alive-timeout S]\n"
          "  faults: [--fault-seed N] [--busy-rate F] [--busy-backoff-ms N] [--ews-503-rate F]\n"
          "  [--graph-503-rate F] [--graph-429-rate F] [--retry-after S] [--partial-page-rate F]\n"
          "  [--truncate-rate F] [--drop-rate F] [--fail-item ID]... [--fail-item-rate F]\n"
@@ -28,10 +30,14 @@ bool data_profile_preset(const std::string& name, Data_Profile& p)
     d.mailboxes = 2; d.depth = 1; d.fanout = 2; d.items = 5; d.large_items = 1; d.large_item_mib = 3;
   } else if (name == "small") {
     d.mailboxes = 5; d.depth = 2; d.fanout = 2; d.items = 12; d.large_items = 1; d.large_item_mib = 3;
+    d.renamed_users = 3; d.hidden_folders = true;
   } else if (name == "demo") {
     d.mailboxes = 5; d.depth = 2; d.fanout = 3; d.items = 25; d.large_items = 2; d.large_item_mib = 2;
+    d.renamed_users = 3; d.hidden_folders = true;
   } else if (name == "large") {
-    d.mailboxes = 50; d.depth = 3; d.fanout = 3; d.items = 100; d.large_items = 3; d.large_item_mib = 6;
+    d.mailboxes = 50; d.depth = 3; d.fanout = 3; d.items = 100; d.large_items = 4; d.large_item_mib = 25;
+    d.large_item_max_mib = 150;
+    d.renamed_users = 6; d.hidden_folders = true;
   } else {
     return false;
   }
@@ -103,9 +109,17 @@ std::map<std::string, Flag_Handler> flag_table(Sim_Options& o, std::string& prof
       {"--items", i(p.items)},
       {"--page-size", i(p.page_size)},
       {"--large-item-mib", i(p.large_item_mib)},
+      {"--large-item-max-mib", i(p.large_item_max_mib)},
+      {"--renamed-users", i(p.renamed_users)},
+      {"--hidden-folders",
+       [&p](const std::string& v) {
+         p.hidden_folders = v == "1";
+         return v == "0" || v == "1";
+       }},
       {"--token-lifetime", i(o.token_lifetime)},
       {"--tenant-id", s(o.tenant.tenant_id)},
       {"--tenant-domain", s(o.tenant.domain)},
+      {"--tenant-initial-domain", s(o.tenant.initial_domain)},
       {"--client-id", s(main_reg.client_id)},
       {"--client-secret", s(main_reg.client_secret)},
       {"--registration",
@@ -125,6 +139,9 @@ std::map<std::string, Flag_Handler> flag_table(Sim_Options& o, std::string& prof
       {"--state-dir", s(o.state_dir)},
       {"--request-log", s(o.request_log)},
       {"--threads", [&o](const std::string& v) { return to_int(v, o.threads) && o.threads > 0; }},
+      {"--keep-alive-max", [&o](const std::string& v) { return to_int(v, o.keep_alive_max) && o.keep_alive_max > 0; }},
+      {"--keep-alive-timeout",
+       [&o](const std::string& v) { return to_int(v, o.keep_alive_timeout) && o.keep_alive_timeout > 0; }},
       {"--fault-seed", [&f](const std::string& v) { return to_u64(v, f.fault_seed); }},
       {"--busy-rate", r(f.busy_rate)},
       {"--busy-backoff-ms", i(f.busy_backoff_ms)},

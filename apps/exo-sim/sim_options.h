@@ -19,6 +19,9 @@ struct Data_Profile {
   int page_size = 100;    // size of the "Exactly one page" folder
   int large_items = 1;    // items in the "Large items" folder
   int large_item_mib = 3; // size of each of them
+  int large_item_max_mib = 0;  // when larger: sizes spread from large_item_mib up to this
+  int renamed_users = 0;  // extra users whose user principal name is not their primary SMTP address
+  bool hidden_folders = false;  // hidden system folders under the message folder root
 };
 
 // Fills `profile` with the named preset; false for an unknown name.
@@ -37,6 +40,9 @@ struct Basic_Account {
 struct Tenant_Config {
   std::string tenant_id = "8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04";
   std::string domain = "demo.exosim.test";
+  // The tenant's initial domain: every mailbox has a proxy address there, and some users
+  // sign in with a user principal name in it.
+  std::string initial_domain = "exosimdemo.onmicrosoft.com";
   std::vector<Registration> registrations;
   std::vector<Basic_Account> basic_accounts;
 };
@@ -51,6 +57,10 @@ struct Sim_Options {
   std::string state_dir;
   std::string request_log;  // empty = stderr, "-" = stdout
   int threads = 32;
+  // Kept-alive connections: a connection serves up to this many requests and is closed after
+  // this many idle seconds. Each open connection holds one worker thread while it lives.
+  int keep_alive_max = 100000;
+  int keep_alive_timeout = 15;
   Fault_Settings faults;
 };
 

@@ -33,6 +33,11 @@ Sim_Server::Sim_Server(const Sim_Options& options, std::FILE* log)
   ews_.reset(new Ews_Service(*store_, tokens_, faults_, stats_));
   int threads = options.threads;
   server_.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
+  // Without TCP_NODELAY a response written as header and body in two sends waits for the
+  // client's delayed ACK (about 40 ms) on every request of a kept-alive connection.
+  server_.set_tcp_nodelay(true);
+  server_.set_keep_alive_max_count(static_cast<size_t>(options.keep_alive_max));
+  server_.set_keep_alive_timeout(options.keep_alive_timeout);
   install_routes();
 }
 
@@ -93,22 +98,28 @@ void Sim_Server::send(const Sim_Reply& reply, httplib::Response& res, double sta
 {
   res.status = reply.status;
   for (const auto& h : reply.headers) res.headers.emplace(h.first, h.second);
-  size_t sent = reply.body.size();
-  if (reply.drop) {
-    // Declare the full length, send half, then fail the write so the connection is closed.
-    auto body = std::make_shared<std::string>(reply.body);
-    sent = body->size() / 2;
-    res.set_content_provider(body->size(), reply.content_type,
-                             [body](size_t offset, size_t, httplib::DataSink& sink) {
-                               size_t half = body->size() / 2;
-                               if (offset >= half) return false;
-                               sink.write(body->data() + offset, half - offset);
-                               return true;
+  std::shared_ptr<const Export_Stream> stream = reply.stream;
+  if (!stream && reply.drop) {
+    auto text = std::make_shared<Export_Stream>();
+    text->add_text(reply.body);
+    stream = text;
+  }
+  uint64_t total = stream ? stream->size() : reply.body.size();
+  // A dropped connection declares the full length, sends half, then fails the write.
+  uint64_t end = reply.drop ? total / 2 : total;
+  if (stream) {
+    const size_t chunk = 256 * 1024;
+    res.set_content_provider(static_cast<size_t>(total), reply.content_type,
+                             [stream, end, chunk](size_t offset, size_t, httplib::DataSink& sink) {
+                               if (offset >= end) return false;
+                               std::string piece;
+                               stream->read(offset, static_cast<size_t>(std::min<uint64_t>(chunk, end - offset)), piece);
+                               return sink.write(piece.data(), piece.size());
                              });
   } else {
     res.set_content(reply.body, reply.content_type.c_str());
   }
-  stats_.record(reply, sent, now_ms() - started_ms);
+  stats_.record(reply, static_cast<size_t>(end), now_ms() - started_ms);
 }
 
 void Sim_Server::install_routes()

@@ -42,13 +42,16 @@ std::string xml_escape(const std::string& text)
   return out;
 }
 
-std::string soap_envelope(const std::string& body)
+std::string soap_envelope_open()
 {
   return envelope_open() +
          "<s:Body xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
-         "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">" +
-         body + "</s:Body></s:Envelope>";
+         "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">";
 }
+
+std::string soap_envelope_close() { return "</s:Body></s:Envelope>"; }
+
+std::string soap_envelope(const std::string& body) { return soap_envelope_open() + body + soap_envelope_close(); }
 
 std::string soap_fault(const std::string& code, const std::string& message,
                        const std::vector<std::pair<std::string, std::string>>& values)
@@ -107,6 +110,8 @@ std::string soap_code_text(const std::string& code)
       {"ErrorMissingEmptyParameter", "A required parameter is missing."},
       {"ErrorInvalidOperation", "The operation is invalid."},
       {"ErrorAccessDenied", "Access is denied. Check credentials and try again."},
+      {"ErrorInvalidChangeKey", "The change key is invalid."},
+      {"ErrorInvalidSmtpAddress", "The SMTP address format is invalid."},
   };
   auto it = texts.find(code);
   return it != texts.end() ? it->second : "The request could not be completed (" + code + ").";

@@ -10,8 +10,11 @@ namespace exo_sim {
 
 std::string xml_escape(const std::string& text);
 
-// A complete response envelope around `body` (the operation response element).
+// A complete response envelope around `body` (the operation response element); the text before
+// and after it.
 std::string soap_envelope(const std::string& body);
+std::string soap_envelope_open();
+std::string soap_envelope_close();
 
 // A complete SOAP fault envelope. `values` become t:Value Name="..." entries of t:MessageXml.
 std::string soap_fault(const std::string& code, const std::string& message,

@@ -354,10 +354,18 @@ TEST(ExoSimEnvelope, RequestServerVersionIsChecked)
 {
   Sim_Fixture sim;
   std::string body = find_folder_body(distinguished("msgfolderroot"));
-  for (const char* ok : {"Exchange2010_SP1", "Exchange2013_SP1", "Exchange2016", "Exchange2019"})
+  for (const char* ok : {"Exchange2007", "Exchange2007_SP1", "Exchange2010", "Exchange2010_SP1", "Exchange2013_SP1",
+                         "Exchange2016", "V2017_04_14", "V2018_01_08", ""})
     EXPECT_EQ(sim.ews(body, k_admin, "", ok).status, 200) << ok;
-  for (const char* bad : {"Exchange2007_SP1", "Exchange2010", "Exchange2099", ""})
+  for (const char* bad : {"Exchange2007_SP2", "Exchange2019", "Exchange2099", "exchange2016"}) {
+    SCOPED_TRACE(bad);
     expect_fault(sim.ews(body, k_admin, "", bad), "ErrorInvalidServerVersion");
+  }
+  // Export and upload came with Exchange 2010 SP1.
+  expect_fault(sim.ews(export_items_body({"AAMkAAA="}), k_admin, "", "Exchange2010"), "ErrorIncorrectSchemaVersion");
+  Soap_Doc d;
+  parse_soap(sim.ews(export_items_body({"AAMkAAA="}), k_admin, "", "Exchange2010_SP1").body, d);
+  EXPECT_EQ(std::string(d.first(M, "ResponseCode").text().get()), "ErrorInvalidIdMalformed");
 }
 
 TEST(ExoSimEnvelope, ImpersonationAndAnchorMailbox)

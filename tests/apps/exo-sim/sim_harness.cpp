@@ -149,13 +149,13 @@ std::string soap_envelope(const std::string& header, const std::string& body)
          "</soap:Header><soap:Body>" + body + "</soap:Body></soap:Envelope>";
 }
 
-std::string impersonation_header(const std::string& mailbox, const std::string& version)
+std::string impersonation_header(const std::string& mailbox, const std::string& version, const std::string& form)
 {
   std::string h;
   if (!version.empty()) h += "<t:RequestServerVersion Version=\"" + version + "\"/>";
   if (!mailbox.empty())
-    h += "<t:ExchangeImpersonation><t:ConnectingSID><t:PrimarySmtpAddress>" + mailbox +
-         "</t:PrimarySmtpAddress></t:ConnectingSID></t:ExchangeImpersonation>";
+    h += "<t:ExchangeImpersonation><t:ConnectingSID><t:" + form + ">" + mailbox + "</t:" + form +
+         "></t:ConnectingSID></t:ExchangeImpersonation>";
   return h;
 }
 
@@ -172,6 +172,15 @@ Http_Result Sim_Fixture::ews(const std::string& body, const std::string& mailbox
                                       "Authorization: Bearer " + (token.empty() ? ews_token_ : token)};
   if (anchor) headers.push_back("X-AnchorMailbox: " + mailbox);
   return ews_raw(soap_envelope(impersonation_header(mailbox, version), body), headers);
+}
+
+Http_Result Sim_Fixture::ews_as(const std::string& form, const std::string& address, const std::string& body,
+                                const std::string& anchor)
+{
+  if (ews_token_.empty()) ews_token_ = token(k_ews_scope);
+  return ews_raw(soap_envelope(impersonation_header(address, "Exchange2016", form), body),
+                 {"Content-Type: text/xml; charset=utf-8", "Authorization: Bearer " + ews_token_,
+                  "X-AnchorMailbox: " + anchor});
 }
 
 Http_Result Sim_Fixture::graph_users(const std::string& query, bool eventual, const std::string& token)

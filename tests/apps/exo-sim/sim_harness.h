@@ -50,6 +50,10 @@ class Sim_Fixture {
   Http_Result ews(const std::string& body, const std::string& mailbox = k_admin, const std::string& token = "",
                   const std::string& version = "Exchange2016", bool anchor = true);
   Http_Result ews_raw(const std::string& envelope, const std::vector<std::string>& headers);
+  // POSTs `body` impersonating the user named by `address` in ConnectingSID form `form`
+  // (PrincipalName, PrimarySmtpAddress, SmtpAddress or SID); X-AnchorMailbox is `anchor`.
+  Http_Result ews_as(const std::string& form, const std::string& address, const std::string& body,
+                     const std::string& anchor);
 
   Http_Result graph_users(const std::string& query, bool eventual = true, const std::string& token = "");
   nlohmann::ordered_json status();
@@ -63,7 +67,8 @@ class Sim_Fixture {
 };
 
 std::string soap_envelope(const std::string& header, const std::string& body);
-std::string impersonation_header(const std::string& mailbox, const std::string& version = "Exchange2016");
+std::string impersonation_header(const std::string& mailbox, const std::string& version = "Exchange2016",
+                                 const std::string& form = "PrimarySmtpAddress");
 
 // Request bodies.
 std::string find_folder_body(const std::string& parent_xml, const std::string& traversal = "Shallow",
