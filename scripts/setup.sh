@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 PACKAGES=(
-  build-essential cmake ninja-build ccache pkg-config git curl zstd
+  build-essential cmake ninja-build ccache clang-format pkg-config git curl zstd
   libace-dev libyajl-dev nlohmann-json3-dev libboost-dev
   libcurl4-openssl-dev libcpp-httplib-dev libpugixml-dev
   libsqlite3-dev libzstd-dev libssl-dev libgtest-dev libgmock-dev

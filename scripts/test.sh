@@ -6,6 +6,7 @@ cd "$(dirname "$0")/.."
 jobs="$(nproc)"
 
 bash scripts/setup.sh build -DEXO_WERROR=ON
+bash scripts/check-format.sh
 ctest --test-dir build --output-on-failure -j"$jobs"
 
 bash scripts/setup.sh build-asan -DEXO_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
