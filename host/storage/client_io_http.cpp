@@ -322,6 +322,9 @@ void Client_IO_Http::run_download()
     Host_Status result = attempt(*read_session_, request, response);
     if (range_ignored_)
       result = Host_Status::make(HOST_STATUS_PERMANENT, "", "the server ignored the range request");
+    // A reader that closed wants no retry, and no back-off to wait for.
+    if (!result.ok() && read_pipe_->cancelled())
+      result = Host_Status::make(HOST_STATUS_CANCELLED, "", "the read was closed");
     return result;
   });
   if (status.ok())
