@@ -22,6 +22,7 @@ bool Catalog_Operator::commit(const nlohmann::ordered_json& record)
   if (uuid.empty())
   {
     error_ = "the record has no uuid";
+    status_ = Host_Status::make(HOST_STATUS_PERMANENT, "", error_);
     LOG_MSG(LM_ERROR, "Failed to commit catalog record: %s\n", error_.c_str());
     return false;
   }
@@ -30,12 +31,14 @@ bool Catalog_Operator::commit(const nlohmann::ordered_json& record)
   std::string answer;
   if (!client.post("/d2/r/v2/sets/restore/sets", record.dump(), answer))
   {
+    status_ = client.status();
     error_ = client.error();
     LOG_MSG(LM_ERROR, "Failed to commit catalog record %s: %s\n", uuid.c_str(), error_.c_str());
     return false;
   }
   nlohmann::json parsed = nlohmann::json::parse(answer, nullptr, false);
   created_ = parsed.is_object() && parsed.value("created", false);
+  status_ = Host_Status::success();
   error_.clear();
   return true;
 }

@@ -1,8 +1,8 @@
 #include "host/ews/ews_soap_transport.h"
 
 #include "host/ews/ews_xml.h"
+#include "host/http/http_status.h"
 
-#include <curl/curl.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -113,23 +113,6 @@ EWS_Item read_item(const pugi::xml_node& element)
   return item;
 }
 
-// Retry-After is either delta-seconds or an HTTP date.
-long retry_after_ms(const HTTP_Response& response)
-{
-  const std::string* value = response.headers().get("Retry-After");
-  if (value == nullptr || value->empty())
-    return -1;
-  char* end = nullptr;
-  const long seconds = std::strtol(value->c_str(), &end, 10);
-  if (end && *end == '\0' && seconds >= 0)
-    return seconds * 1000;
-  const time_t when = curl_getdate(value->c_str(), nullptr);
-  if (when < 0)
-    return -1;
-  const long delta = static_cast<long>(when - std::time(nullptr));
-  return delta > 0 ? delta * 1000 : 0;
-}
-
 Host_Status transport_failure(const HTTP_Session& session)
 {
   const Host_Status_Kind kind =
@@ -180,7 +163,7 @@ Host_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response,
     return Host_Status::make(HOST_STATUS_UNAUTHORIZED, code, diagnostics ? *diagnostics : "the credentials were refused");
   }
   if (status == 429 || status == 503)
-    return Host_Status::make(HOST_STATUS_THROTTLED, code, "the service is busy", retry_after_ms(response));
+    return Host_Status::make(HOST_STATUS_THROTTLED, code, "the service is busy", http_retry_after_ms(response));
   if (parsed)
   {
     // A SOAP fault: its detail carries the EWS response code and any back-off.

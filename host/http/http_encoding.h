@@ -4,7 +4,10 @@
 #include <cstddef>
 #include <string>
 
-// Percent-encoding of names, paths and query components.
+// Percent-encoding of names, paths and query components. libcurl's
+// curl_easy_escape and curl_easy_unescape are not used: they cannot keep chosen
+// marks, choose the case of the digits or write a space as "+", and unescaping
+// accepts a broken "%" sequence that these functions refuse.
 //
 // Letters, digits, "-", "_" and "." are always copied. Every other byte is escaped
 // as "%" and two hexadecimal digits unless a flag below keeps it; "/" is the

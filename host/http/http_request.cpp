@@ -11,3 +11,9 @@ std::string HTTP_Request::target() const
     return path_;
   return path_ + "?" + query_;
 }
+
+void HTTP_Request::set_body_source(Body_Source source, int64_t size)
+{
+  body_source_ = std::move(source);
+  body_source_size_ = size;
+}

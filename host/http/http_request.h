@@ -3,6 +3,9 @@
 
 #include "host/http/cgi_base.h"
 
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <string>
 
 enum Http_Method
@@ -11,14 +14,21 @@ enum Http_Method
   HTTP_METHOD_POST = 2,
   HTTP_METHOD_PUT = 3,
   HTTP_METHOD_DELETE = 4,
+  HTTP_METHOD_HEAD = 5,
 };
 
 // One request over an HTTP_Session: method, absolute path, the query string
 // (without "?", built by the caller in query_string_buffer()), per-request
-// header fields and a body.
+// header fields and a body: either body() in memory or a streamed body source.
 class HTTP_Request : public CGI_Base
 {
 public:
+  // Fills `buffer` with up to `size` bytes of a streamed body and returns how
+  // many; 0 ends the body; `abort_body` stops the transfer (the session then
+  // reports HTTP_TRANSPORT_ABORTED). Called on the thread that runs perform().
+  typedef std::function<size_t(char* buffer, size_t size)> Body_Source;
+  static const size_t abort_body = static_cast<size_t>(-1);
+
   // `keep_alive` false asks the server to close the connection after the answer.
   HTTP_Request(int method, const char* path, bool keep_alive = true);
 
@@ -30,19 +40,44 @@ public:
   // Path and query as sent on the request line.
   std::string target() const;
 
+  // Streams the body from `source` instead of body(); with `size` < 0 it is sent
+  // in chunks. The source is called again from its start only if the caller
+  // performs the request again.
+  void set_body_source(Body_Source source, int64_t size = -1);
+  const Body_Source& body_source() const { return body_source_; }
+  int64_t body_source_size() const { return body_source_size_; }
+
+  // Seconds the whole exchange may take, overriding the session's limit; 0 is no
+  // limit (long streams), -1 (the default) the session's.
+  void transfer_timeout(long seconds) { transfer_timeout_ = seconds; }
+  long transfer_timeout() const { return transfer_timeout_; }
+
 private:
   int method_;
   std::string path_;
   bool keep_alive_;
   std::string query_;
+  Body_Source body_source_;
+  int64_t body_source_size_ = -1;
+  long transfer_timeout_ = -1;
 };
 
-// What came back: status, header fields (names as sent), body.
+// What came back: status, header fields (names as sent), body. With a body sink
+// the body of a 2xx answer goes to the sink as it arrives and body() stays empty;
+// the body of any other answer is kept in body() for the error text.
 class HTTP_Response : public CGI_Base
 {
 public:
+  // Takes the next bytes of a 2xx answer's body; false stops the transfer (the
+  // session then reports HTTP_TRANSPORT_ABORTED). Called on the thread that runs
+  // perform().
+  typedef std::function<bool(const char* data, size_t size, long status)> Body_Sink;
+
   long status() const { return status_; }
   void status(long s) { status_ = s; }
+  void set_body_sink(Body_Sink sink) { sink_ = std::move(sink); }
+  const Body_Sink& body_sink() const { return sink_; }
+  // Clears status, headers and body; the sink stays.
   void reset()
   {
     status_ = 0;
@@ -52,6 +87,7 @@ public:
 
 private:
   long status_ = 0;
+  Body_Sink sink_;
 };
 
 #endif

@@ -3,17 +3,83 @@
 #include "host/base/log.h"
 
 #include <curl/curl.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cstring>
 
 namespace
 {
 std::once_flag curl_init_once;
 
+// What the body callbacks of one transfer need.
+struct Transfer
+{
+  CURL* curl = nullptr;
+  const HTTP_Request* request = nullptr;
+  HTTP_Response* response = nullptr;
+  size_t upload_offset = 0;
+};
+
+// A 2xx body goes to the response's sink when it has one; any other body is kept
+// for the caller's error text.
 size_t write_body(char* data, size_t size, size_t count, void* user)
 {
-  static_cast<HTTP_Response*>(user)->body().append(data, size * count);
-  return size * count;
+  Transfer& t = *static_cast<Transfer*>(user);
+  const size_t len = size * count;
+  if (t.response->body_sink())
+  {
+    long status = 0;
+    curl_easy_getinfo(t.curl, CURLINFO_RESPONSE_CODE, &status);
+    if (status >= 200 && status < 300)
+      return t.response->body_sink()(data, len, status) ? len : 0;
+  }
+  t.response->body().append(data, len);
+  return len;
+}
+
+size_t read_body(char* buffer, size_t size, size_t count, void* user)
+{
+  Transfer& t = *static_cast<Transfer*>(user);
+  const size_t room = size * count;
+  if (t.request->body_source())
+  {
+    const size_t n = t.request->body_source()(buffer, room);
+    return n == HTTP_Request::abort_body ? CURL_READFUNC_ABORT : n;
+  }
+  const std::string& body = t.request->body();
+  const size_t n = std::min(room, body.size() - t.upload_offset);
+  std::memcpy(buffer, body.data() + t.upload_offset, n);
+  t.upload_offset += n;
+  return n;
+}
+
+// Adds the certificates of the configured CA file to the trust store libcurl has
+// already filled from the system's defaults, so a private CA is trusted besides
+// the public ones rather than instead of them.
+CURLcode add_ca_file(CURL*, void* ssl_ctx, void* user)
+{
+  const std::string& path = *static_cast<const std::string*>(user);
+  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(ssl_ctx));
+  BIO* bio = BIO_new_file(path.c_str(), "r");
+  if (bio == nullptr)
+    return CURLE_SSL_CACERT_BADFILE;
+  STACK_OF(X509_INFO)* infos = PEM_X509_INFO_read_bio(bio, nullptr, nullptr, nullptr);
+  BIO_free(bio);
+  if (infos == nullptr)
+    return CURLE_SSL_CACERT_BADFILE;
+  int added = 0;
+  for (int i = 0; i < sk_X509_INFO_num(infos); ++i)
+  {
+    X509_INFO* info = sk_X509_INFO_value(infos, i);
+    if (info->x509 && X509_STORE_add_cert(store, info->x509) == 1)
+      ++added;
+  }
+  sk_X509_INFO_pop_free(infos, X509_INFO_free);
+  return added > 0 ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
 }
 
 std::string trim(const std::string& text)
@@ -64,6 +130,10 @@ Http_Transport_Error classify(CURLcode code)
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_CACERT_BADFILE:
       return HTTP_TRANSPORT_TLS;
+    case CURLE_ABORTED_BY_CALLBACK:
+    case CURLE_WRITE_ERROR:
+    case CURLE_READ_ERROR:
+      return HTTP_TRANSPORT_ABORTED;
     default:
       return HTTP_TRANSPORT_OTHER;
   }
@@ -94,6 +164,11 @@ HTTP_Session::HTTP_Session(const Settings& settings) : settings_(settings)
   curl_ = curl_easy_init();
 }
 
+const char* HTTP_Session::user_agent()
+{
+  return "exchange-online-backup/1.0";
+}
+
 HTTP_Session::~HTTP_Session()
 {
   if (curl_)
@@ -120,35 +195,61 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
   }
 
   curl_easy_reset(curl_);
+  Transfer transfer;
+  transfer.curl = curl_;
+  transfer.request = &request;
+  transfer.response = &response;
   const std::string url = base_url_ + request.target();
   curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl_, CURLOPT_USERAGENT, user_agent());
   curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, settings_.connect_timeout);
-  curl_easy_setopt(curl_, CURLOPT_TIMEOUT, settings_.transfer_timeout);
+  curl_easy_setopt(curl_, CURLOPT_TIMEOUT,
+                   request.transfer_timeout() >= 0 ? request.transfer_timeout() : settings_.transfer_timeout);
   curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, 2L);
   if (!settings_.ca_file.empty())
-    curl_easy_setopt(curl_, CURLOPT_CAINFO, settings_.ca_file.c_str());
+  {
+    curl_easy_setopt(curl_, CURLOPT_SSL_CTX_FUNCTION, add_ca_file);
+    curl_easy_setopt(curl_, CURLOPT_SSL_CTX_DATA, &settings_.ca_file);
+  }
   curl_easy_setopt(curl_, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl_, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, write_body);
-  curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &response);
+  curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(curl_, CURLOPT_HEADERFUNCTION, write_header);
   curl_easy_setopt(curl_, CURLOPT_HEADERDATA, &response);
-  curl_easy_setopt(curl_, CURLOPT_CUSTOMREQUEST, method_name(request.method()));
-  if (request.method() == HTTP_METHOD_GET)
+  const int method = request.method();
+  if (method == HTTP_METHOD_GET)
     curl_easy_setopt(curl_, CURLOPT_HTTPGET, 1L);
+  else if (method == HTTP_METHOD_HEAD)
+    curl_easy_setopt(curl_, CURLOPT_NOBODY, 1L);
+  else if (method == HTTP_METHOD_PUT || request.body_source())
+  {
+    // Sent through the read callback: from the source as it comes, or from body().
+    curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(curl_, CURLOPT_READFUNCTION, read_body);
+    curl_easy_setopt(curl_, CURLOPT_READDATA, &transfer);
+    const int64_t size = request.body_source() ? request.body_source_size() : static_cast<int64_t>(request.body().size());
+    if (size >= 0)
+      curl_easy_setopt(curl_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
+  }
   else
   {
     curl_easy_setopt(curl_, CURLOPT_POSTFIELDS, request.body().data());
     curl_easy_setopt(curl_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body().size()));
   }
+  if (method != HTTP_METHOD_GET && method != HTTP_METHOD_HEAD)
+    curl_easy_setopt(curl_, CURLOPT_CUSTOMREQUEST, method_name(method));
 
   curl_slist* header_list = nullptr;
   for (const HTTP_Headers::Field& f : request.headers().fields())
     header_list = curl_slist_append(header_list, (f.first + ": " + f.second).c_str());
   // libcurl would add "Expect: 100-continue" to large bodies; EWS does not need it.
   header_list = curl_slist_append(header_list, "Expect:");
+  // Without a type of the caller's, libcurl would call a body a form.
+  if (request.headers().get("Content-Type") == nullptr)
+    header_list = curl_slist_append(header_list, "Content-Type:");
   if (!request.keep_alive())
     header_list = curl_slist_append(header_list, "Connection: close");
   curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, header_list);

@@ -18,11 +18,16 @@ enum Http_Transport_Error
   HTTP_TRANSPORT_TIMEOUT = 3,   // the transfer time limit ran out
   HTTP_TRANSPORT_TLS = 4,       // certificate or handshake failure
   HTTP_TRANSPORT_OTHER = 5,
+  HTTP_TRANSPORT_ABORTED = 6,   // a body source or sink stopped the transfer
 };
 
-// One HTTP connection to one server (scheme, host, port) on libcurl. Requests
-// through it are serialised by an internal mutex and reuse the connection while
-// the server keeps it open. TLS peers are always verified.
+// One HTTP connection to one server (scheme, host, port) on libcurl: the only
+// place of the host layer that sets up a libcurl transfer. Requests through it are
+// serialised by an internal mutex (a streamed transfer holds it until it ends, so
+// concurrent streams use sessions of their own) and reuse the connection while
+// the server keeps it open. Every request carries user_agent(). TLS peers are
+// always verified against the system's trust store plus the settings' CA file.
+// perform() logs nothing: its callers report failures.
 class HTTP_Session
 {
 public:
@@ -33,16 +38,20 @@ public:
     bool ssl = false;
     long connect_timeout = 120;   // seconds to establish the connection
     long transfer_timeout = 120;  // seconds for a whole request and answer
-    std::string ca_file;          // extra trust anchors (tests); empty: the system's
+    std::string ca_file;          // PEM certificates trusted in addition to the system's
   };
+
+  // "exchange-online-backup/<version>", sent with every request.
+  static const char* user_agent();
 
   explicit HTTP_Session(const Settings& settings);
   ~HTTP_Session();
   HTTP_Session(const HTTP_Session&) = delete;
   HTTP_Session& operator=(const HTTP_Session&) = delete;
 
-  // Sends `request` and reads the answer into `response`. True when an HTTP answer
-  // (any status) was read; false on a transport failure, with error() and
+  // Sends `request` and reads the answer into `response` (a streamed body through
+  // the request's source and the response's sink). True when an HTTP answer (any
+  // status) was read; false on a transport failure, with error() and
   // transport_error() telling why. Error texts never hold header values.
   bool perform(const HTTP_Request& request, HTTP_Response& response);
 

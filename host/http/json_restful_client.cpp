@@ -1,5 +1,8 @@
 #include "host/http/json_restful_client.h"
 
+#include "host/http/http_status.h"
+#include "host/http/retry_policy.h"
+
 namespace
 {
 const char* header_name(int id)
@@ -64,35 +67,44 @@ bool JSON_RESTful_Client::post(HTTP_Request& request, const std::string& body, c
 
 bool JSON_RESTful_Client::send(HTTP_Request& request, nlohmann::ordered_json* value)
 {
+  for (const auto& h : standing_)
+    if (request.headers().get(header_name(h.first)) == nullptr)
+      request.headers().put(header_name(h.first), h.second, false);
+  Retry_Policy policy(retry_budget_, Retry_Policy::RETRY_THROTTLED);
+  status_ = run_with_retry_T(policy, [&] { return attempt(request, value); });
+  return status_.ok();
+}
+
+Host_Status JSON_RESTful_Client::attempt(HTTP_Request& request, nlohmann::ordered_json* value)
+{
   last_status_ = 0;
   last_error_.clear();
   response_.reset();
   if (!session_)
   {
     last_error_ = "no HTTP session";
-    return false;
+    return Host_Status::make(HOST_STATUS_PERMANENT, "connection", last_error_);
   }
-  for (const auto& h : standing_)
-    if (request.headers().get(header_name(h.first)) == nullptr)
-      request.headers().put(header_name(h.first), h.second, false);
   if (!session_->perform(request, response_))
   {
     last_error_ = session_->error();
-    return false;
+    return http_transport_status(*session_);
   }
   last_status_ = response_.status();
-  if (last_status_ < 200 || last_status_ > 299)
+  const std::string excerpt = response_.body().substr(0, error_body_excerpt);
+  Host_Status status = http_answer_status(response_, excerpt);
+  if (!status.ok())
   {
-    last_error_ = "HTTP status " + std::to_string(last_status_) + ": " + response_.body().substr(0, error_body_excerpt);
-    return false;
+    last_error_ = "HTTP status " + std::to_string(last_status_) + ": " + excerpt;
+    return status;
   }
   if (value == nullptr)
-    return true;
+    return status;
   *value = nlohmann::ordered_json::parse(response_.body(), nullptr, false);
   if (value->is_discarded())
   {
     last_error_ = "the answer is not JSON";
-    return false;
+    return Host_Status::make(HOST_STATUS_PERMANENT, "HTTP " + std::to_string(last_status_), last_error_);
   }
-  return true;
+  return status;
 }

@@ -1,6 +1,7 @@
 #ifndef HOST_HTTP_JSON_RESTFUL_CLIENT_H
 #define HOST_HTTP_JSON_RESTFUL_CLIENT_H
 
+#include "host/base/host_status.h"
 #include "host/http/http_session.h"
 
 #include <nlohmann/json.hpp>
@@ -22,8 +23,13 @@ enum Http_Header_Id
 // A JSON client over one HTTP_Session. Standing header fields (set_header) go with
 // every request; a request's own fields are added after them. One thread at a time.
 //
-// Failures are kept in last_error(): the transport's reason, or the status and
-// the start of the answer body. Header values (tokens) never enter it.
+// An answer where the server asks to wait (429, 503) is sent again after the
+// server's Retry-After wait (or a back-off) while the retry budget lasts; other
+// failures are not retried here, since a POST may not be safe to repeat.
+//
+// Failures are kept in status() and last_error(): the transport's reason, or the
+// status and the start of the answer body. Header values (tokens) never enter
+// them. The client logs nothing; its callers report failures.
 class JSON_RESTful_Client
 {
 public:
@@ -41,6 +47,11 @@ public:
   // POST with `body` of `content_type`; otherwise as get().
   bool post(HTTP_Request& request, const std::string& body, const char* content_type, nlohmann::ordered_json* value);
 
+  // Seconds during which throttled answers are retried (default 60; 0: never).
+  void set_retry_budget(int seconds) { retry_budget_ = seconds; }
+
+  // How the last request ended, classified (see http_answer_status).
+  const Host_Status& status() const { return status_; }
   long last_status() const { return last_status_; }
   const std::string& last_error() const { return last_error_; }
   // The body of the last answer (kept for diagnostics).
@@ -49,10 +60,13 @@ public:
 
 private:
   bool send(HTTP_Request& request, nlohmann::ordered_json* value);
+  Host_Status attempt(HTTP_Request& request, nlohmann::ordered_json* value);
 
   HTTP_Session_Ptr session_;
   std::map<int, std::string> standing_;
   HTTP_Response response_;
+  int retry_budget_ = 60;
+  Host_Status status_;
   long last_status_ = 0;
   std::string last_error_;
 };

@@ -22,7 +22,7 @@ public:
   const std::string& query() const { return query_; }
   // "scheme://host[:port]" with the port only when it is not the scheme's default.
   std::string origin() const;
-  // True for 127.0.0.0/8, ::1 and "localhost".
+  // True when the host is a loopback address (see is_loopback_host).
   bool is_loopback() const;
 
 private:
@@ -35,5 +35,10 @@ private:
   std::string path_ = "/";
   std::string query_;
 };
+
+// The one loopback rule of the host layer: "localhost", an IPv4 address in
+// 127.0.0.0/8 or the IPv6 address ::1 (with or without brackets), decided by
+// parsing the address, never by its text's prefix ("127.example.com" is not).
+bool is_loopback_host(const std::string& host);
 
 #endif

@@ -1,110 +1,63 @@
 #include "host/http/uri_parser.h"
 
-#include <cctype>
-#include <cstring>
+#include <curl/curl.h>
+
+#include <cstdlib>
+#include <memory>
 
 namespace
 {
-bool lower_scheme(const std::string& text, std::string& scheme)
+struct URL_Deleter
 {
-  scheme.clear();
-  for (char c : text)
-    scheme.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-  return scheme == "http" || scheme == "https";
-}
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
 
-bool parse_port(const std::string& text, int& port)
+// One part of a parsed URL; false when the URL has none.
+bool get_part(CURLU* url, CURLUPart what, unsigned int flags, std::string& out)
 {
-  if (text.empty() || text.size() > 5)
+  char* part = nullptr;
+  if (curl_url_get(url, what, &part, flags) != CURLUE_OK || part == nullptr)
     return false;
-  int value = 0;
-  for (char c : text)
-  {
-    if (!std::isdigit(static_cast<unsigned char>(c)))
-      return false;
-    value = value * 10 + (c - '0');
-  }
-  if (value < 1 || value > 65535)
-    return false;
-  port = value;
-  return true;
-}
-
-bool valid_host_char(char c)
-{
-  return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_';
-}
-
-// Splits "host[:port]" or "[v6]:port" into its parts.
-bool parse_authority(const std::string& authority, std::string& host, bool& ipv6, int& port)
-{
-  std::string port_text;
-  if (!authority.empty() && authority[0] == '[')
-  {
-    const size_t close = authority.find(']');
-    if (close == std::string::npos || close == 1)
-      return false;
-    host = authority.substr(1, close - 1);
-    ipv6 = true;
-    if (close + 1 < authority.size())
-    {
-      if (authority[close + 1] != ':')
-        return false;
-      port_text = authority.substr(close + 2);
-      if (!parse_port(port_text, port))
-        return false;
-    }
-    return true;
-  }
-  const size_t colon = authority.find(':');
-  host = authority.substr(0, colon);
-  if (host.empty())
-    return false;
-  for (char c : host)
-    if (!valid_host_char(c))
-      return false;
-  if (colon != std::string::npos && !parse_port(authority.substr(colon + 1), port))
-    return false;
+  out = part;
+  curl_free(part);
   return true;
 }
 }  // namespace
 
+// libcurl's URL API does the splitting and the syntax checks (spaces, control
+// bytes, bad ports, unclosed IPv6 brackets); what is ours is the policy on top:
+// http and https only, no user information, a port from 1 to 65535, the path
+// kept as written (no "../" folding).
 bool URI_Parser::parse(const char* text, URI& out)
 {
-  if (text == nullptr)
+  if (text == nullptr || *text == '\0')
     return false;
-  const std::string url(text);
-  const size_t sep = url.find("://");
-  if (sep == std::string::npos)
+  std::unique_ptr<CURLU, URL_Deleter> url(curl_url());
+  if (!url || curl_url_set(url.get(), CURLUPART_URL, text, CURLU_PATH_AS_IS | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
     return false;
 
   URI uri;
-  if (!lower_scheme(url.substr(0, sep), uri.scheme_))
+  std::string ignored, port;
+  if (!get_part(url.get(), CURLUPART_SCHEME, 0, uri.scheme_) || (uri.scheme_ != "http" && uri.scheme_ != "https"))
     return false;
-
-  const size_t rest = sep + 3;
-  const size_t end_authority = url.find_first_of("/?#", rest);
-  const std::string authority = url.substr(rest, end_authority == std::string::npos ? std::string::npos : end_authority - rest);
-  if (authority.find('@') != std::string::npos)
+  if (get_part(url.get(), CURLUPART_USER, 0, ignored) || get_part(url.get(), CURLUPART_PASSWORD, 0, ignored))
     return false;
-  uri.port_ = uri.is_ssl() ? 443 : 80;
-  if (!parse_authority(authority, uri.host_, uri.ipv6_, uri.port_))
+  if (!get_part(url.get(), CURLUPART_HOST, 0, uri.host_) || uri.host_.empty())
     return false;
-
-  if (end_authority != std::string::npos)
+  if (uri.host_.front() == '[' && uri.host_.back() == ']')
   {
-    std::string tail = url.substr(end_authority);
-    tail = tail.substr(0, tail.find('#'));
-    const size_t question = tail.find('?');
-    std::string path = tail.substr(0, question);
-    if (question != std::string::npos)
-      uri.query_ = tail.substr(question + 1);
-    if (!path.empty())
-      uri.path_ = path;
+    uri.host_ = uri.host_.substr(1, uri.host_.size() - 2);
+    uri.ipv6_ = true;
   }
-  for (char c : url)
-    if (static_cast<unsigned char>(c) <= ' ')
-      return false;
+  if (!get_part(url.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT, port))
+    return false;
+  const long number = std::strtol(port.c_str(), nullptr, 10);
+  if (number < 1 || number > 65535)
+    return false;
+  uri.port_ = static_cast<int>(number);
+  if (!get_part(url.get(), CURLUPART_PATH, 0, uri.path_) || uri.path_.empty())
+    uri.path_ = "/";
+  get_part(url.get(), CURLUPART_QUERY, 0, uri.query_);
   out = uri;
   return true;
 }

@@ -28,7 +28,15 @@ bool Client_IO_Base::get_contents(const std::string& name, std::string& text)
 
 bool Client_IO_Base::fail(const std::string& text)
 {
+  status_ = Host_Status::make(HOST_STATUS_PERMANENT, "", text);
   last_error_ = text;
+  return false;
+}
+
+bool Client_IO_Base::fail(const Host_Status& status, const std::string& context)
+{
+  status_ = status;
+  last_error_ = context.empty() ? status.text() : context + ": " + status.text();
   return false;
 }
 

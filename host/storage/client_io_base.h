@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/base/compression.h"
+#include "host/base/host_status.h"
 #include "host/base/rate_controller.h"
 
 // A storage client on one pool location: objects are stored, read, listed and
@@ -15,9 +16,11 @@
 // implementation from the location's scheme.
 //
 // Every operation returns true (or a byte count) on success; on failure it
-// returns false (or -1) and `last_error()` says why. The error text never holds
-// an access key. One client is used by one thread at a time, except that a
-// streamed read and a streamed write may run at once.
+// returns false (or -1), `status()` classifies the failure (transient, throttled,
+// unauthorized, permanent, cancelled) and `last_error()` says why in words. The
+// clients log nothing: their callers decide what a failure means and report it.
+// The error text never holds an access key. One client is used by one thread at
+// a time, except that a streamed read and a streamed write may run at once.
 class Client_IO_Base
 {
 public:
@@ -77,17 +80,23 @@ public:
 
   // Bytes stored by the last successful put_contents or close_write.
   uint64_t storage_size() const { return storage_size_; }
+  // The last failure: its status and its text (with what was being done).
+  const Host_Status& status() const { return status_; }
   const std::string& last_error() const { return last_error_; }
 
 protected:
-  // Records `text` as the last error and returns false.
+  // Records a permanent failure described by `text` and returns false.
   bool fail(const std::string& text);
+  // Records `status` as the last failure, its text prefixed by `context`, and
+  // returns false.
+  bool fail(const Host_Status& status, const std::string& context);
   // Checks a name; a refused name fails with a clear error.
   bool check_name(const std::string& name);
 
   Options options_;
   Rate_Controller limiter_;
   uint64_t storage_size_ = 0;
+  Host_Status status_;
   std::string last_error_;
 };
 

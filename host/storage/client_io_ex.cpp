@@ -3,30 +3,56 @@
 #include "host/storage/client_io_file.h"
 #include "host/storage/client_io_http.h"
 
+#include <mutex>
+
+namespace
+{
+std::mutex factory_lock;
+Client_IO_Ex::Factory test_factory;
+}  // namespace
+
 Client_IO_Ex::Client_IO_Ex() = default;
 Client_IO_Ex::~Client_IO_Ex() = default;
+
+std::unique_ptr<Client_IO_Base> Client_IO_Ex::make_default(const std::string& location)
+{
+  if (location.compare(0, 7, "http://") == 0 || location.compare(0, 8, "https://") == 0)
+    return std::unique_ptr<Client_IO_Base>(new Client_IO_Http);
+  if (location.compare(0, 7, "file://") == 0)
+    return std::unique_ptr<Client_IO_Base>(new Client_IO_File);
+  return nullptr;
+}
+
+void Client_IO_Ex::set_factory_for_tests(Factory factory)
+{
+  std::lock_guard<std::mutex> guard(factory_lock);
+  test_factory = std::move(factory);
+}
 
 bool Client_IO_Ex::open(const std::string& location, const Client_IO_Base::Options& options)
 {
   impl_.reset();
   location_.clear();
   std::unique_ptr<Client_IO_Base> impl;
-  if (location.compare(0, 7, "http://") == 0 || location.compare(0, 8, "https://") == 0)
-    impl.reset(new Client_IO_Http);
-  else if (location.compare(0, 7, "file://") == 0)
-    impl.reset(new Client_IO_File);
-  else
+  {
+    std::lock_guard<std::mutex> guard(factory_lock);
+    impl = test_factory ? test_factory(location) : make_default(location);
+  }
+  if (!impl)
   {
     last_error_ = "unsupported storage location: " + location;
+    status_ = Host_Status::make(HOST_STATUS_PERMANENT, "", last_error_);
     return false;
   }
   if (!impl->open(location, options))
   {
+    status_ = impl->status();
     last_error_ = impl->last_error();
     return false;
   }
   impl_ = std::move(impl);
   location_ = location;
+  status_ = Host_Status::success();
   last_error_.clear();
   return true;
 }
@@ -34,6 +60,7 @@ bool Client_IO_Ex::open(const std::string& location, const Client_IO_Base::Optio
 bool Client_IO_Ex::not_open()
 {
   last_error_ = "storage client is not open";
+  status_ = Host_Status::make(HOST_STATUS_PERMANENT, "", last_error_);
   return false;
 }
 
@@ -105,6 +132,11 @@ bool Client_IO_Ex::remove(const std::string& name)
 uint64_t Client_IO_Ex::storage_size() const
 {
   return impl_ ? impl_->storage_size() : 0;
+}
+
+const Host_Status& Client_IO_Ex::status() const
+{
+  return impl_ ? impl_->status() : status_;
 }
 
 const std::string& Client_IO_Ex::last_error() const

@@ -1,6 +1,7 @@
 #ifndef HOST_STORAGE_CLIENT_IO_EX_H
 #define HOST_STORAGE_CLIENT_IO_EX_H
 
+#include <functional>
 #include <memory>
 
 #include "host/storage/client_io_base.h"
@@ -10,10 +11,21 @@
 // - "http://…" or "https://…": a pool served by backupd (Client_IO_Http);
 // - "file:///…": a directory of this machine (Client_IO_File).
 // Operations before a successful `open` fail with "storage client is not open".
-// See Client_IO_Base for the meaning of each operation.
+// See Client_IO_Base for the meaning of each operation; like the clients it
+// wraps, it logs nothing and leaves reporting a failure to its caller.
 class Client_IO_Ex
 {
 public:
+  // Makes the (unopened) client for a location; null when no client serves it.
+  typedef std::function<std::unique_ptr<Client_IO_Base>(const std::string& location)> Factory;
+
+  // The client the location's scheme calls for, as described above.
+  static std::unique_ptr<Client_IO_Base> make_default(const std::string& location);
+  // Replaces, process-wide, how later open() calls make their client (tests wrap
+  // the default in a Client_IO_Fault); an empty factory restores the default.
+  // Call it while no Client_IO_Ex is being opened.
+  static void set_factory_for_tests(Factory factory);
+
   Client_IO_Ex();
   ~Client_IO_Ex();
 
@@ -38,6 +50,8 @@ public:
   bool remove(const std::string& name);
 
   uint64_t storage_size() const;
+  // The last failure, classified, and its text.
+  const Host_Status& status() const;
   const std::string& last_error() const;
 
 private:
@@ -45,6 +59,7 @@ private:
 
   std::unique_ptr<Client_IO_Base> impl_;
   std::string location_;
+  Host_Status status_;
   std::string last_error_;
 };
 

@@ -5,21 +5,25 @@
 #include <mutex>
 #include <thread>
 
+#include "host/http/http_session.h"
+#include "host/http/uri.h"
 #include "host/storage/byte_pipe.h"
 #include "host/storage/client_io_base.h"
 
 // A storage client on a pool served by backupd ("http://host:port/d2/storage/<pool
-// uuid>", or https). Every request carries the options' extra options as headers
-// (the access key among them, see set_access_key_to_options) and the access mode.
-// Plain http is refused for hosts other than loopback unless Host_Manager allows
-// it; https certificates are always verified.
+// uuid>", or https), over the host's HTTP sessions. Every request carries the
+// options' extra options as headers (the access key among them, see
+// set_access_key_to_options) and the access mode. Plain http is refused for hosts
+// other than loopback unless Host_Manager allows it; https certificates are
+// always verified.
 //
 // Transient failures (connection refused or dropped, HTTP 408, 429, 5xx) are
-// retried with back-off for `max_seconds_retry`. A streamed write runs its PUT on
-// a worker thread fed through a bounded pipe; it can be sent again after a
-// failure only while the whole stream so far fits `resumption_buffer_size`. A
-// streamed read runs its GET on a worker thread and resumes with a range request
-// after a dropped connection.
+// retried for `max_seconds_retry`, after the server's Retry-After wait when it
+// gave one. A streamed write runs its PUT on a worker thread fed through a
+// bounded pipe; it can be sent again after a failure only while the whole stream
+// so far fits `resumption_buffer_size`. A streamed read runs its GET on a worker
+// thread and resumes with a range request after a dropped connection. The
+// calling thread, the write worker and the read worker each have a session.
 class Client_IO_Http : public Client_IO_Base
 {
 public:
@@ -38,39 +42,34 @@ public:
   bool list(const std::string& prefix, std::vector<std::string>& names) override;
   bool remove(const std::string& name) override;
 
-  struct Response
-  {
-    long status = 0;
-    int curl_code = 0;
-    std::string body;
-    std::string curl_error;
-    uint64_t content_length = 0;
-  };
-
 private:
-  struct Request;
-
-  std::string object_url(const std::string& name) const;
-  void* make_headers(bool no_overwrite, uint64_t range_from) const;
-  void perform(Request& request, Response& response);
-  bool request_with_retry(Request& request, Response& response);
-  std::string describe(const Response& response) const;
+  // The client is open and `name` a valid object name; otherwise fails.
+  bool ready(const std::string& name);
+  std::string object_path(const std::string& name) const;
+  void add_headers(HTTP_Request& request, bool no_overwrite, uint64_t range_from) const;
+  Host_Status attempt(HTTP_Session& session, HTTP_Request& request, HTTP_Response& response) const;
+  // Sends a request that is not a stream, retrying as the options say; a failure
+  // is recorded with `context` and returns false.
+  bool exchange(int method, const std::string& path, const std::string& query, HTTP_Response& response,
+                const std::string& context);
+  Host_Status upload_attempt(HTTP_Request& request, HTTP_Response& response, int attempt);
+  size_t upload_next(char* buffer, size_t size);
+  bool download_sink(const char* data, size_t len, long status, uint64_t range_from);
   void run_upload();
   void run_download();
 
-  static size_t upload_read(char* buf, size_t size, size_t n, void* self);
-  static size_t download_write(char* buf, size_t size, size_t n, void* self);
+  std::string base_path_;
+  HTTP_Session_Ptr session_;        // requests of the calling thread
+  HTTP_Session_Ptr write_session_;  // the streamed write's worker
+  HTTP_Session_Ptr read_session_;   // the streamed read's worker
 
-  std::string base_url_;
-
-  // Streamed write; the callback state is touched by the worker thread only.
+  // Streamed write; the body state is touched by the worker thread only.
   std::unique_ptr<Byte_Pipe> write_pipe_;
   std::thread write_thread_;
-  std::string write_url_;
+  std::string write_path_;
   bool write_overwrite_ = true;
   std::mutex write_lock_;
-  bool write_ok_ = false;
-  std::string write_error_;
+  Host_Status write_status_;
   uint64_t write_total_ = 0;
   std::string replay_;
   bool keep_replay_ = false;
@@ -80,10 +79,11 @@ private:
   // Streamed read.
   std::unique_ptr<Byte_Pipe> read_pipe_;
   std::thread read_thread_;
-  std::string read_url_;
+  std::string read_path_;
   uint64_t read_position_ = 0;  // next byte the worker asks for
+  bool range_ignored_ = false;
   std::mutex read_lock_;
-  std::string read_error_;
+  Host_Status read_status_;
 };
 
 #endif

@@ -110,12 +110,20 @@ TEST_F(Catalog_Test, CommittedRecordsAreReadBack)
 TEST_F(Catalog_Test, FailuresAreReported)
 {
   json result = json::object();
-  EXPECT_FALSE(read_catalogs("/d2/r/v2/sets/restore/sets?sort=nowhere", result, -1, 0));
+  Host_Status status;
+  EXPECT_FALSE(read_catalogs("/d2/r/v2/sets/restore/sets?sort=nowhere", result, -1, 0, &status));
   EXPECT_TRUE(result.empty());
+  EXPECT_EQ(status.kind, HOST_STATUS_PERMANENT);
+  EXPECT_EQ(status.code.rfind("HTTP 4", 0), 0u) << status.code;
   EXPECT_FALSE(read_catalogs("no-slash", result, -1, 0));
   Catalog_Operator op(-1, 0);
   EXPECT_FALSE(op.commit(json::object()));
+  EXPECT_EQ(op.status().kind, HOST_STATUS_PERMANENT);
   backupd_.configure_host("wrong-key");
+  // Refused credentials are not retried, whatever the budget.
+  Catalog_Operator patient(-1, 30);
+  EXPECT_FALSE(patient.commit(sample_set("set-x", 1, 1)));
+  EXPECT_EQ(patient.status().kind, HOST_STATUS_UNAUTHORIZED);
   EXPECT_FALSE(op.commit(sample_set("set-x", 1, 1)));
   EXPECT_NE(op.error().find("401"), std::string::npos);
   EXPECT_EQ(op.error().find("wrong-key"), std::string::npos);

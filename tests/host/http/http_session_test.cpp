@@ -137,3 +137,110 @@ TEST(JsonRestfulClient, SendsStandingHeadersAndParsesOnlySuccessfulJson)
   ASSERT_TRUE(client.get(again, &value));
   EXPECT_EQ(value["auth"], "");
 }
+
+TEST(HttpSession, StreamsBodiesBothWaysAndNamesItself)
+{
+  Loopback_Server s;
+  std::string stored;
+  std::string agent;
+  s.server().Put("/object", [&](const httplib::Request& req, httplib::Response& res) {
+    stored = req.body;
+    agent = req.get_header_value("User-Agent");
+    res.status = 201;
+  });
+  s.server().Get("/object", [&](const httplib::Request&, httplib::Response& res) {
+    res.set_content(stored, "application/octet-stream");
+  });
+  s.server().Get("/missing", [](const httplib::Request&, httplib::Response& res) {
+    res.status = 404;
+    res.set_content("{\"error\":\"no such object\"}", "application/json");
+  });
+  s.start();
+  HTTP_Session_Ptr session = session_to(s);
+
+  // A chunked upload from a source that hands out 1000 pieces.
+  std::string expected;
+  int piece = 0;
+  HTTP_Request put(HTTP_METHOD_PUT, "/object");
+  put.set_body_source([&](char* buffer, size_t size) -> size_t {
+    if (piece == 1000)
+      return 0;
+    const std::string text = "piece " + std::to_string(piece++) + ";";
+    EXPECT_GE(size, text.size());
+    text.copy(buffer, text.size());
+    expected += text;
+    return text.size();
+  });
+  HTTP_Response response;
+  ASSERT_TRUE(session->perform(put, response)) << session->error();
+  EXPECT_EQ(response.status(), 201);
+  EXPECT_EQ(stored, expected);
+  EXPECT_EQ(agent.rfind("exchange-online-backup/", 0), 0u) << agent;
+
+  // A 2xx body goes to the sink, an error body stays in the response.
+  std::string received;
+  HTTP_Response streamed;
+  streamed.set_body_sink([&](const char* data, size_t size, long status) {
+    EXPECT_EQ(status, 200);
+    received.append(data, size);
+    return true;
+  });
+  HTTP_Request get(HTTP_METHOD_GET, "/object");
+  ASSERT_TRUE(session->perform(get, streamed));
+  EXPECT_EQ(received, expected);
+  EXPECT_TRUE(streamed.body().empty());
+  HTTP_Request missing(HTTP_METHOD_GET, "/missing");
+  ASSERT_TRUE(session->perform(missing, streamed));
+  EXPECT_EQ(streamed.status(), 404);
+  EXPECT_NE(streamed.body().find("no such object"), std::string::npos);
+
+  // A sink or source that gives up stops the transfer, reported as aborted.
+  HTTP_Response refusing;
+  refusing.set_body_sink([](const char*, size_t, long) { return false; });
+  HTTP_Request again(HTTP_METHOD_GET, "/object");
+  EXPECT_FALSE(session->perform(again, refusing));
+  EXPECT_EQ(session->transport_error(), HTTP_TRANSPORT_ABORTED);
+  HTTP_Request aborted(HTTP_METHOD_PUT, "/object");
+  aborted.set_body_source([](char*, size_t) { return HTTP_Request::abort_body; });
+  EXPECT_FALSE(session->perform(aborted, response));
+  EXPECT_EQ(session->transport_error(), HTTP_TRANSPORT_ABORTED);
+}
+
+TEST(JsonRestfulClient, RetriesThrottledAnswersAfterTheirWaitOnly)
+{
+  std::atomic<int> calls{0};
+  Scripted_Server server([&](const Scripted_Request& r) {
+    Scripted_Reply reply;
+    ++calls;
+    if (r.target == "/busy" && calls < 3)
+    {
+      reply.status = calls == 1 ? 429 : 503;
+      reply.headers["Retry-After"] = "0";
+    }
+    else if (r.target == "/broken")
+      reply.status = 500;
+    reply.body = "{\"ok\":true}";
+    return reply;
+  });
+  JSON_RESTful_Client client(true);
+  client.reset(HTTP_Session_Factory::create("127.0.0.1", server.port(), false, 5, 5));
+  nlohmann::ordered_json value;
+  HTTP_Request busy(HTTP_METHOD_GET, "/busy");
+  ASSERT_TRUE(client.get(busy, &value)) << client.last_error();
+  EXPECT_EQ(calls, 3);
+  EXPECT_TRUE(client.status().ok());
+
+  calls = 0;
+  HTTP_Request broken(HTTP_METHOD_GET, "/broken");
+  EXPECT_FALSE(client.get(broken, &value));
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(client.status().kind, HOST_STATUS_TRANSIENT);
+
+  calls = 0;
+  client.set_retry_budget(0);
+  HTTP_Request once(HTTP_METHOD_GET, "/busy");
+  EXPECT_FALSE(client.get(once, &value));
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(client.status().kind, HOST_STATUS_THROTTLED);
+  EXPECT_EQ(client.status().retry_after_ms, 0);
+}

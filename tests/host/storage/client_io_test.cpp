@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <dirent.h>
 #include <thread>
 
 #include "apps/backupd/backupd_process.h"
 #include "host/storage/client_io_ex.h"
+#include "host/storage/client_io_fault.h"
 #include "host/storage/http_head.h"
 #include "tests/host/storage/test_data.h"
 
@@ -139,6 +141,100 @@ protected:
   Backupd_Process backupd_;
 };
 
+std::vector<std::string> temporaries(const std::string& pool_dir);
+
+// The pools the storage contract runs over: a local directory, a backupd pool,
+// and the fault wrapper (no fault armed) over each of them.
+class File_Pool
+{
+public:
+  ~File_Pool()
+  {
+    if (!dir_.empty())
+    {
+      EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
+    }
+  }
+  bool start(std::string& location, Client_IO_Base::Options&)
+  {
+    char tmpl[] = "/tmp/file_client_XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    location = "file://" + dir_ + "/pool";
+    return true;
+  }
+  std::string pool_dir() const { return dir_ + "/pool"; }
+
+private:
+  std::string dir_;
+};
+
+class Backupd_Pool
+{
+public:
+  bool start(std::string& location, Client_IO_Base::Options& options)
+  {
+    if (!backupd_.add_pool("pool-a", "first") || !backupd_.start())
+      return false;
+    location = backupd_.pool_url("pool-a");
+    options.set_extra_option(http_head_string(HTTP_HEAD_ACCESS_KEY, 0, Backupd_Process::key()), Backupd_Process::key());
+    return true;
+  }
+  std::string pool_dir() const { return backupd_.data_dir() + "/pools/pool-a"; }
+
+private:
+  Backupd_Process backupd_;
+};
+
+// Every client opened while it lives is the default one inside a Client_IO_Fault.
+class Fault_Factory
+{
+public:
+  explicit Fault_Factory(const Client_IO_Fault::Faults& faults = Client_IO_Fault::Faults())
+  {
+    Client_IO_Ex::set_factory_for_tests([this, faults](const std::string& location) {
+      std::unique_ptr<Client_IO_Fault> wrapper(new Client_IO_Fault(Client_IO_Ex::make_default(location)));
+      wrapper->arm(faults);
+      ++made_;
+      return std::unique_ptr<Client_IO_Base>(std::move(wrapper));
+    });
+  }
+  ~Fault_Factory() { Client_IO_Ex::set_factory_for_tests(nullptr); }
+  int made() const { return made_; }
+
+private:
+  std::atomic<int> made_{0};
+};
+
+template <typename Pool_T>
+class Fault_Pool : public Pool_T
+{
+public:
+  ~Fault_Pool() { EXPECT_GT(factory_.made(), 0); }
+
+private:
+  Fault_Factory factory_;
+};
+
+template <typename Pool_T>
+class Storage_Contract : public ::testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    ASSERT_TRUE(pool_.start(location_, options_));
+    ASSERT_TRUE(io_.open(location_, options_)) << io_.last_error();
+  }
+
+  Pool_T pool_;
+  std::string location_;
+  Client_IO_Base::Options options_;
+  Client_IO_Ex io_;
+};
+
+using Implementations =
+  ::testing::Types<File_Pool, Backupd_Pool, Fault_Pool<File_Pool>, Fault_Pool<Backupd_Pool>>;
+TYPED_TEST_SUITE(Storage_Contract, Implementations);
+
 std::vector<std::string> temporaries(const std::string& pool_dir)
 {
   std::vector<std::string> out;
@@ -153,17 +249,90 @@ std::vector<std::string> temporaries(const std::string& pool_dir)
 }
 }  // namespace
 
-TEST(File_Client, StoresReadsListsAndRemoves)
+TYPED_TEST(Storage_Contract, StoresReadsListsAndRemoves)
 {
-  char tmpl[] = "/tmp/file_client_XXXXXX";
-  std::string dir = mkdtemp(tmpl);
+  check_small_objects(this->io_);
+  check_streamed_read_from_offset(this->io_);
+  EXPECT_TRUE(temporaries(this->pool_.pool_dir()).empty());
+}
+
+TEST(Fault_Client, TheThirdWriteOfAStreamFailsAndNothingIsPublished)
+{
+  Backupd_Pool pool;
+  std::string location;
+  Client_IO_Base::Options options;
+  ASSERT_TRUE(pool.start(location, options));
+  Client_IO_Fault::Faults faults;
+  faults.fail_write = 3;
+  faults.stall_write = 2;
+  faults.stall_for = std::chrono::milliseconds(50);
+  Fault_Factory factory(faults);
   Client_IO_Ex io;
-  ASSERT_TRUE(io.open("file://" + dir + "/pool", Client_IO_Base::Options())) << io.last_error();
-  check_small_objects(io);
-  check_streamed_read_from_offset(io);
-  EXPECT_TRUE(temporaries(dir + "/pool").empty());
-  std::string command = "rm -rf '" + dir + "'";
-  ASSERT_EQ(system(command.c_str()), 0);
+  ASSERT_TRUE(io.open(location, options)) << io.last_error();
+
+  ASSERT_TRUE(io.open_write("faulty/data.0", true));
+  std::vector<char> buf(1 * MiB);
+  Test_Data data(5);
+  int failed_at = 0;
+  for (int i = 1; i <= 5 && failed_at == 0; ++i)
+  {
+    data.fill(buf.data(), buf.size());
+    if (!io.write(buf.data(), buf.size()))
+      failed_at = i;
+  }
+  EXPECT_EQ(failed_at, 3);
+  EXPECT_EQ(io.status().kind, HOST_STATUS_TRANSIENT);
+  EXPECT_NE(io.last_error().find("write 3 failed"), std::string::npos) << io.last_error();
+  EXPECT_FALSE(io.close_write());
+  EXPECT_FALSE(io.last_error().empty());
+
+  std::vector<std::string> names;
+  ASSERT_TRUE(io.list("", names)) << io.last_error();
+  EXPECT_TRUE(names.empty());
+  uint64_t size = 0;
+  EXPECT_FALSE(io.size("faulty/data.0", size));
+  EXPECT_TRUE(temporaries(pool.pool_dir()).empty());
+
+  // The next stream is not counted from zero: writes go on failing only where armed.
+  EXPECT_TRUE(write_generated(io, "faulty/data.1", 6, 2 * MiB + 3));
+  EXPECT_TRUE(read_generated(io, "faulty/data.1", 6, 2 * MiB + 3));
+}
+
+TEST(Fault_Client, CutStreamsFailAtTheirByte)
+{
+  File_Pool pool;
+  std::string location;
+  Client_IO_Base::Options options;
+  ASSERT_TRUE(pool.start(location, options));
+  {
+    Client_IO_Ex plain;
+    ASSERT_TRUE(plain.open(location, options));
+    ASSERT_TRUE(write_generated(plain, "whole", 8, 1 * MiB));
+  }
+  Client_IO_Fault::Faults faults;
+  faults.cut_at = 300000;
+  faults.kind = HOST_STATUS_PERMANENT;
+  Fault_Factory factory(faults);
+  Client_IO_Ex io;
+  ASSERT_TRUE(io.open(location, options));
+
+  // A write crossing the cut passes the bytes before it, then fails.
+  EXPECT_FALSE(write_generated(io, "cut", 9, 1 * MiB));
+  EXPECT_EQ(io.status().kind, HOST_STATUS_PERMANENT);
+  uint64_t size = 0;
+  EXPECT_FALSE(io.size("cut", size));
+
+  // A read gets exactly the bytes before the cut.
+  ASSERT_TRUE(io.open_read("whole", 0));
+  std::vector<char> buf(64 * 1024);
+  uint64_t total = 0;
+  long long n;
+  while ((n = io.read(buf.data(), buf.size())) > 0)
+    total += static_cast<uint64_t>(n);
+  io.close_read();
+  EXPECT_EQ(n, -1);
+  EXPECT_EQ(total, 300000u);
+  EXPECT_NE(io.last_error().find("cut at byte 300000"), std::string::npos) << io.last_error();
 }
 
 TEST(File_Client, RefusesRelativeAndUnknownLocations)
@@ -175,14 +344,6 @@ TEST(File_Client, RefusesRelativeAndUnknownLocations)
   std::string text;
   EXPECT_FALSE(io.get_contents("x", text));
   EXPECT_EQ(io.last_error(), "storage client is not open");
-}
-
-TEST_F(Http_Client_Test, StoresReadsListsAndRemoves)
-{
-  Client_IO_Ex io;
-  ASSERT_TRUE(io.open(backupd_.pool_url("pool-a"), options())) << io.last_error();
-  check_small_objects(io);
-  check_streamed_read_from_offset(io);
 }
 
 TEST_F(Http_Client_Test, StreamsObjectsOfHundredsOfMegabytes)
