@@ -390,10 +390,15 @@ bool Client_IO_Http::list(const std::string& prefix, std::vector<std::string>& n
   names.clear();
   if (!session_)
     return fail("storage client is not open");
+  // backupd lists a whole pool: a location below the pool root ("/d2/storage/<pool>/host/job")
+  // lists from the root with the sub-path put in front of the prefix, and the names
+  // come back relative to the location again.
+  const std::string sub_path = pool_sub_path();
   std::string encoded;
-  http_encode_string(prefix, HTTP_ENCODE_SLASH, encoded);
+  http_encode_string(sub_path + prefix, HTTP_ENCODE_SLASH, encoded);
   HTTP_Response response;
-  if (!exchange(HTTP_METHOD_GET, base_path_ + "/", "list=1&prefix=" + encoded, response, "cannot list '" + prefix + "'"))
+  if (!exchange(HTTP_METHOD_GET, pool_root_path() + "/", "list=1&prefix=" + encoded, response,
+                "cannot list '" + prefix + "'"))
     return false;
   nlohmann::json answer = nlohmann::json::parse(response.body(), nullptr, false);
   if (!answer.is_object() || !answer.contains("objects") || !answer["objects"].is_array())
@@ -402,9 +407,31 @@ bool Client_IO_Http::list(const std::string& prefix, std::vector<std::string>& n
   {
     if (!object.is_object() || !object.contains("name") || !object["name"].is_string())
       return fail("unrecognized list answer");
-    names.push_back(object["name"].get<std::string>());
+    const std::string name = object["name"].get<std::string>();
+    if (name.compare(0, sub_path.size(), sub_path) != 0)
+      return fail("unrecognized list answer");
+    names.push_back(name.substr(sub_path.size()));
   }
   return true;
+}
+
+std::string Client_IO_Http::pool_root_path() const
+{
+  // "/d2/storage/<pool>" and whatever the location adds below it.
+  static const std::string storage = "/d2/storage/";
+  if (base_path_.compare(0, storage.size(), storage) != 0)
+    return base_path_;
+  const size_t end = base_path_.find('/', storage.size());
+  return end == std::string::npos ? base_path_ : base_path_.substr(0, end);
+}
+
+std::string Client_IO_Http::pool_sub_path() const
+{
+  const std::string root = pool_root_path();
+  std::string sub;
+  if (base_path_.size() <= root.size() || !http_decode_string(base_path_.substr(root.size() + 1), 0, sub))
+    return std::string();
+  return sub + "/";
 }
 
 bool Client_IO_Http::remove(const std::string& name)

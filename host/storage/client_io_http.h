@@ -46,6 +46,10 @@ private:
   // The client is open and `name` a valid object name; otherwise fails.
   bool ready(const std::string& name);
   std::string object_path(const std::string& name) const;
+  // The pool's own path ("/d2/storage/<pool>") and, decoded, the part of the location
+  // below it ("host/job/", or empty): listings are answered for whole pools.
+  std::string pool_root_path() const;
+  std::string pool_sub_path() const;
   void add_headers(HTTP_Request& request, bool no_overwrite, uint64_t range_from) const;
   Host_Status attempt(HTTP_Session& session, HTTP_Request& request, HTTP_Response& response) const;
   // Sends a request that is not a stream, retrying as the options say; a failure
