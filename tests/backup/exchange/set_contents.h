@@ -4,6 +4,7 @@
 // Reads a whole backup set back with the restore stream, into memory: every
 // file's path and bytes (each checked by the stream against its recorded hash).
 
+#include "backup/exchange/core/ews/io_options.h"
 #include "host/mtf/mtf_restore.h"
 #include "host/mtf/mtf_restore_callback.h"
 #include "host/mtf/mtf_restore_callback_factory.h"
@@ -34,6 +35,7 @@ public:
     restore.seq(rev);
     restore.restore_select(nlohmann::ordered_json::array({{{"dir", "/"}}}));
     restore.channel_num(1);
+    set_options_by_host(restore.extra_client_io_opts());
     return restore.restore() == 0 && restore.failed_count() == 0;
   }
 
