@@ -13,11 +13,15 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 class Set_Contents : public MTF::IRestore_Callback_Factory
 {
 public:
+  // Path -> bytes (the last file of that path when several share it).
   std::map<std::string, std::string> files;
+  // Path -> bytes of every file of that path (items of one name in one folder).
+  std::map<std::string, std::vector<std::string>> versions;
   std::mutex lock;
 
   MTF::IRestore_Callback_var make() override { return std::make_shared<Callback>(*this); }
@@ -44,23 +48,27 @@ private:
   {
   public:
     explicit Writer(Set_Contents& owner) : owner_(owner) {}
+    ~Writer() override
+    {
+      std::lock_guard<std::mutex> guard(owner_.lock);
+      owner_.files[path_] = bytes_;
+      owner_.versions[path_].push_back(bytes_);
+    }
     MTF::Error_Code open(const char* path, ACE_UINT64) override
     {
       path_ = path;
-      std::lock_guard<std::mutex> guard(owner_.lock);
-      owner_.files[path_].clear();
       return MTF::E_OK;
     }
     MTF::Error_Code write(const char* data, size_t size) override
     {
-      std::lock_guard<std::mutex> guard(owner_.lock);
-      owner_.files[path_].append(data, size);
+      bytes_.append(data, size);
       return MTF::E_OK;
     }
 
   private:
     Set_Contents& owner_;
     std::string path_;
+    std::string bytes_;
   };
 
   class Callback : public MTF::Restore_Callback_Base
