@@ -13,8 +13,11 @@
 
 namespace
 {
-// Both water marks: the lister waits once this many queue units are queued.
-const size_t queue_water_mark = 16384;
+// Both water marks, in the queue's units (each element counts as the size of
+// one EWS_Export_Args): the lister waits once 16384 batches are queued. A
+// folder's batches are all queued before its first item is read, so the queue
+// must hold those of very large folders; a batch holds ids only.
+const size_t queue_water_mark = 16384 * sizeof(EWS_Export_Args);
 }  // namespace
 
 EWS_Export_Task::EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ctx, Job* job)
@@ -105,6 +108,15 @@ bool EWS_Export_Task::putq(EWS_Export_Args* args)
     {
       LOG_MSG(LM_ERROR, "EWS export task has ended.\n");
       return false;
+    }
+    if (queue_.is_full())
+    {
+      // The export thread may be holding back for the budget while this
+      // lister, which must finish its folder before anything is read, waits
+      // for room in the queue: tell it to go on.
+      ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+      if (room_cond_)
+        room_cond_->broadcast();
     }
     ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
     if (queue_.enqueue_tail(args, &until) != -1)
@@ -270,7 +282,9 @@ bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Request
 bool EWS_Export_Task::wait_for_room()
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
-  while (cache_bytes_ > budget_)
+  // A full queue means a lister is blocked before its folder's items can be
+  // read; waiting then would never end, so the budget yields to it.
+  while (cache_bytes_ > budget_ && !queue_.is_full())
   {
     if (stop_)
       return false;
@@ -280,7 +294,7 @@ bool EWS_Export_Task::wait_for_room()
     guard.acquire();
     if (leave)
       return false;
-    if (cache_bytes_ <= budget_)
+    if (cache_bytes_ <= budget_ || queue_.is_full())
       break;
     ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
     if (room_cond_->wait(&until) == -1 && errno != ETIME)

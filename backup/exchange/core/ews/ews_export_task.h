@@ -35,7 +35,10 @@ typedef std::map<std::string, std::map<std::string, EWS_b64_Data>> Mailbox_Data_
 // Memory: the queue bounds how many batches wait; the cache is bounded by a
 // byte budget: before each export the thread waits while the cache holds more
 // than the budget (one batch may pass it), woken by reads, by a mailbox being
-// released, and by stop; cancellation is noticed within one 8-second wait. A
+// released, and by stop; cancellation is noticed within one 8-second wait. The
+// budget yields while the queue is full: a lister queues all batches of a folder
+// before its items are read, so a folder of more than 16384 batches passes the
+// budget by what does not fit the queue rather than stall the run. A
 // mailbox ended in the stream is released: its cached items are dropped and its
 // still-queued batches skipped, so items no reader will take never hold the
 // budget.

@@ -341,3 +341,37 @@ TEST(EwsBackupCallback, StreamBacksUpEveryItemAndWritesOneIndexPerMailbox)
   EXPECT_EQ(failed["anna%40x.test.1.idx"], std::vector<std::string>{"in-item-4"});
   EXPECT_TRUE(failed["bob%40x.test.1.idx"].empty());
 }
+
+TEST(EwsBackupCallback, FolderLargerThanTheQueueDoesNotStallUnderATinyBudget)
+{
+  // One id per batch: the folder's batches outnumber what the queue holds, and
+  // all of them are queued before its first item is read.
+  EWS_Params::set_batch_size(1);
+  EWS_Params::set_paging_size(1000);
+  Fake_Mailboxes boxes;
+  boxes.item_size = 10;
+  const int count = 16384 + 300;
+  boxes.mailboxes["big@x"] = {Fake_Mailboxes::folder("big", "Big", count)};
+  Callback_Run run(boxes, 1, 1);
+  run.ctx().export_cache_budget(1);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Backup_Callback callback = run.make_callback();
+  const std::string root = mailbox_to_path("big@x");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"big@x", root}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "Big").c_str(), out));
+  ASSERT_EQ(out.size(), static_cast<size_t>(count));
+  int read = 0;
+  for (const MTF::Directory_Entry& e : out)
+  {
+    EWS_File_Reader reader(run.ctx());
+    read += reader.open((root + "Big/" + e.name).c_str()) == MTF::E_OK;
+  }
+  EWS_Params::reset();
+  EXPECT_EQ(read, count);
+  EXPECT_EQ(run.ctx().task()->cache_bytes(), 0u);
+  // Only what did not fit the queue passed the budget.
+  EXPECT_LE(run.ctx().task()->peak_cache_bytes(), 10u * (count - 16384 + 1));
+}
