@@ -18,6 +18,11 @@ bool Agent_Options::parse(int argc, char** argv, std::string& error)
       (arg == "--config" ? config_path : module_path) = argv[++i];
     else if (arg == "--verbose" || arg == "-v")
       verbose = true;
+    else if (arg == "--help" || arg == "-h")
+    {
+      help = true;
+      return true;
+    }
     else
     {
       error = "unknown option " + arg.substr(0, arg.find('='));  // a value after '=' may be a secret
@@ -37,9 +42,12 @@ bool Agent_Options::parse(int argc, char** argv, std::string& error)
 const char* Agent_Options::usage()
 {
   return "usage: backup-agent [--config FILE] [--module PATH] [--verbose] COMMAND [ARGS...]\n"
+         "       backup-agent --help | COMMAND --help\n"
          "commands:\n"
          "  check-job FILE   read a job definition through the module and print what it understood\n"
          "  run-job FILE     run a backup or restore job definition and wait for its outcome\n"
+         "  backup --tenant UUID --mailbox ADDRESS... --pool UUID [--channels N] [--compression none|zstd] [--json]\n"
+         "                   back up mailboxes of a registered tenant (backup-agent backup --help)\n"
          "  tenant add|list|remove|test\n"
          "                   manage the Office 365 tenant registrations (backup-agent tenant for details)\n";
 }

@@ -11,6 +11,7 @@ struct Agent_Options
   std::string config_path;
   std::string module_path;
   bool verbose = false;
+  bool help = false;  // --help before the command: print the usage, nothing else
   std::string command;
   std::vector<std::string> args;
 

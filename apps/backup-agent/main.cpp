@@ -3,6 +3,7 @@
 // registry the jobs take their credentials from.
 
 #include "apps/backup-agent/agent_options.h"
+#include "apps/backup-agent/backup_command.h"
 #include "apps/backup-agent/check_job_command.h"
 #include "apps/backup-agent/module_host.h"
 #include "apps/backup-agent/run_job_command.h"
@@ -55,6 +56,21 @@ void apply_configuration(const Agent_Config& config)
   Host_Manager::instance().init(backup_server);
 }
 
+int backup_command(const Agent_Options& options)
+{
+  Module_Host module;
+  // --help needs no module.
+  for (const std::string& arg : options.args)
+    if (arg == "--help" || arg == "-h")
+      return Backup_Command(module).run(options.args, std::cout, std::cerr);
+  if (!module.load(options.module_path))
+  {
+    std::cerr << "backup-agent: " << module.error() << "\n";
+    return 1;
+  }
+  return Backup_Command(module).run(options.args, std::cout, std::cerr);
+}
+
 int run_job_command(const Agent_Options& options)
 {
   if (options.args.size() != 1)
@@ -83,6 +99,11 @@ int main(int argc, char** argv)
     std::cerr << "backup-agent: " << error << "\n" << Agent_Options::usage();
     return 64;
   }
+  if (options.help)
+  {
+    std::cout << Agent_Options::usage();
+    return 0;
+  }
   set_up_logging(options.verbose);
   if (!options.config_path.empty() && !Agent_Config::instance().load_file(options.config_path, error))
   {
@@ -101,6 +122,8 @@ int main(int argc, char** argv)
 
   if (options.command == "check-job" || options.command == "run-job")
     return run_job_command(options);
+  if (options.command == "backup")
+    return backup_command(options);
   if (options.command == "tenant")
     return Tenant_Command(Office365_Tenant_Registry::default_path(), std::cout, std::cerr).run(options.args);
   std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();

@@ -119,10 +119,10 @@ TEST_F(BackupAgent, RunJobReportsTheOutcomeAndKeepsAJobLog)
   const std::string config = write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"log_file\": \"" +
                                                      dir_ + "/agent.log\"}");
   Outcome run = agent("--config " + config + " run-job " EXAMPLES_DIR "/backup-job.json");
-  // The mailbox engine is not in this build: the job must fail and say why.
+  // The tenant of the job is not registered: the job must fail and say why.
   EXPECT_EQ(run.status, 2) << run.out;
   EXPECT_TRUE(has(run, "job demo-backup failed"));
-  EXPECT_TRUE(has(run, "message: The EWS backup engine is not available in this build; 2 mailbox(es)"));
+  EXPECT_TRUE(has(run, "message: Failed to get Office365 auth entry 4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f."));
 
   std::ifstream log(dir_ + "/state/jobs/demo-backup.log");
   std::stringstream text;
@@ -132,7 +132,7 @@ TEST_F(BackupAgent, RunJobReportsTheOutcomeAndKeepsAJobLog)
   std::ifstream agent_log(dir_ + "/agent.log");
   std::stringstream agent_text;
   agent_text << agent_log.rdbuf();
-  EXPECT_NE(agent_text.str().find("The EWS backup engine is not available"), std::string::npos);
+  EXPECT_NE(agent_text.str().find("Failed to get Office365 auth entry"), std::string::npos);
   EXPECT_EQ(::access((dir_ + "/state/activities/6f1c2b7e-3d4a-4f5b-9c8d-1e2f3a4b5c6d.act").c_str(), F_OK), 0);
 }
 

@@ -1,0 +1,279 @@
+#include "apps/backup-agent/backup_command.h"
+
+#include "host/base/agent_config.h"
+#include "host/base/uuid.h"
+#include "host/catalog/exchange_backup_set.h"
+#include "host/catalog/read_catalogs.h"
+#include "host/ews/ews_folders_index.h"
+#include "host/http/http_encoding.h"
+#include "host/job/job.h"
+#include "host/storage/client_io_ex.h"
+#include "host/storage/pool_info.h"
+#include "host/storage/host_manager.h"
+#include "host/storage/http_head.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <unistd.h>
+
+namespace
+{
+std::atomic<bool> stop_requested(false);
+
+void request_stop(int) { stop_requested = true; }
+
+// Folders and items of an index tree.
+void count_tree(const EWS_Folders& folders, size_t& folder_count, size_t& item_count)
+{
+  for (const EWS_Folder& f : folders)
+  {
+    ++folder_count;
+    item_count += f.items.size();
+    count_tree(f.subfolders, folder_count, item_count);
+  }
+}
+}  // namespace
+
+const char* Backup_Command::usage()
+{
+  return "usage: backup-agent [--config FILE] backup --tenant UUID --mailbox ADDRESS [--mailbox ADDRESS...]\n"
+         "                    --pool UUID [--channels N] [--compression none|zstd] [--json]\n"
+         "Backs up the mailboxes of a registered tenant into a new backup set on the pool.\n"
+         "Exit status: 0 all backed up, 2 done with failed mailboxes or items, 1 failed,\n"
+         "130 cancelled (Ctrl-C).\n";
+}
+
+bool Backup_Command::parse(const std::vector<std::string>& args, Request& request, std::string& error)
+{
+  for (size_t i = 0; i < args.size(); ++i)
+  {
+    const std::string& arg = args[i];
+    const bool has_value = i + 1 < args.size();
+    if (arg == "--help" || arg == "-h")
+      request.help = true;
+    else if (arg == "--json")
+      request.json = true;
+    else if (arg == "--tenant" && has_value)
+      request.tenant = args[++i];
+    else if (arg == "--mailbox" && has_value)
+      request.mailboxes.push_back(args[++i]);
+    else if (arg == "--pool" && has_value)
+      request.pool = args[++i];
+    else if (arg == "--channels" && has_value)
+    {
+      const std::string& value = args[++i];
+      char* end = nullptr;
+      const long n = strtol(value.c_str(), &end, 10);
+      if (value.empty() || *end != '\0' || n < 1 || n > 64)
+      {
+        error = "--channels takes a number from 1 to 64";
+        return false;
+      }
+      request.channels = static_cast<int>(n);
+    }
+    else if (arg == "--compression" && has_value)
+    {
+      request.compression = args[++i];
+      if (request.compression != "none" && request.compression != "zstd")
+      {
+        error = "--compression takes none or zstd";
+        return false;
+      }
+    }
+    else
+    {
+      error = "unknown or incomplete option " + arg;
+      return false;
+    }
+  }
+  if (request.help)
+    return true;
+  if (request.tenant.empty() || request.pool.empty() || request.mailboxes.empty())
+  {
+    error = "--tenant, --pool and at least one --mailbox are required";
+    return false;
+  }
+  return true;
+}
+
+std::string Backup_Command::definition(const Request& request, const std::string& host_id)
+{
+  nlohmann::ordered_json entries = nlohmann::ordered_json::array();
+  for (const std::string& mailbox : request.mailboxes)
+  {
+    std::string tenant, encoded;
+    http_encode_string(request.tenant, HTTP_ENCODE_SLASH, tenant);
+    http_encode_string(mailbox, HTTP_ENCODE_SLASH, encoded);
+    entries.push_back("exchange://" + tenant + "/" + encoded);
+  }
+  nlohmann::ordered_json def = {
+      {"type", "backup"},
+      {"uid", uuid_generate_string()},
+      {"id", "backup-" + request.tenant},
+      {"name", "backup of tenant " + request.tenant},
+      {"host_id", host_id},
+      {"module", "exchange"},
+      {"schedule", {{"type", "ondemand"}}},
+      {"target", {{"id", request.pool}}},
+      {"options",
+       {{"method", "ews"}, {"is_office365", true}, {"channels", request.channels}, {"compression", request.compression}}},
+      {"source", {{"id", request.tenant}, {"name", request.tenant}, {"entries", entries}}}};
+  return def.dump();
+}
+
+int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+{
+  Request request;
+  std::string error;
+  if (!parse(args, request, error))
+  {
+    err << "backup-agent backup: " << error << "\n" << usage();
+    return 64;
+  }
+  if (request.help)
+  {
+    out << usage();
+    return 0;
+  }
+  Job_Definition_var def;
+  Job_Definition_Reader reader(module_.parser_creators());
+  if (!reader.read_text(definition(request, Agent_Config::instance().host_id()), def))
+  {
+    err << "error: the backup definition was refused: " << reader.error() << "\n";
+    return 1;
+  }
+  Job_var job = module_.job_creator().create(def);
+  if (job.get() == nullptr)
+  {
+    err << "error: the module made no backup job\n";
+    return 1;
+  }
+  stop_requested = false;
+  std::signal(SIGINT, request_stop);
+  std::signal(SIGTERM, request_stop);
+  const auto started = std::chrono::steady_clock::now();
+  if (job->start(nullptr) != 0)
+  {
+    err << "error: the backup could not be started\n";
+    return 1;
+  }
+  const int cancelled = wait(*job, err);
+  const long seconds =
+      static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
+  const Job_Activity& act = job->activity();
+  if (cancelled != 0)
+  {
+    err << "backup cancelled; no backup set was recorded\n";
+    return 130;
+  }
+  if (act.result != JOB_RESULT_SUCCESS)
+  {
+    err << "backup failed" << (act.message[0] ? std::string(": ") + act.message : std::string()) << "\n";
+    if (!job->log_path().empty())
+      err << "job log: " << job->log_path() << "\n";
+    return 1;
+  }
+  nlohmann::ordered_json summary;
+  if (!summarize(request, *job, seconds, summary))
+  {
+    err << "error: the backup ran but its set could not be read back for the summary\n";
+    return 1;
+  }
+  const bool complete = summary["failed_mailboxes"].empty() && summary["failed_items"].empty();
+  if (request.json)
+    out << summary.dump() << "\n";
+  else
+  {
+    out << "backup set " << summary["set_uuid"].get<std::string>() << " (revision " << summary["rev"] << ")\n"
+        << "mailboxes: " << summary["mailboxes"] << ", folders: " << summary["folders"]
+        << ", items: " << summary["items"] << "\n"
+        << "bytes: " << summary["bytes"] << ", stored: " << summary["bytes_stored"]
+        << ", duration: " << summary["duration_seconds"] << " s\n";
+    for (const auto& mailbox : summary["failed_mailboxes"])
+      out << "failed mailbox: " << mailbox.get<std::string>() << "\n";
+    for (const auto& item : summary["failed_items"])
+      out << "failed item: " << item["mailbox"].get<std::string>() << " " << item["id"].get<std::string>()
+          << ": export failed\n";
+  }
+  return complete ? 0 : 2;
+}
+
+int Backup_Command::wait(Job& job, std::ostream& err)
+{
+  const bool terminal = isatty(2) != 0;
+  int shown = -1;
+  bool stopping = false;
+  while (!job.wait(200))
+  {
+    const int progress = job.activity().progress;
+    if (progress != shown)
+    {
+      shown = progress;
+      err << (terminal ? "\r" : "") << "progress: " << shown << "%" << (terminal ? "" : "\n") << std::flush;
+    }
+    if (stop_requested && !stopping)
+    {
+      err << (terminal ? "\n" : "") << "cancelling the backup\n";
+      job.stop(nullptr);
+      stopping = true;
+    }
+  }
+  if (terminal && shown >= 0)
+    err << "\n";
+  return job.activity().result == JOB_RESULT_CANCELED || stopping ? 1 : 0;
+}
+
+bool Backup_Command::summarize(const Request& request, const Job& job, long seconds, nlohmann::ordered_json& summary)
+{
+  std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=";
+  std::string id;
+  http_encode_string(job.definition().id(), HTTP_ENCODE_SLASH, id);
+  query += id + "&sort=rev&order=desc&limit=1";
+  nlohmann::ordered_json result;
+  Exchange_Backup_Set record;
+  std::string error;
+  if (!read_catalogs(query.c_str(), result, -1, 30) || !result.contains("rows") || !result["rows"].is_array() ||
+      result["rows"].empty() || !record.from_json(result["rows"][0], error))
+    return false;
+
+  Pool_Info pool;
+  Client_IO_Base::Options options;
+  Client_IO_Ex io;
+  if (!get_pool_info(record.pool_uuid, nullptr, pool, POOL_ACCESS_READ, 30, nullptr) ||
+      !set_options_by_pool(options, pool))
+    return false;
+  const std::string key = Host_Manager::instance().effective_access_key();
+  if (const char* header = http_head_string(HTTP_HEAD_ACCESS_KEY, 0, key))
+    options.set_extra_option(header, key);
+  if (!io.open(pool.url + "/" + record.uri, options))
+    return false;
+  size_t folders = 0, items = 0;
+  nlohmann::ordered_json failed_items = nlohmann::ordered_json::array();
+  for (const std::string& name : record.index_files)
+  {
+    std::string text;
+    EWS_Folders tree;
+    std::vector<std::string> failed;
+    if (!io.get_contents(name, text) || !load_ews_folders(text, tree, failed, error))
+      return false;
+    count_tree(tree, folders, items);
+    const std::string mailbox = name.substr(0, name.rfind('.', name.size() - 5));
+    std::string decoded;
+    http_decode_string(mailbox, 0, decoded);
+    for (const std::string& id_failed : failed)
+      failed_items.push_back({{"mailbox", decoded}, {"id", id_failed}});
+  }
+  summary = {{"set_uuid", record.uuid},
+             {"rev", record.rev},
+             {"mailboxes", request.mailboxes.size()},
+             {"folders", folders},
+             {"items", items},
+             {"bytes", record.size},
+             {"bytes_stored", record.set_storage_size},
+             {"duration_seconds", seconds},
+             {"failed_mailboxes", record.failed_mailboxes},
+             {"failed_items", failed_items}};
+  return true;
+}

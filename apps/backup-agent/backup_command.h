@@ -1,0 +1,57 @@
+#ifndef APPS_BACKUP_AGENT_BACKUP_COMMAND_H
+#define APPS_BACKUP_AGENT_BACKUP_COMMAND_H
+
+#include "apps/backup-agent/module_host.h"
+
+#include <nlohmann/json.hpp>
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+class Job;
+
+// `backup --tenant UUID --mailbox ADDRESS... --pool UUID [--channels N]
+// [--compression none|zstd] [--json]`: builds a backup job definition of those
+// mailboxes (docs/job-definition.md), reads it through the module's parsers and
+// runs it through the module's job creator, as `run-job` runs a file. Shows one
+// progress line per change (rewritten in place on a terminal), then a summary
+// of the set: its uuid, mailboxes, folders, items, bytes stored, duration, and
+// every failed mailbox and failed item (from the set's record and its mailbox
+// indexes); with --json the summary is one JSON object on standard output.
+// Exit status 0 when everything was backed up, 2 when the set was written with
+// failed mailboxes or items, 1 when the backup failed, 130 when Ctrl-C (or
+// SIGTERM) cancelled it (no record is posted then), 64 for a bad invocation.
+class Backup_Command
+{
+public:
+  explicit Backup_Command(Module_Host& module) : module_(module) {}
+
+  int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+  static const char* usage();
+
+  struct Request
+  {
+    std::string tenant;
+    std::vector<std::string> mailboxes;
+    std::string pool;
+    int channels = 4;
+    std::string compression = "zstd";
+    bool json = false;
+    bool help = false;
+  };
+  // False with `error` for an invalid invocation.
+  static bool parse(const std::vector<std::string>& args, Request& request, std::string& error);
+  // The job definition text of a request; the job id is "backup-<tenant>", so
+  // that the sets of one tenant are numbered one after the other.
+  static std::string definition(const Request& request, const std::string& host_id);
+
+private:
+  int wait(Job& job, std::ostream& err);
+  bool summarize(const Request& request, const Job& job, long seconds, nlohmann::ordered_json& summary);
+
+  Module_Host& module_;
+};
+
+#endif

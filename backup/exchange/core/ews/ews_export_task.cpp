@@ -1,0 +1,362 @@
+#include "backup/exchange/core/ews/ews_export_task.h"
+
+#include "host/base/log.h"
+#include "host/ews/ews_client.h"
+
+#include <ace/Guard_T.h>
+#include <ace/OS_NS_sys_time.h>
+#include <ace/OS_NS_Thread.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+
+namespace
+{
+// Both water marks, in the queue's units (each element counts as the size of
+// one EWS_Export_Args): the lister waits once 16384 batches are queued. A
+// folder's batches are all queued before its first item is read, so the queue
+// must hold those of very large folders; a batch holds ids only.
+const size_t queue_water_mark = 16384 * sizeof(EWS_Export_Args);
+}  // namespace
+
+EWS_Export_Task::EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ctx, Job* job)
+  : ctx_(ctx),
+    queue_(queue_water_mark, queue_water_mark),
+    thread_(job, ACE_DEFAULT_THREAD_PRIORITY),
+    stop_(false),
+    timeout_(8),
+    budget_(UINT64_MAX),
+    cache_bytes_(0),
+    peak_cache_bytes_(0)
+{
+}
+
+EWS_Export_Task::~EWS_Export_Task()
+{
+  stop();
+}
+
+bool EWS_Export_Task::start()
+{
+  if (!cache_cond_)
+  {
+    cache_cond_.reset(new (std::nothrow) ACE_Condition_Thread_Mutex(cache_lock_));
+    room_cond_.reset(new (std::nothrow) ACE_Condition_Thread_Mutex(cache_lock_));
+    if (!cache_cond_ || !room_cond_)
+    {
+      cache_cond_.reset();
+      room_cond_.reset();
+      errno = ENOMEM;
+      return false;
+    }
+  }
+  thread_.spawn(&EWS_Export_Task::svc, this);
+  thread_.set_name("EWSExport");
+  return true;
+}
+
+bool EWS_Export_Task::stop()
+{
+  stop_ = true;
+  if (room_cond_)
+  {
+    ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+    room_cond_->broadcast();
+  }
+  // Wakes a thread waiting for the next batch; it sees stop_ and leaves.
+  queue_.pulse();
+  if (thread_.exists() && ACE_OS::thr_equal(ACE_OS::thr_self(), thread_.tid()))
+  {
+    // Never join from the thread itself; its helper forgets it instead.
+    LOG_MSG(LM_DEBUG, "EWS export task stopped from its own thread.\n");
+    thread_.release();
+  }
+  else
+    thread_.join();
+
+  for (;;)
+  {
+    EWS_Export_Args* args = nullptr;
+    ACE_Time_Value now(ACE_Time_Value::zero);
+    if (queue_.is_empty())
+      break;
+    if (queue_.dequeue_head(args, &now) == -1)
+    {
+      if (errno == EINTR)
+        continue;
+      break;
+    }
+    if (args == nullptr)
+      break;
+    delete args;
+  }
+  return true;
+}
+
+bool EWS_Export_Task::context_gone_or_cancelling()
+{
+  boost::shared_ptr<EWS_Backup_Context> ctx = ctx_.lock();
+  return !ctx || ctx->is_cancelling();
+}
+
+bool EWS_Export_Task::putq(EWS_Export_Args* args)
+{
+  for (;;)
+  {
+    if (!thread_.running())
+    {
+      LOG_MSG(LM_ERROR, "EWS export task has ended.\n");
+      return false;
+    }
+    if (queue_.is_full())
+    {
+      // The export thread may be holding back for the budget while this
+      // lister, which must finish its folder before anything is read, waits
+      // for room in the queue: tell it to go on.
+      ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+      if (room_cond_)
+        room_cond_->broadcast();
+    }
+    ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
+    if (queue_.enqueue_tail(args, &until) != -1)
+      return true;
+    if (errno != EAGAIN && errno != EWOULDBLOCK)
+    {
+      LOG_MSG(LM_ERROR, "Failed to put to EWS export task queue, errno=%d.\n", errno);
+      return false;
+    }
+    if (context_gone_or_cancelling())
+    {
+      LOG_MSG(LM_ERROR, "EWS export task has canceled.");
+      return false;
+    }
+  }
+}
+
+bool EWS_Export_Task::get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data)
+{
+  std::map<std::string, EWS_b64_Data>& items = cache_[mailbox];
+  std::map<std::string, EWS_b64_Data>::iterator it = items.find(id);
+  if (it == items.end())
+    return false;
+  data = it->second;
+  if (data.ptr)
+  {
+    cache_bytes_ -= static_cast<uint64_t>(data.size);
+    room_cond_->broadcast();
+  }
+  items.erase(it);
+  return true;
+}
+
+bool EWS_Export_Task::get_item(const std::string& mailbox, const std::string& id, EWS_b64_Data& data)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  if (!guard.locked() || !cache_cond_)
+    return false;
+  for (;;)
+  {
+    if (get_item_i(mailbox, id, data))
+      return data.ptr != nullptr;
+    if (!thread_.running())
+      return false;
+    ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
+    if (cache_cond_->wait(&until) == -1 && errno != ETIME)
+    {
+      LOG_MSG(LM_ERROR, "Failed to wait for EWS exporting, errno=%d, %m\n", errno);
+      return false;
+    }
+  }
+}
+
+bool EWS_Export_Task::get_failed_items(std::vector<std::string>& out)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  if (!guard.locked())
+    return false;
+  std::vector<std::string> all;
+  all.reserve(failed_items_.size());
+  for (const auto& failed : failed_items_)
+    all.push_back(failed.second);
+  failed_items_.clear();
+  out.swap(all);
+  return true;
+}
+
+bool EWS_Export_Task::get_failed_items(const std::string& mailbox, std::vector<std::string>& out)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  if (!guard.locked())
+    return false;
+  // Channels end different mailboxes at the same time: each index gets only
+  // the failures of its own mailbox.
+  std::vector<std::string> mine;
+  std::vector<std::pair<std::string, std::string>> others;
+  for (auto& failed : failed_items_)
+  {
+    if (failed.first == mailbox)
+      mine.push_back(std::move(failed.second));
+    else
+      others.push_back(std::move(failed));
+  }
+  failed_items_.swap(others);
+  out.swap(mine);
+  return true;
+}
+
+void EWS_Export_Task::open_mailbox(const std::string& mailbox)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  released_.erase(mailbox);
+}
+
+void EWS_Export_Task::release_mailbox(const std::string& mailbox)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  released_.insert(mailbox);
+  Mailbox_Data_Map::iterator it = cache_.find(mailbox);
+  if (it != cache_.end())
+  {
+    for (const auto& item : it->second)
+      if (item.second.ptr)
+        cache_bytes_ -= static_cast<uint64_t>(item.second.size);
+    cache_.erase(it);
+  }
+  failed_items_.erase(std::remove_if(failed_items_.begin(), failed_items_.end(),
+                                     [&](const std::pair<std::string, std::string>& f) { return f.first == mailbox; }),
+                      failed_items_.end());
+  if (room_cond_)
+    room_cond_->broadcast();
+}
+
+bool EWS_Export_Task::is_released(const std::string& mailbox)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return released_.count(mailbox) != 0;
+}
+
+uint64_t EWS_Export_Task::cache_bytes() const
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return cache_bytes_;
+}
+
+uint64_t EWS_Export_Task::peak_cache_bytes() const
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return peak_cache_bytes_;
+}
+
+bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Requests& requests)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  if (!guard.locked())
+    return false;
+  // Ended while this batch was being exported: nobody will read it.
+  if (released_.count(mailbox) == 0)
+  {
+    std::map<std::string, EWS_b64_Data>& items = cache_[mailbox];
+    failed_items_.reserve(failed_items_.size() + requests.size());
+    for (EWS_Export_Request& request : requests)
+    {
+      EWS_b64_Data& slot = items[request.id];
+      if (slot.ptr)
+        cache_bytes_ -= static_cast<uint64_t>(slot.size);
+      slot = request.data;
+      if (slot.ptr)
+        cache_bytes_ += static_cast<uint64_t>(slot.size);
+      else
+        failed_items_.push_back(std::make_pair(mailbox, request.id));
+    }
+    peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
+  }
+  if (cache_cond_->broadcast() == -1)
+  {
+    LOG_MSG(LM_ERROR, "Failed to broadcast after exporting EWS item, errno=%d, %m\n", errno);
+    return false;
+  }
+  return true;
+}
+
+bool EWS_Export_Task::wait_for_room()
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  // A full queue means a lister is blocked before its folder's items can be
+  // read; waiting then would never end, so the budget yields to it.
+  while (cache_bytes_ > budget_ && !queue_.is_full())
+  {
+    if (stop_)
+      return false;
+    // Checked without holding the context across the wait.
+    guard.release();
+    const bool leave = context_gone_or_cancelling();
+    guard.acquire();
+    if (leave)
+      return false;
+    if (cache_bytes_ <= budget_ || queue_.is_full())
+      break;
+    ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
+    if (room_cond_->wait(&until) == -1 && errno != ETIME)
+    {
+      LOG_MSG(LM_ERROR, "Failed to wait for room in the EWS export cache, errno=%d, %m\n", errno);
+      return false;
+    }
+  }
+  return true;
+}
+
+void EWS_Export_Task::svc()
+{
+  LOG_MSG(LM_DEBUG, "Exchange EWS items export task is starting.\n");
+  EWS_Client_Ptr ews;
+  for (;;)
+  {
+    if (stop_)
+      break;
+    if (context_gone_or_cancelling())
+      break;
+    EWS_Export_Args* raw = nullptr;
+    ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
+    if (queue_.dequeue_head(raw, &until) == -1)
+    {
+      if (errno == EAGAIN || errno == EWOULDBLOCK)
+        continue;
+      // stop() pulses the queue to wake this wait.
+      if (stop_)
+        break;
+      LOG_MSG(LM_ERROR, "Failed to get EWS export requests from queue.\n");
+      break;
+    }
+    std::unique_ptr<EWS_Export_Args> args(raw);
+    if (!ews)
+    {
+      // The client is made for the first element, even the end marker.
+      boost::shared_ptr<EWS_Backup_Context> ctx = ctx_.lock();
+      if (!ctx || !ctx->make_client(ews))
+        break;
+    }
+    if (!args || args->mailbox.empty())
+      break;
+    if (is_released(args->mailbox))
+      continue;
+    if (!wait_for_room())
+      break;
+    // The mailbox may have ended while this batch waited for room.
+    if (is_released(args->mailbox))
+      continue;
+
+    EWS_Export_Requests requests(args->item_ids.size());
+    for (size_t i = 0; i < args->item_ids.size(); ++i)
+      requests[i].id = std::move(args->item_ids[i]);
+    ews->impersonate(args->mailbox);
+    if (!ews->export_items(requests))
+      LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", args->mailbox.c_str());
+    if (!cache_items(args->mailbox, requests))
+    {
+      LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", args->mailbox.c_str());
+      break;
+    }
+  }
+  LOG_MSG(LM_DEBUG, "Exchange EWS items export task ended.\n");
+}

@@ -1,0 +1,115 @@
+#ifndef BACKUP_EXCHANGE_CORE_EWS_EWS_EXPORT_TASK_H
+#define BACKUP_EXCHANGE_CORE_EWS_EWS_EXPORT_TASK_H
+
+#include "backup/exchange/core/ews/ews_backup_context.h"
+#include "backup/exchange/core/ews/job_thread_helper.h"
+#include "host/ews/ews_export_request.h"
+
+#include <ace/Condition_Thread_Mutex.h>
+#include <ace/Message_Queue_T.h>
+#include <ace/Synch_Traits.h>
+#include <ace/Thread_Mutex.h>
+#include <ace/Time_Value.h>
+#include <boost/weak_ptr.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+// Mailbox -> item id -> exported contents not yet read.
+typedef std::map<std::string, std::map<std::string, EWS_b64_Data>> Mailbox_Data_Map;
+
+// Fetches item contents ahead of the backup stream on one thread, "EWSExport".
+//
+// The listers queue batches of item ids (putq); the thread exports each batch
+// with its own EWS client and parks the contents in a cache; readers take one
+// item each (get_item), waiting on a condition until it has come. Items that
+// EWS could not export are cached without data, so their reader learns at once,
+// and are gathered as failed items of their mailbox.
+//
+// Memory: the queue bounds how many batches wait; the cache is bounded by a
+// byte budget: before each export the thread waits while the cache holds more
+// than the budget (one batch may pass it), woken by reads, by a mailbox being
+// released, and by stop; cancellation is noticed within one 8-second wait. The
+// budget yields while the queue is full: a lister queues all batches of a folder
+// before its items are read, so a folder of more than 16384 batches passes the
+// budget by what does not fit the queue rather than stall the run. A
+// mailbox ended in the stream is released: its cached items are dropped and its
+// still-queued batches skipped, so items no reader will take never hold the
+// budget.
+//
+// Owned by the backup context (shared pointer); it reaches the context only
+// through a weak pointer. putq, get_item, get_failed_items, open_mailbox and
+// release_mailbox may be called from any thread; start and stop from the
+// owner's. The destructor stops the thread.
+class EWS_Export_Task
+{
+public:
+  typedef ACE_Message_Queue_Ex<EWS_Export_Args, ACE_MT_SYNCH> Queue;
+
+  EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ctx, Job* job);
+  ~EWS_Export_Task();
+  EWS_Export_Task(const EWS_Export_Task&) = delete;
+  EWS_Export_Task& operator=(const EWS_Export_Task&) = delete;
+
+  // Starts the export thread. False (errno ENOMEM) when its condition cannot be made.
+  bool start();
+  // Stops and joins the thread, then frees every element still queued. Always true.
+  bool stop();
+  // Queues a batch or the end marker; on success the queue owns `args`, on
+  // failure the caller keeps it. Waits in 8-second steps while the queue is
+  // full, giving up when the job is being cancelled or the thread has ended.
+  bool putq(EWS_Export_Args* args);
+  // Takes item `id` of `mailbox` out of the cache, waiting for it as long as the
+  // thread runs. False when it was exported without data, when the thread ended
+  // without it, or when the wait failed.
+  bool get_item(const std::string& mailbox, const std::string& id, EWS_b64_Data& data);
+  // Takes every failed item gathered so far (`out` is swapped with them).
+  bool get_failed_items(std::vector<std::string>& out);
+  // Takes the failed items of one mailbox, in the order met.
+  bool get_failed_items(const std::string& mailbox, std::vector<std::string>& out);
+  // A mailbox begins (again): its batches are exported.
+  void open_mailbox(const std::string& mailbox);
+  // A mailbox has ended: its cached contents are dropped, its queued batches
+  // skipped from now on, and its failed items forgotten.
+  void release_mailbox(const std::string& mailbox);
+
+  void cache_budget(uint64_t bytes) { budget_ = bytes; }
+  // Bytes of exported contents waiting in the cache, and the most ever held.
+  uint64_t cache_bytes() const;
+  uint64_t peak_cache_bytes() const;
+  bool running() const { return thread_.running(); }
+
+private:
+  void svc();
+  bool get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data);
+  bool cache_items(const std::string& mailbox, EWS_Export_Requests& requests);
+  bool wait_for_room();
+  bool is_released(const std::string& mailbox);
+  bool context_gone_or_cancelling();
+
+  boost::weak_ptr<EWS_Backup_Context> ctx_;
+  Mailbox_Data_Map cache_;
+  mutable ACE_Thread_Mutex cache_lock_;
+  std::unique_ptr<ACE_Condition_Thread_Mutex> cache_cond_;
+  // Failed items as (mailbox, id), in the order met.
+  std::vector<std::pair<std::string, std::string>> failed_items_;
+  Queue queue_;
+  Job_Thread_Helper thread_;
+  std::atomic<bool> stop_;
+  const ACE_Time_Value timeout_;
+
+  // Byte budget (guarded by cache_lock_, signalled through room_cond_).
+  std::unique_ptr<ACE_Condition_Thread_Mutex> room_cond_;
+  uint64_t budget_;
+  uint64_t cache_bytes_;
+  uint64_t peak_cache_bytes_;
+  std::set<std::string> released_;
+};
+
+#endif

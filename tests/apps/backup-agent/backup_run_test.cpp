@@ -1,0 +1,251 @@
+// Backups end to end: backupd, exo-sim and the real agent (loading the real
+// module) on loopback. Every item of every backed-up mailbox must be in the set,
+// byte for byte what exo-sim exports for it, or named among the failed items of
+// its mailbox's index.
+
+#include <sys/stat.h>  // backupd_process.h uses chmod
+
+#include "apps/backup-agent/agent_process.h"
+#include "apps/backupd/backupd_process.h"
+#include "backup/exchange/core/ews/ews_mtf_utils.h"
+#include "backup/exchange/core/ews/ews_utils.h"
+#include "backup/exchange/core/ews/io_options.h"
+#include "backup/exchange/set_contents.h"
+#include "host/catalog/exchange_backup_set.h"
+#include "host/catalog/read_catalogs.h"
+#include "host/ews/ews_folders_index.h"
+#include "host/office365/office365_tenant_registry.h"
+#include "support/exo_sim_process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace
+{
+const char* const tenant_uuid = "4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f";
+
+class Backup_Run : public ::testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    ASSERT_TRUE(backupd_.add_pool("pool-1", "main"));
+    ASSERT_TRUE(backupd_.start());
+    backupd_.configure_host();
+    dir_ = backupd_.root();
+  }
+
+  std::string write(const std::string& name, const std::string& text)
+  {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  // Agent configuration and tenant registry for `sim`, and a job of `mailboxes`.
+  Agent_Outcome run_backup(const Exo_Sim_Process& sim, const std::vector<std::string>& mailboxes,
+                           const std::string& settings = "{}")
+  {
+    Office365_Tenant_Registry tenants(Office365_Tenant_Registry::file_in(dir_ + "/state"));
+    std::string error;
+    ::mkdir((dir_ + "/state").c_str(), 0700);
+    tenants.add(tenant_uuid, sim.entry());
+    EXPECT_TRUE(tenants.save(error)) << error;
+    const std::string config =
+        write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"host_id\": \"host-1\", \"backup_server\": "
+                            "{\"url\": \"" + backupd_.url() + "\", \"access_key\": \"" + Backupd_Process::key() +
+                            "\"}, \"settings\": " + settings + "}");
+    nlohmann::ordered_json job = {
+        {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
+        {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
+        {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+        {"source", {{"id", tenant_uuid}, {"entries", nlohmann::ordered_json::array()}}}};
+    for (const std::string& m : mailboxes)
+      job["source"]["entries"].push_back(std::string("exchange://") + tenant_uuid + "/" + m);
+    const std::string job_file = write("job.json", job.dump());
+    Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "run-job", job_file}, dir_, "run");
+    return agent.wait();
+  }
+
+  // The newest record of the job.
+  Exchange_Backup_Set newest_record()
+  {
+    nlohmann::ordered_json result;
+    Exchange_Backup_Set record;
+    std::string error;
+    EXPECT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e&sort=rev&order=desc",
+                              result, -1, 0));
+    EXPECT_FALSE(result["rows"].empty());
+    if (!result["rows"].empty())
+    {
+      EXPECT_TRUE(record.from_json(result["rows"][0], error)) << error;
+    }
+    return record;
+  }
+
+  // Walks a live mailbox and compares each item with the set; returns the
+  // number of items checked.
+  size_t check_mailbox(EWS_Client& ews, const std::string& mailbox, const Set_Contents& set,
+                       const std::set<std::string>& failed)
+  {
+    EXPECT_TRUE(ews.impersonate(mailbox));
+    size_t checked = 0;
+    std::vector<std::pair<std::string, std::string>> folders = {{mailbox_to_path(mailbox), ""}};
+    while (!folders.empty())
+    {
+      const auto folder = folders.back();
+      folders.pop_back();
+      EWS_Folders children;
+      EXPECT_TRUE(ews.list_folders(folder.second, children, true));
+      for (const EWS_Folder& child : children)
+        folders.emplace_back(join_path(folder.first, encode_name(child.display_name)), child.id);
+      if (folder.second.empty())
+        continue;
+      EWS_Items items;
+      EXPECT_TRUE(ews.list_items(folder.second, make_ews_item_appender(items), 0, 100000));
+      EWS_Export_Requests requests(items.size());
+      for (size_t i = 0; i < items.size(); ++i)
+        requests[i].id = items[i].id;
+      EXPECT_TRUE(ews.export_items(requests));
+      for (size_t i = 0; i < items.size(); ++i)
+      {
+        ++checked;
+        if (failed.count(items[i].id))
+          continue;
+        const std::string path = join_path(folder.first, encode_name(get_item_name(items[i])));
+        auto stored = set.versions.find(path);
+        if (stored == set.versions.end() || !requests[i].data.ptr)
+        {
+          ADD_FAILURE() << path << " is neither in the set nor failed";
+          continue;
+        }
+        const std::string exported(reinterpret_cast<const char*>(requests[i].data.ptr.get()), requests[i].data.size);
+        EXPECT_NE(std::find(stored->second.begin(), stored->second.end(), exported), stored->second.end())
+            << path << ": the set holds other bytes than exo-sim exports";
+      }
+    }
+    return checked;
+  }
+
+  // Every item of every mailbox of the record is in the set or failed; returns
+  // the failed items of all mailboxes.
+  size_t check_set(const Exo_Sim_Process& sim, const Exchange_Backup_Set& record, size_t& items)
+  {
+    Set_Contents set;
+    EXPECT_TRUE(set.read("pool-1", "host-1", "e2e", record.rev));
+    Client_IO_Ex io;
+    EXPECT_TRUE(create_io_channel("pool-1", record.uri, 1, io, 0));
+    EWS_Client_Ptr ews;
+    EXPECT_TRUE(create_ews_client("", Secure_String(),
+                                  std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
+                                  ews, ""));
+    size_t failed_total = 0;
+    items = 0;
+    for (const std::string& index : record.index_files)
+    {
+      std::string text, error;
+      EXPECT_TRUE(io.get_contents(index, text)) << index;
+      EWS_Folders folders;
+      std::vector<std::string> failed;
+      EXPECT_TRUE(load_ews_folders(text, folders, failed, error)) << error;
+      const std::string mailbox = index.substr(0, index.find(".idx"));
+      std::string decoded = decode_path(mailbox.substr(0, mailbox.rfind('.')));
+      failed_total += failed.size();
+      items += check_mailbox(*ews, decoded, set, std::set<std::string>(failed.begin(), failed.end()));
+    }
+    return failed_total;
+  }
+
+  Backupd_Process backupd_;
+  std::string dir_;
+};
+}  // namespace
+
+TEST_F(Backup_Run, EveryItemIsInTheSetAndAMissingMailboxFailsAlone)
+{
+  Exo_Sim_Process sim({"--profile", "tiny"});
+  const std::vector<std::string> mailboxes = {sim.mailbox("admin"), sim.mailbox("nobody"),
+                                              sim.mailbox("alice.archer")};
+  for (int rev = 1; rev <= 2; ++rev)
+  {
+    Agent_Outcome run = run_backup(sim, mailboxes);
+    ASSERT_EQ(run.status, 0) << run.out << run.err;
+    EXPECT_TRUE(run.says("job e2e succeeded"));
+    const Exchange_Backup_Set record = newest_record();
+    EXPECT_EQ(record.rev, rev);
+    EXPECT_EQ(record.failed_mailboxes, std::vector<std::string>{sim.mailbox("nobody")});
+    EXPECT_EQ(record.index_files.size(), 2u);
+    size_t items = 0;
+    EXPECT_EQ(check_set(sim, record, items), 0u);
+    EXPECT_GT(items, 10u);
+  }
+  std::ifstream alerts(dir_ + "/state/alerts.jsonl");
+  std::string line;
+  ASSERT_TRUE(std::getline(alerts, line));
+  EXPECT_NE(line.find("\"level\":5"), std::string::npos) << line;
+  EXPECT_NE(line.find(sim.mailbox("nobody")), std::string::npos) << line;
+}
+
+TEST_F(Backup_Run, FaultsLoseNoItem)
+{
+  Exo_Sim_Process sim({"--profile", "tiny", "--busy-backoff-ms", "20"});
+  sim.set_faults({{"busy_rate", 0.2}, {"ews_503_rate", 0.05}, {"drop_rate", 0.02}, {"fail_item_rate", 0.03}});
+  Agent_Outcome run = run_backup(sim, {sim.mailbox("admin"), sim.mailbox("alice.archer")},
+                                 "{\"ews\": {\"retry_base_delay_ms\": 10}}");
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  const nlohmann::json status = sim.status();
+  EXPECT_GT(status["faults"]["busy"].get<int>(), 0) << status.dump();
+  EXPECT_GT(status["faults"]["item_export"].get<int>(), 0) << status.dump();
+  sim.set_faults({{"busy_rate", 0}, {"ews_503_rate", 0}, {"drop_rate", 0}, {"fail_item_rate", 0}});
+  const Exchange_Backup_Set record = newest_record();
+  EXPECT_TRUE(record.failed_mailboxes.empty());
+  size_t items = 0;
+  EXPECT_GT(check_set(sim, record, items), 0u);
+  EXPECT_GT(items, 10u);
+}
+
+TEST_F(Backup_Run, BackupCommandRunsTheSameJobAndSummarizesTheSet)
+{
+  Exo_Sim_Process sim({"--profile", "tiny", "--fail-item-rate", "0.05"});
+  // The registry and configuration of a first run.
+  ASSERT_EQ(run_backup(sim, {sim.mailbox("admin")}).status, 0);
+  const std::string config = dir_ + "/agent.json";
+
+  Agent_Process help({"backup", "--help"}, dir_, "help");
+  Agent_Outcome shown = help.wait();
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_TRUE(shown.says("usage: backup-agent [--config FILE] backup --tenant UUID"));
+  Agent_Process top_help({"--help"}, dir_, "top-help");
+  EXPECT_EQ(top_help.wait().status, 0);
+  Agent_Process bad({"--module", EXCHANGE_MODULE_PATH, "backup", "--tenant", tenant_uuid}, dir_, "bad");
+  EXPECT_EQ(bad.wait().status, 64);
+
+  Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "backup", "--tenant", tenant_uuid,
+                       "--mailbox", sim.mailbox("alice.archer"), "--mailbox", sim.mailbox("nobody"), "--pool",
+                       "pool-1", "--channels", "2", "--json"},
+                      dir_, "backup");
+  Agent_Outcome run = agent.wait();
+  // A mailbox and some items failed: done, with failures.
+  ASSERT_EQ(run.status, 2) << run.out << run.err;
+  const nlohmann::json summary = nlohmann::json::parse(run.out);
+  EXPECT_EQ(summary["rev"], 1);
+  EXPECT_EQ(summary["mailboxes"], 2);
+  EXPECT_GT(summary["items"].get<int>(), 0);
+  EXPECT_GT(summary["folders"].get<int>(), 0);
+  EXPECT_EQ(summary["failed_mailboxes"], nlohmann::json::array({sim.mailbox("nobody")}));
+  ASSERT_FALSE(summary["failed_items"].empty());
+  EXPECT_EQ(summary["failed_items"][0]["mailbox"], sim.mailbox("alice.archer"));
+
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs((std::string("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=backup-") +
+                             tenant_uuid).c_str(),
+                            result, -1, 0));
+  ASSERT_EQ(result["rows"].size(), 1u);
+  EXPECT_EQ(result["rows"][0]["uuid"].get<std::string>(), summary["set_uuid"].get<std::string>());
+}

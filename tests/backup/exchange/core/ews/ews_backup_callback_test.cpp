@@ -1,0 +1,377 @@
+#include <sys/stat.h>  // backupd_process.h uses chmod
+
+#include "apps/backupd/backupd_process.h"
+#include "backup/exchange/core/ews/ews_backup_callback.h"
+#include "backup/exchange/core/ews/ews_backup_callback_factory.h"
+#include "backup/exchange/core/ews/ews_backup_context.h"
+#include "backup/exchange/core/ews/ews_export_task.h"
+#include "backup/exchange/core/ews/ews_file_reader.h"
+#include "backup/exchange/core/ews/ews_mtf_utils.h"
+#include "backup/exchange/core/ews/fake_mailboxes.h"
+#include "backup/exchange/core/ews/io_options.h"
+#include "backup/exchange/core/ews/paginator.h"
+#include "backup/exchange/set_contents.h"
+#include "host/ews/ews_folders_index.h"
+#include "host/ews/ews_params.h"
+#include "host/mtf/mtf_backup.h"
+#include "support/log_capture.h"
+#include "support/plain_job.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace
+{
+class Callback_Run
+{
+public:
+  Callback_Run(Fake_Mailboxes& boxes, size_t channels, int mailboxes) : job_(plain_definition())
+  {
+    ctx_.reset(new EWS_Backup_Context("svc", Secure_String("pw"), "pool-1", "host-1/nightly", 1, channels, nullptr,
+                                      job_.activity(), job_));
+    ctx_->client_maker(boxes.maker());
+    ctx_->mailbox_count_ = mailboxes;
+  }
+  ~Callback_Run() { ctx_->stop_export_task(); }
+
+  EWS_Backup_Context& ctx() { return *ctx_; }
+  Job& job() { return job_; }
+
+  EWS_Backup_Callback make_callback()
+  {
+    EWS_Client_Ptr client;
+    ctx_->make_client(client);
+    return EWS_Backup_Callback(client, *ctx_);
+  }
+
+private:
+  Plain_Job job_;
+  EWS_Backup_Context_Ptr ctx_;
+};
+
+std::vector<std::string> names(const std::list<MTF::Directory_Entry>& entries)
+{
+  std::vector<std::string> out;
+  for (const MTF::Directory_Entry& e : entries)
+    out.push_back(e.name + (S_ISDIR(e.stat.st_mode) ? "/" : ""));
+  return out;
+}
+
+// Two mailboxes with folders, paging edges and a name shared by a folder and an item.
+void fill(Fake_Mailboxes& boxes)
+{
+  Fake_Folder inbox = Fake_Mailboxes::folder("in", "Inbox", 7);
+  Fake_Folder clash = Fake_Mailboxes::folder("clash", "Inbox 0001", 2);
+  inbox.subfolders.push_back(clash);
+  inbox.subfolders.push_back(Fake_Mailboxes::folder("empty", "Empty/Dir", 0));
+  boxes.mailboxes["anna@x.test"] = {inbox, Fake_Mailboxes::folder("sent", "Sent Items", 8)};
+  boxes.mailboxes["bob@x.test"] = {Fake_Mailboxes::folder("arch", "Archive", 3)};
+  boxes.refused_items = {"in-item-4"};
+}
+
+struct Params_Guard
+{
+  Params_Guard()
+  {
+    EWS_Params::set_paging_size(4);
+    EWS_Params::set_batch_size(3);
+  }
+  ~Params_Guard() { EWS_Params::reset(); }
+};
+}  // namespace
+
+TEST(EwsBackupCallback, PaginatorPagesAndProgressNeverReachesHundred)
+{
+  std::vector<std::pair<int, int>> pages;
+  Paginator p(10, 4);
+  while (p.next())
+    pages.emplace_back(p.offset(), p.limit());
+  EXPECT_EQ(pages, (std::vector<std::pair<int, int>>{{0, 4}, {4, 4}, {8, 2}}));
+  EXPECT_FALSE(Paginator(0, 4).next());
+  Paginator unknown(2147483647, 1000000000);
+  int count = 0;
+  while (unknown.next())
+    ++count;
+  EXPECT_EQ(count, 3);
+
+  Fake_Mailboxes boxes;
+  fill(boxes);
+  boxes.mailboxes["carl@x.test"] = {};
+  Callback_Run run(boxes, 1, 3);
+  EWS_Backup_Callback callback = run.make_callback();
+  EXPECT_EQ(callback.max_file_count_percent(), 1);
+  std::vector<int> percents;
+  for (const char* m : {"anna@x.test", "bob@x.test", "carl@x.test"})
+  {
+    MTF::source_entry entry{m, mailbox_to_path(m)};
+    ASSERT_TRUE(callback.handle_source_entry_begin(entry));
+    percents.push_back(callback.max_file_count_percent());
+  }
+  EXPECT_EQ(percents, (std::vector<int>{33, 66, 99}));
+  run.ctx().mailbox_count_ = 0;
+  EXPECT_EQ(callback.max_file_count_percent(), 1);
+}
+
+TEST(EwsBackupCallback, ListsFoldersThenSortedItemsAndQueuesThemInThatOrder)
+{
+  Params_Guard params;
+  Fake_Mailboxes boxes;
+  fill(boxes);
+  Callback_Run run(boxes, 1, 1);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Backup_Callback callback = run.make_callback();
+  const std::string root = mailbox_to_path("anna@x.test");
+  MTF::Callback_Stat st;
+  // A directory path needs no lookup, even one never listed.
+  ASSERT_TRUE(callback.lstat((root + "Never/").c_str(), st));
+  EXPECT_TRUE(S_ISDIR(st.mode));
+
+  ASSERT_TRUE(callback.handle_source_entry_begin({"anna@x.test", root}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+  EXPECT_EQ(names(out), (std::vector<std::string>{"Inbox/", "Sent%20Items/"}));
+
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "Inbox").c_str(), out));
+  EXPECT_EQ(names(out), (std::vector<std::string>{"Inbox%200001/", "Empty%2fDir/", "Inbox%200000", "Inbox%200001",
+                                                  "Inbox%200002", "Inbox%200003", "Inbox%200004", "Inbox%200005",
+                                                  "Inbox%200006"}));
+  // The folder and the item of one name keep apart.
+  ASSERT_TRUE(callback.lstat((root + "Inbox/Inbox%200001").c_str(), st));
+  EXPECT_TRUE(S_ISREG(st.mode));
+  EXPECT_EQ(st.mtime, 1700000001u);
+  EXPECT_EQ(st.ctime, 1600000001u);
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "Inbox/Inbox%200001").c_str(), out));
+  EXPECT_EQ(names(out), (std::vector<std::string>{"Inbox%200001%200000", "Inbox%200001%200001"}));
+
+  // An empty folder queues nothing and keeps its (empty) item list.
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "Inbox/Empty%2fDir/").c_str(), out));
+  EXPECT_TRUE(out.empty());
+
+  // Eight items in pages of four: a third, empty page ends the listing.
+  const int finds_before = boxes.find_items_calls;
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "Sent%20Items").c_str(), out));
+  EXPECT_EQ(out.size(), 8u);
+  EXPECT_EQ(boxes.find_items_calls - finds_before, 3);
+
+  // Readers get each item's contents, in listing order, once.
+  for (const char* name : {"Inbox/Inbox%200000", "Inbox/Inbox%200006", "Sent%20Items/Sent%20Items%200007"})
+  {
+    EWS_File_Reader reader(run.ctx());
+    ASSERT_EQ(reader.open((root + name).c_str()), MTF::E_OK) << name;
+    MTF::File_Blk blk;
+    ACE_UINT64 space = 0;
+    ASSERT_TRUE(reader.handle_file_blk(blk, space));
+    EXPECT_EQ(blk.size(), 100u);
+    EXPECT_EQ(space, 512u);
+    MTF::Buffer buf;
+    ASSERT_EQ(reader.read(buf), MTF::E_OK);
+    EXPECT_EQ(reader.read(buf), MTF::E_FAILED);
+    EWS_File_Reader again(run.ctx());
+    EXPECT_EQ(again.open((root + name).c_str()), MTF::E_FAILED);
+  }
+  // Inbox 3 batches, its subfolder 1, Sent Items 3; the last one was read.
+  EXPECT_EQ(boxes.export_calls, 7);
+  Log_Capture log;
+  EWS_File_Reader refused(run.ctx());
+  EXPECT_EQ(refused.open((root + "Inbox/Inbox%200004").c_str()), MTF::E_SKIP);
+  EXPECT_TRUE(log.contains("Failed to get data of EWS item '" + root + "Inbox/Inbox%200004', skip"));
+
+  const EWS_Folders& tree = callback.root_folders();
+  ASSERT_EQ(tree.size(), 2u);
+  ASSERT_EQ(tree[0].items.size(), 7u);
+  EXPECT_EQ(tree[0].items.front().id, "in-item-0");
+  ASSERT_EQ(tree[0].subfolders.size(), 2u);
+  EXPECT_EQ(tree[0].subfolders[0].items.size(), 2u);
+  EXPECT_TRUE(tree[0].subfolders[1].items.empty());
+}
+
+TEST(EwsBackupCallback, ItemSizesRoundUpToBlocks)
+{
+  Fake_Mailboxes boxes;
+  Callback_Run run(boxes, 1, 1);
+  EWS_File_Reader fresh(run.ctx());
+  MTF::Buffer buf;
+  Log_Capture log;
+  EXPECT_EQ(fresh.read(buf), MTF::E_FAILED);
+  EXPECT_TRUE(log.contains("data_.ptr.get() is NULL"));
+  const std::pair<size_t, ACE_UINT64> sizes[] = {{0, 0}, {1, 512}, {512, 512}, {513, 1024}};
+  for (const auto& s : sizes)
+  {
+    boxes.item_size = s.first;
+    boxes.mailboxes["a@x"] = {Fake_Mailboxes::folder("f", "F", 1)};
+    Callback_Run one(boxes, 1, 1);
+    ASSERT_TRUE(one.ctx().activate_export_task(&one.job()));
+    EWS_Backup_Callback callback = one.make_callback();
+    const std::string root = mailbox_to_path("a@x");
+    ASSERT_TRUE(callback.handle_source_entry_begin({"a@x", root}));
+    std::list<MTF::Directory_Entry> out;
+    ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+    ASSERT_TRUE(callback.read_dirs((root + "F").c_str(), out));
+    EWS_File_Reader reader(one.ctx());
+    ASSERT_EQ(reader.open((root + "F/F%200000").c_str()), MTF::E_OK);
+    MTF::File_Blk blk(77);
+    ACE_UINT64 space = 1;
+    ASSERT_TRUE(reader.handle_file_blk(blk, space));
+    EXPECT_EQ(blk.size(), s.first);
+    EXPECT_EQ(space, s.second);
+  }
+}
+
+TEST(EwsBackupCallback, MailboxEndedHalfWayDoesNotStallTheRunUnderATinyBudget)
+{
+  Params_Guard params;
+  Fake_Mailboxes boxes;
+  fill(boxes);
+  Callback_Run run(boxes, 1, 2);
+  run.ctx().export_cache_budget(1);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Backup_Callback callback = run.make_callback();
+
+  // Anna's Inbox is listed (three batches queued), then her listing fails and
+  // the stream ends her mailbox without reading anything.
+  const std::string anna = mailbox_to_path("anna@x.test");
+  boxes.unlistable_folders = {"clash"};
+  ASSERT_TRUE(callback.handle_source_entry_begin({"anna@x.test", anna}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(anna.c_str(), out));
+  ASSERT_TRUE(callback.read_dirs((anna + "Inbox").c_str(), out));
+  Log_Capture log;
+  EXPECT_FALSE(callback.read_dirs((anna + "Inbox/Inbox%200001").c_str(), out));
+  EXPECT_TRUE(log.contains("Failed to list items of folder(" + anna + "Inbox/Inbox%200001) of 'anna@x.test'."));
+  ASSERT_TRUE(callback.handle_source_entry_end({"anna@x.test", anna}, false));
+  EXPECT_EQ(run.ctx().get_failed_mailboxes(), Mailboxes{"anna@x.test"});
+  EXPECT_TRUE(run.ctx().out_files_.empty());
+
+  // Bob's items all come, although anna's exported items were never read.
+  const std::string bob = mailbox_to_path("bob@x.test");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"bob@x.test", bob}));
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs(bob.c_str(), out));
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((bob + "Archive").c_str(), out));
+  ASSERT_EQ(out.size(), 3u);
+  for (const MTF::Directory_Entry& e : out)
+  {
+    EWS_File_Reader reader(run.ctx());
+    EXPECT_EQ(reader.open((bob + "Archive/" + e.name).c_str()), MTF::E_OK) << e.name;
+  }
+  EXPECT_EQ(run.ctx().task()->cache_bytes(), 0u);
+  EXPECT_TRUE(callback.handle_source_produce_end());
+}
+
+TEST(EwsBackupCallback, StreamBacksUpEveryItemAndWritesOneIndexPerMailbox)
+{
+  Params_Guard params;
+  Backupd_Process backupd;
+  ASSERT_TRUE(backupd.add_pool("pool-1", "main"));
+  ASSERT_TRUE(backupd.start());
+  backupd.configure_host();
+
+  Fake_Mailboxes boxes;
+  fill(boxes);
+  Callback_Run run(boxes, 2, 3);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Backup_Callback_Factory factory(run.ctx());
+  MTF_Metadata metadata;
+  metadata.set_agent("backup.exchange.linux-x86");
+  MTF::Event_Handler handler;
+  MTF_Backup stream(metadata, handler, nullptr);
+  stream.pool_uuid("pool-1");
+  stream.minor_resource_id("nightly");
+  stream.host_uuid("host-1");
+  stream.seq(0);
+  stream.channel_num(2);
+  set_options_by_host(stream.extra_client_io_opts());
+  stream.callback_factory(&factory);
+  for (const char* m : {"anna@x.test", "ghost@x.test", "bob@x.test"})
+    stream.add_source(mailbox_to_path(m), mailbox_to_path(m));
+  ASSERT_EQ(stream.backup(), 0);
+  run.ctx().stop_export_task();
+
+  EXPECT_EQ(run.ctx().get_failed_mailboxes(), Mailboxes{"ghost@x.test"});
+  std::vector<std::string> index_files = run.ctx().out_files_;
+  std::sort(index_files.begin(), index_files.end());
+  EXPECT_EQ(index_files, (std::vector<std::string>{"anna%40x.test.1.idx", "bob%40x.test.1.idx"}));
+  EXPECT_GT(run.ctx().out_size_, 0);
+
+  // Every item but the refused one is in the set, byte for byte.
+  Set_Contents set;
+  ASSERT_TRUE(set.read("pool-1", "host-1", "nightly", 1));
+  std::map<std::string, std::string> expected;
+  for (const auto& box : boxes.mailboxes)
+  {
+    std::vector<std::pair<std::string, const Fake_Folder*>> walk;
+    for (const Fake_Folder& f : box.second)
+      walk.emplace_back(mailbox_to_path(box.first) + encode_name(f.name), &f);
+    while (!walk.empty())
+    {
+      auto next = walk.back();
+      walk.pop_back();
+      for (const Fake_Item& item : next.second->items)
+        if (!boxes.refused_items.count(item.id))
+          expected[next.first + "/" + encode_name(item.subject)] = boxes.content(item.id);
+      for (const Fake_Folder& sub : next.second->subfolders)
+        walk.emplace_back(next.first + "/" + encode_name(sub.name), &sub);
+    }
+  }
+  EXPECT_EQ(set.files.size(), 19u);
+  EXPECT_EQ(set.files, expected);
+
+  // Each index holds the tree and its own mailbox's failed items.
+  Client_IO_Ex reader;
+  ASSERT_TRUE(create_io_channel("pool-1", "host-1/nightly", 1, reader, 0));
+  std::map<std::string, std::vector<std::string>> failed;
+  for (const std::string& name : index_files)
+  {
+    std::string text, error;
+    ASSERT_TRUE(reader.get_contents(name, text));
+    EWS_Folders folders;
+    ASSERT_TRUE(load_ews_folders(text, folders, failed[name], error)) << error;
+    EXPECT_FALSE(folders.empty());
+  }
+  EXPECT_EQ(failed["anna%40x.test.1.idx"], std::vector<std::string>{"in-item-4"});
+  EXPECT_TRUE(failed["bob%40x.test.1.idx"].empty());
+}
+
+TEST(EwsBackupCallback, FolderLargerThanTheQueueDoesNotStallUnderATinyBudget)
+{
+  // One id per batch: the folder's batches outnumber what the queue holds, and
+  // all of them are queued before its first item is read.
+  EWS_Params::set_batch_size(1);
+  EWS_Params::set_paging_size(1000);
+  Fake_Mailboxes boxes;
+  boxes.item_size = 10;
+  const int count = 16384 + 300;
+  boxes.mailboxes["big@x"] = {Fake_Mailboxes::folder("big", "Big", count)};
+  Callback_Run run(boxes, 1, 1);
+  run.ctx().export_cache_budget(1);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Backup_Callback callback = run.make_callback();
+  const std::string root = mailbox_to_path("big@x");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"big@x", root}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "Big").c_str(), out));
+  ASSERT_EQ(out.size(), static_cast<size_t>(count));
+  int read = 0;
+  for (const MTF::Directory_Entry& e : out)
+  {
+    EWS_File_Reader reader(run.ctx());
+    read += reader.open((root + "Big/" + e.name).c_str()) == MTF::E_OK;
+  }
+  EWS_Params::reset();
+  EXPECT_EQ(read, count);
+  EXPECT_EQ(run.ctx().task()->cache_bytes(), 0u);
+  // Only what did not fit the queue passed the budget.
+  EXPECT_LE(run.ctx().task()->peak_cache_bytes(), 10u * (count - 16384 + 1));
+}

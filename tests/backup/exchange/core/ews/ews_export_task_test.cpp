@@ -1,0 +1,264 @@
+#include "backup/exchange/core/ews/ews_backup_context.h"
+#include "backup/exchange/core/ews/ews_export_task.h"
+#include "backup/exchange/core/ews/fake_mailboxes.h"
+#include "support/log_capture.h"
+#include "support/plain_job.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+// One backup run's context over simulated mailboxes; the export task is
+// stopped (its thread joined) when the fixture goes.
+class Export_Run
+{
+public:
+  explicit Export_Run(Fake_Mailboxes& boxes, int retry = 0) : job_(definition(retry))
+  {
+    ctx_.reset(new EWS_Backup_Context("svc", Secure_String("pw"), "pool-1", "host-1/nightly", 1, 1, nullptr,
+                                      job_.activity(), job_));
+    ctx_->client_maker(boxes.maker());
+  }
+  ~Export_Run() { ctx_->stop_export_task(); }
+
+  static Job_Definition_var definition(int retry)
+  {
+    Job_Definition_var def = plain_definition();
+    def->max_seconds_retry(retry);
+    return def;
+  }
+
+  EWS_Backup_Context& ctx() { return *ctx_; }
+  Job& job() { return job_; }
+
+  bool put(const std::string& mailbox, const std::vector<std::string>& ids)
+  {
+    EWS_Export_Args* args = new EWS_Export_Args;
+    args->mailbox = mailbox;
+    args->item_ids = ids;
+    if (ctx_->put_item(args))
+      return true;
+    delete args;
+    return false;
+  }
+
+  std::string get(const std::string& mailbox, const std::string& id)
+  {
+    EWS_b64_Data data;
+    if (!ctx_->get_item(mailbox, id, data))
+      return "<none>";
+    return std::string(reinterpret_cast<const char*>(data.ptr.get()), data.size);
+  }
+
+  // Polls until `done` holds; the run's threads move on by themselves.
+  template <typename F>
+  static bool eventually(F done)
+  {
+    for (int i = 0; i < 3000; ++i)
+    {
+      if (done())
+        return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+private:
+  Plain_Job job_;
+  EWS_Backup_Context_Ptr ctx_;
+};
+}  // namespace
+
+TEST(EwsBackupContext, PathTableHandsOutEntriesInOrderOnce)
+{
+  Fake_Mailboxes boxes;
+  Export_Run run(boxes, 45);
+  EWS_Backup_Context& ctx = run.ctx();
+  Log_Capture log;
+
+  ASSERT_TRUE(ctx.put_entry("/m/Inbox/a", "id-1", 10, 11));
+  ASSERT_TRUE(ctx.put_entry("/m/Inbox/a", "id-2", 20, 21));
+  EWS_Folder_Entry entry;
+  for (int i = 0; i < 3; ++i)
+  {
+    ASSERT_TRUE(ctx.get_entry("/m/Inbox/a", false, entry));
+    EXPECT_EQ(entry.id, "id-1");
+  }
+  ASSERT_TRUE(ctx.get_entry("/m/Inbox/a", true, entry));
+  EXPECT_EQ(entry.id, "id-1");
+  EXPECT_EQ(entry.mtime, 10);
+  ASSERT_TRUE(ctx.get_entry("/m/Inbox/a", true, entry));
+  EXPECT_EQ(entry.id, "id-2");
+  EXPECT_EQ(entry.ctime, 21);
+  EXPECT_FALSE(ctx.get_entry("/m/Inbox/a", true, entry));
+  EXPECT_TRUE(log.contains("EWS path '/m/Inbox/a' not found"));
+  EXPECT_FALSE(ctx.get_entry("/m/Inbox/a", false, entry));
+
+  EXPECT_TRUE(ctx.put_failed_mailbox(""));
+  EXPECT_TRUE(ctx.put_failed_mailbox("b@x"));
+  EXPECT_EQ(ctx.get_failed_mailboxes(), Mailboxes{"b@x"});
+  EXPECT_EQ(ctx.retry_seconds(), 45);
+
+  // Without a task every forwarding operation fails loudly.
+  std::vector<std::string> failed;
+  EWS_b64_Data data;
+  EXPECT_FALSE(ctx.get_failed_items(failed));
+  EXPECT_FALSE(ctx.get_item("m", "id", data));
+  EWS_Export_Args args;
+  EXPECT_FALSE(ctx.put_item(&args));
+  EXPECT_EQ(log.count("task_.get() is NULL"), 3u);
+
+  // Only "canceling" counts as cancelling.
+  EXPECT_FALSE(ctx.is_cancelling());
+  run.job().activity().state = JOB_STATE_CANCELING;
+  EXPECT_TRUE(ctx.is_cancelling());
+  run.job().activity().state = 9;
+  EXPECT_FALSE(ctx.is_cancelling());
+}
+
+TEST(EwsExportTask, DeliversExportedItemsOnceAndGathersFailuresPerMailbox)
+{
+  Fake_Mailboxes boxes;
+  boxes.refused_items = {"a-2", "b-1"};
+  Export_Run run(boxes);
+  EWS_Backup_Context& ctx = run.ctx();
+  ASSERT_TRUE(ctx.activate_export_task(&run.job()));
+  const std::shared_ptr<EWS_Export_Task> task = ctx.task();
+  ASSERT_TRUE(ctx.activate_export_task(&run.job()));
+  EXPECT_EQ(ctx.task(), task);
+
+  ASSERT_TRUE(run.put("a@x", {"a-1", "a-2", "a-3"}));
+  ASSERT_TRUE(run.put("b@x", {"b-1", "b-2"}));
+  EXPECT_EQ(run.get("a@x", "a-3"), boxes.content("a-3"));
+  EXPECT_EQ(run.get("a@x", "a-1"), boxes.content("a-1"));
+  // A refused item is answered at once, not after a time-out.
+  EXPECT_EQ(run.get("a@x", "a-2"), "<none>");
+  EXPECT_EQ(run.get("b@x", "b-2"), boxes.content("b-2"));
+  EXPECT_EQ(run.get("b@x", "b-1"), "<none>");
+
+  std::vector<std::string> failed = {"stale"};
+  ASSERT_TRUE(ctx.get_failed_items("b@x", failed));
+  EXPECT_EQ(failed, std::vector<std::string>{"b-1"});
+  ASSERT_TRUE(ctx.get_failed_items("b@x", failed));
+  EXPECT_TRUE(failed.empty());
+  ASSERT_TRUE(run.put("b@x", {"b-1"}));
+  EXPECT_EQ(run.get("b@x", "b-1"), "<none>");
+  ASSERT_TRUE(ctx.get_failed_items(failed));
+  EXPECT_EQ(failed, (std::vector<std::string>{"a-2", "b-1"}));
+  ASSERT_TRUE(ctx.get_failed_items(failed));
+  EXPECT_TRUE(failed.empty());
+  EXPECT_EQ(boxes.clients_made, 1);
+  EXPECT_EQ(task->cache_bytes(), 0u);
+
+  // The end marker ends the thread; a reader of an item taken before, or never
+  // queued, is then answered false, and nothing more can be queued.
+  Log_Capture log;
+  ASSERT_TRUE(run.put("", {}));
+  EXPECT_EQ(run.get("a@x", "a-1"), "<none>");
+  EXPECT_EQ(run.get("a@x", "never"), "<none>");
+  EXPECT_FALSE(task->running());
+  EXPECT_FALSE(run.put("a@x", {"a-1"}));
+  EXPECT_TRUE(log.contains("EWS export task has ended."));
+}
+
+TEST(EwsExportTask, FailedExportCallMakesEveryItemFailedAndEndMarkerStillMakesTheClient)
+{
+  Fake_Mailboxes boxes;
+  boxes.fail_exports = true;
+  {
+    Export_Run run(boxes);
+    ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+    ASSERT_TRUE(run.put("a@x", {"a-1", "a-2"}));
+    EXPECT_EQ(run.get("a@x", "a-2"), "<none>");
+    EXPECT_EQ(run.get("a@x", "a-1"), "<none>");
+    std::vector<std::string> failed;
+    ASSERT_TRUE(run.ctx().get_failed_items("a@x", failed));
+    EXPECT_EQ(failed, (std::vector<std::string>{"a-1", "a-2"}));
+  }
+  boxes.clients_made = 0;
+  Export_Run run(boxes);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  ASSERT_TRUE(run.put("", {}));
+  ASSERT_TRUE(Export_Run::eventually([&] { return !run.ctx().task()->running(); }));
+  EXPECT_EQ(boxes.clients_made, 1);
+}
+
+TEST(EwsExportTask, ByteBudgetHoldsExportsUntilItemsAreRead)
+{
+  Fake_Mailboxes boxes;
+  boxes.item_size = 100;
+  Export_Run run(boxes);
+  run.ctx().export_cache_budget(1);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Export_Task& task = *run.ctx().task();
+  for (int batch = 0; batch < 4; ++batch)
+    ASSERT_TRUE(run.put("a@x", {"a-" + std::to_string(2 * batch), "a-" + std::to_string(2 * batch + 1)}));
+
+  // One batch passes the budget; the next export waits for reads.
+  ASSERT_TRUE(Export_Run::eventually([&] { return task.cache_bytes() == 200; }));
+  EXPECT_EQ(boxes.export_calls, 1);
+  EXPECT_EQ(run.get("a@x", "a-0"), boxes.content("a-0"));
+  EXPECT_EQ(boxes.export_calls, 1);
+  for (int i = 1; i < 8; ++i)
+    EXPECT_EQ(run.get("a@x", "a-" + std::to_string(i)), boxes.content("a-" + std::to_string(i)));
+  EXPECT_EQ(boxes.export_calls, 4);
+  EXPECT_EQ(task.peak_cache_bytes(), 200u);
+  EXPECT_EQ(task.cache_bytes(), 0u);
+}
+
+TEST(EwsExportTask, ReleasedMailboxFreesTheBudgetAndSkipsItsQueuedBatches)
+{
+  Fake_Mailboxes boxes;
+  boxes.refused_items = {"a-1"};
+  Export_Run run(boxes);
+  run.ctx().export_cache_budget(1);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Export_Task& task = *run.ctx().task();
+  run.ctx().begin_mailbox("a@x");
+  ASSERT_TRUE(run.put("a@x", {"a-0", "a-1"}));
+  ASSERT_TRUE(run.put("a@x", {"a-2", "a-3"}));
+  ASSERT_TRUE(run.put("a@x", {"a-4", "a-5"}));
+  ASSERT_TRUE(run.put("b@x", {"b-0"}));
+  ASSERT_TRUE(Export_Run::eventually([&] { return task.cache_bytes() == 100; }));
+
+  // Mailbox a ends without reading: b is exported and read all the same.
+  run.ctx().end_mailbox("a@x");
+  EXPECT_EQ(task.cache_bytes(), 0u);
+  EXPECT_EQ(run.get("b@x", "b-0"), boxes.content("b-0"));
+  EXPECT_EQ(boxes.export_calls, 2);
+  std::vector<std::string> failed = {"stale"};
+  ASSERT_TRUE(run.ctx().get_failed_items(failed));
+  EXPECT_TRUE(failed.empty());
+
+  // Begun again, its batches are exported again.
+  run.ctx().begin_mailbox("a@x");
+  ASSERT_TRUE(run.put("a@x", {"a-2"}));
+  EXPECT_EQ(run.get("a@x", "a-2"), boxes.content("a-2"));
+}
+
+TEST(EwsExportTask, StopFreesQueuedBatchesAndCancellationEndsTheThread)
+{
+  Fake_Mailboxes boxes;
+  {
+    Export_Run run(boxes);
+    run.ctx().export_cache_budget(1);
+    ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+    for (int i = 0; i < 20; ++i)
+      ASSERT_TRUE(run.put("a@x", {"a-" + std::to_string(i)}));
+    ASSERT_TRUE(Export_Run::eventually([&] { return run.ctx().task()->cache_bytes() == 100; }));
+    // Leaving the scope stops the task with 18 or 19 batches queued; the leak
+    // checker of the sanitizer build sees whether they were freed.
+  }
+  EXPECT_EQ(boxes.export_calls, 1);
+
+  Export_Run run(boxes);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  run.job().activity().state = JOB_STATE_CANCELING;
+  ASSERT_TRUE(Export_Run::eventually([&] { return !run.ctx().task()->running(); }));
+  EXPECT_FALSE(run.put("a@x", {"a-1"}));
+}

@@ -1,0 +1,203 @@
+#ifndef TESTS_BACKUP_EXCHANGE_CORE_EWS_FAKE_MAILBOXES_H
+#define TESTS_BACKUP_EXCHANGE_CORE_EWS_FAKE_MAILBOXES_H
+
+// Simulated mailboxes behind a test EWS transport, so that the backup engine runs
+// its real EWS_Client (paging, retries, per-item failures) without a server.
+// One Fake_Mailboxes is shared by every client a test makes (one per thread);
+// its contents are fixed before the run, its counters are atomic.
+
+#include "backup/exchange/core/ews/ews_backup_context.h"
+#include "host/ews/ews_client.h"
+#include "host/ews/ews_transport.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+struct Fake_Item
+{
+  std::string id;
+  std::string subject;
+  time_t mtime = 0;
+  time_t ctime = 0;
+};
+
+struct Fake_Folder
+{
+  std::string id;
+  std::string name;
+  std::vector<Fake_Folder> subfolders;
+  std::vector<Fake_Item> items;
+};
+
+class Fake_Mailboxes
+{
+public:
+  std::map<std::string, std::vector<Fake_Folder>> mailboxes;
+  std::set<std::string> refused_items;      // exported without data ("ErrorItemNotFound")
+  std::set<std::string> unlistable_folders;  // FindItem fails for good
+  bool fail_exports = false;                 // every ExportItems call fails for good
+  size_t item_size = 100;                    // bytes of each exported item
+
+  std::atomic<int> export_calls{0};
+  std::atomic<int> find_items_calls{0};
+  std::atomic<int> clients_made{0};
+
+  // The exported contents of an item: its id repeated up to item_size bytes.
+  std::string content(const std::string& id) const
+  {
+    std::string out;
+    while (out.size() < item_size)
+      out += id + ";";
+    out.resize(item_size);
+    return out;
+  }
+
+  const Fake_Folder* find(const std::vector<Fake_Folder>& folders, const std::string& id) const
+  {
+    for (const Fake_Folder& f : folders)
+    {
+      if (f.id == id)
+        return &f;
+      if (const Fake_Folder* sub = find(f.subfolders, id))
+        return sub;
+    }
+    return nullptr;
+  }
+
+  // A folder with `count` items named "<prefix> <n>" in reverse name order, so
+  // that the engine's sorting shows.
+  static Fake_Folder folder(const std::string& id, const std::string& name, int count)
+  {
+    Fake_Folder f;
+    f.id = id;
+    f.name = name;
+    for (int i = count - 1; i >= 0; --i)
+    {
+      Fake_Item item;
+      item.id = id + "-item-" + std::to_string(i);
+      char subject[64];
+      snprintf(subject, sizeof subject, "%s %04d", name.c_str(), i);
+      item.subject = subject;
+      item.mtime = 1700000000 + i;
+      item.ctime = 1600000000 + i;
+      f.items.push_back(item);
+    }
+    return f;
+  }
+
+  // A maker of real EWS clients over this simulated service.
+  EWS_Client_Maker maker();
+};
+
+class Fake_EWS_Transport : public EWS_Transport
+{
+public:
+  explicit Fake_EWS_Transport(Fake_Mailboxes& boxes) : boxes_(boxes) {}
+
+  void set_mailbox(const std::string& mailbox) override { mailbox_ = mailbox; }
+  void set_credentials(const EWS_Credentials&) override {}
+
+  Host_Status find_folders(const EWS_Folder_Ref& parent, bool, int offset, int max, EWS_Folder_Page& page) override
+  {
+    auto box = boxes_.mailboxes.find(mailbox_);
+    if (box == boxes_.mailboxes.end())
+      return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorNonExistentMailbox", "no mailbox " + mailbox_);
+    const std::vector<Fake_Folder>* list = &box->second;
+    if (!parent.id.empty())
+    {
+      const Fake_Folder* f = boxes_.find(box->second, parent.id);
+      if (f == nullptr)
+        return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorItemNotFound", "no folder " + parent.id);
+      list = &f->subfolders;
+    }
+    page = EWS_Folder_Page();
+    for (int i = offset; i < static_cast<int>(list->size()) && i < offset + max; ++i)
+    {
+      EWS_Folder folder;
+      folder.id = (*list)[i].id;
+      folder.display_name = (*list)[i].name;
+      folder.items_count = static_cast<int>((*list)[i].items.size());
+      folder.subfolders_count = static_cast<int>((*list)[i].subfolders.size());
+      page.folders.push_back(folder);
+      page.parent_ids.push_back(parent.id);
+    }
+    page.next_offset = offset + static_cast<int>(page.folders.size());
+    page.last = page.next_offset >= static_cast<int>(list->size());
+    return Host_Status();
+  }
+
+  Host_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) override
+  {
+    ++boxes_.find_items_calls;
+    auto box = boxes_.mailboxes.find(mailbox_);
+    const Fake_Folder* f = box == boxes_.mailboxes.end() ? nullptr : boxes_.find(box->second, folder_id);
+    if (f == nullptr || boxes_.unlistable_folders.count(folder_id))
+      return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "cannot list " + folder_id);
+    page = EWS_Item_Page();
+    for (int i = offset; i < static_cast<int>(f->items.size()) && i < offset + max; ++i)
+    {
+      EWS_Item item;
+      item.id = f->items[i].id;
+      item.subject = f->items[i].subject;
+      item.mtime = f->items[i].mtime;
+      item.ctime = f->items[i].ctime;
+      page.items.push_back(item);
+    }
+    page.next_offset = offset + static_cast<int>(page.items.size());
+    page.last = page.next_offset >= static_cast<int>(f->items.size());
+    return Host_Status();
+  }
+
+  Host_Status export_items(EWS_Export_Requests& requests) override
+  {
+    ++boxes_.export_calls;
+    if (boxes_.fail_exports)
+      return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "export refused");
+    for (EWS_Export_Request& r : requests)
+    {
+      if (boxes_.refused_items.count(r.id))
+      {
+        r.error = "ErrorItemNotFound";
+        continue;
+      }
+      const std::string bytes = boxes_.content(r.id);
+      r.data = EWS_b64_Data::copy_of(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+    }
+    return Host_Status();
+  }
+
+  Host_Status create_folder(const EWS_Folder_Ref&, EWS_Folder_Creation_Request&) override
+  {
+    return Host_Status::make(HOST_STATUS_PERMANENT, "", "not simulated");
+  }
+  Host_Status upload_items(const std::string&, const std::vector<const ustring*>&, std::vector<std::string>&,
+                           std::vector<std::string>&) override
+  {
+    return Host_Status::make(HOST_STATUS_PERMANENT, "", "not simulated");
+  }
+
+private:
+  Fake_Mailboxes& boxes_;
+  std::string mailbox_;
+};
+
+inline EWS_Client_Maker Fake_Mailboxes::maker()
+{
+  return [this](EWS_Client_Ptr& out) {
+    EWS_Client_Ptr client(new EWS_Client());
+    // Basic credentials: no token requests; the transport never goes to the wire.
+    if (!client->init("http://127.0.0.1:9/EWS/Exchange.asmx", "svc", Secure_String("pw"), nullptr, ""))
+      return false;
+    client->set_transport(std::unique_ptr<EWS_Transport>(new Fake_EWS_Transport(*this)));
+    ++clients_made;
+    out = client;
+    return true;
+  };
+}
+
+#endif
