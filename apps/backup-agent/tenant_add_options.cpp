@@ -24,6 +24,7 @@ const Option entry_options[] = {
   {"--login-endpoint", &Office365_Auth_Entry::ms_login_endpoint},
   {"--graph-endpoint", &Office365_Auth_Entry::ms_graph_endpoint},
   {"--ews-endpoint", &Office365_Auth_Entry::ews_endpoint},
+  {"--transport", &Office365_Auth_Entry::transport},
 };
 
 // A uuid in its lower-case form; empty when `text` is none.
@@ -138,6 +139,8 @@ bool Tenant_Add_Options::check(std::string& error)
     error = "the tenant email '" + entry.tenant_email + "' is not a mail address";
   else if (!uuid.empty() && canonical_uuid(uuid).empty())
     error = "--uuid '" + uuid + "' is not a uuid";
+  else if (!Office365_Auth_Entry::known_transport(entry.transport))
+    error = "unknown transport '" + entry.transport + "'; the known one is ews";
   if (!error.empty())
     return false;
   uuid = canonical_uuid(uuid);

@@ -1,18 +1,17 @@
 #include "host/ews/ews_client.h"
 
+#include "host/base/log.h"
+#include "host/ews/ews_batches.h"
 #include "host/ews/ews_params.h"
 #include "host/ews/ews_retry_policy.h"
-#include "host/ews/ews_soap_transport.h"
-#include "host/http/http_session_factory.h"
-#include "host/http/uri_parser.h"
-#include "host/base/log.h"
+#include "host/ews/ews_transport_factory.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
 
 #include <algorithm>
 #include <map>
-#include <thread>
+#include <chrono>
 
 namespace
 {
@@ -92,25 +91,19 @@ EWS_Client::~EWS_Client() = default;
 bool EWS_Client::init(const std::string& endpoint, const std::string& user, const Secure_String& password,
                       const std::shared_ptr<Office365_Auth>& auth, const char* mailbox)
 {
-  URI uri;
-  if (!URI_Parser::parse(endpoint.c_str(), uri))
-  {
-    LOG_MSG(LM_ERROR, "Invalid EWS endpoint '%s'\n", endpoint.c_str());
-    return false;
-  }
   if (!auth && user.empty())
   {
     LOG_MSG(LM_ERROR, "EWS client for '%s' has neither a token source nor a user name\n", endpoint.c_str());
     return false;
   }
-  HTTP_Session_Ptr session = HTTP_Session_Factory::create(uri.host(false), uri.port(), uri.is_ssl(), 120, 300);
-  if (!session)
+  // Basic credentials only make sense to an on-premises EWS server.
+  const std::string name = auth ? auth->get().transport : EWS_Transport_Factory::default_name;
+  EWS_Transport_Settings settings;
+  settings.endpoint = endpoint;
+  std::unique_ptr<EWS_Transport> transport = EWS_Transport_Factory::create(name, settings);
+  if (!transport)
     return false;
-  std::string path = uri.path();
-  if (!uri.query().empty())
-    path += "?" + uri.query();
-  transport_.reset(new EWS_Soap_Transport(session, path));
-  endpoint_ = endpoint;
+  transport_ = std::move(transport);
   auth_ = auth;
   user_ = user;
   password_ = password;
@@ -137,9 +130,53 @@ void EWS_Client::set_log_callback(const std::shared_ptr<ACE_Log_Msg_Callback>& c
   log_callback_ = callback;
 }
 
+void EWS_Client::cancel()
+{
+  {
+    std::lock_guard<std::mutex> guard(cancel_lock_);
+    cancelled_ = true;
+  }
+  cancel_signal_.notify_all();
+}
+
+void EWS_Client::resume()
+{
+  std::lock_guard<std::mutex> guard(cancel_lock_);
+  cancelled_ = false;
+}
+
+void EWS_Client::set_cancel_predicate(const std::function<bool()>& predicate)
+{
+  cancel_predicate_ = predicate;
+}
+
+bool EWS_Client::cancelled() const
+{
+  return cancelled_ || (cancel_predicate_ && cancel_predicate_());
+}
+
+bool EWS_Client::sleep_unless_cancelled(long ms)
+{
+  // Wakes at once on cancel(), and every 200 ms to poll the predicate, so that a
+  // back-off of minutes never holds a cancelled job.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  std::unique_lock<std::mutex> lock(cancel_lock_);
+  for (;;)
+  {
+    if (cancelled_ || (cancel_predicate_ && cancel_predicate_()))
+      return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline)
+      return true;
+    cancel_signal_.wait_until(lock, std::min(deadline, now + std::chrono::milliseconds(200)));
+  }
+}
+
 bool EWS_Client::impersonate(const std::string& mailbox)
 {
-  mailbox_ = mailbox;
+  mailbox_.name = mailbox;
+  const auto known = forms_.find(mailbox);
+  mailbox_.form = known != forms_.end() ? known->second : EWS_MAILBOX_PRINCIPAL_NAME;
   if (!transport_)
   {
     LOG_MSG(LM_ERROR, "EWS client is not initialised, cannot act for '%s'\n", mailbox.c_str());
@@ -149,6 +186,11 @@ bool EWS_Client::impersonate(const std::string& mailbox)
   return true;
 }
 
+EWS_Transport_Limits EWS_Client::limits() const
+{
+  return transport_ ? transport_->limits() : EWS_Transport_Limits();
+}
+
 bool EWS_Client::refresh_credentials()
 {
   if (!auth_)
@@ -156,17 +198,21 @@ bool EWS_Client::refresh_credentials()
   EWS_Credentials credentials;
   if (!auth_->get_token(credentials.bearer_token))
   {
-    last_error_ = "no access token: " + auth_->last_error();
+    last_status_ = Host_Status::make(HOST_STATUS_UNAUTHORIZED, "no access token", auth_->last_error());
     return false;
   }
   transport_->set_credentials(credentials);
   return true;
 }
 
-bool EWS_Client::fail(const char* operation, const std::string& why)
+bool EWS_Client::fail(const char* operation, const Host_Status& status)
 {
-  last_error_ = why;
-  LOG_MSG(LM_ERROR, "EWS %s for mailbox '%s' failed: %s\n", operation, mailbox_.c_str(), why.c_str());
+  last_status_ = status;
+  last_error_ = status.text();
+  if (status.kind == HOST_STATUS_CANCELLED)
+    LOG_MSG(LM_WARNING, "EWS %s for mailbox '%s' cancelled\n", operation, mailbox_.name.c_str());
+  else
+    LOG_MSG(LM_ERROR, "EWS %s for mailbox '%s' failed: %s\n", operation, mailbox_.name.c_str(), last_error_.c_str());
   return false;
 }
 
@@ -176,45 +222,69 @@ bool EWS_Client::wait_or_fail(const char* operation, EWS_Retry_Policy& policy, c
   if (delay < 0)
   {
     if (!policy.budget_exhausted())
-      return fail(operation, status.text());
+      return fail(operation, status);
+    last_status_ = status;
     last_error_ = status.text();
     LOG_MSG(LM_ERROR, "EWS %s for mailbox '%s' failed after %d retries, retry budget of %d seconds exhausted: %s\n",
-            operation, mailbox_.c_str(), policy.retries(), EWS_Params::retry_budget(), last_error_.c_str());
+            operation, mailbox_.name.c_str(), policy.retries(), EWS_Params::retry_budget(), last_error_.c_str());
     return false;
   }
   ++retries_;
   LOG_MSG(LM_WARNING, "EWS %s for mailbox '%s' must be retried (%s); retry %d in %q ms\n", operation,
-          mailbox_.c_str(), status.text().c_str(), policy.retries(), static_cast<ACE_INT64>(delay));
-  std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+          mailbox_.name.c_str(), status.text().c_str(), policy.retries(), static_cast<ACE_INT64>(delay));
+  if (!sleep_unless_cancelled(delay))
+    return fail(operation, Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "cancelled while waiting to retry"));
   return true;
 }
 
-template <typename Attempt>
-bool EWS_Client::run(const char* operation, Attempt attempt)
+bool EWS_Client::try_smtp_form(const char* operation, const Host_Status& status)
+{
+  if (mailbox_.name.empty() || mailbox_.form == EWS_MAILBOX_SMTP_ADDRESS || !transport_->is_unknown_mailbox(status))
+    return false;
+  // The name may be an SMTP address (primary or proxy) rather than a UPN.
+  LOG_MSG(LM_INFO, "EWS %s: no mailbox has the user principal name '%s'; trying it as an SMTP address\n", operation,
+          mailbox_.name.c_str());
+  mailbox_.form = EWS_MAILBOX_SMTP_ADDRESS;
+  transport_->set_mailbox(mailbox_);
+  return true;
+}
+
+template <typename Attempt_T>
+bool EWS_Client::run(const char* operation, Attempt_T attempt)
 {
   if (!transport_)
-    return fail(operation, "the client is not initialised");
+    return fail(operation, Host_Status::make(HOST_STATUS_PERMANENT, "", "the client is not initialised"));
   Log_Callback_Scope scope(log_callback_.get());
+  transport_->set_cancel_check([this] { return cancelled(); });
   EWS_Retry_Policy policy(EWS_Params::retry_budget(), EWS_Params::retry_base_delay_ms());
+  const Host_Status cancelled_status = Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the client was cancelled");
   bool renewed = false;
   for (;;)
   {
+    if (cancelled())
+      return fail(operation, cancelled_status);
     if (!refresh_credentials())
-      return fail(operation, last_error_);
+      return fail(operation, last_status_);
     const Host_Status status = attempt();
     if (status.ok())
+    {
+      if (!mailbox_.name.empty())
+        forms_[mailbox_.name] = mailbox_.form;
       return true;
+    }
+    if (cancelled())
+      return fail(operation, cancelled_status);
     if (status.kind == HOST_STATUS_UNAUTHORIZED && auth_ && !renewed)
     {
       // A token may be refused shortly before its expiry: ask for a new one once.
       renewed = true;
       auth_->invalidate();
       LOG_MSG(LM_WARNING, "EWS %s for mailbox '%s': access token refused, requesting a new one\n", operation,
-              mailbox_.c_str());
+              mailbox_.name.c_str());
       continue;
     }
-    if (status.kind == HOST_STATUS_UNAUTHORIZED)
-      return fail(operation, status.text());
+    if (try_smtp_form(operation, status))
+      continue;
     if (!wait_or_fail(operation, policy, status))
       return false;
   }
@@ -230,7 +300,8 @@ bool EWS_Client::list_folders(const std::string& folder_id, EWS_Folders& out, bo
 bool EWS_Client::list_folders(int distinguished, EWS_Folders& out, bool shallow)
 {
   if (ews_distinguished_folder_name(distinguished) == nullptr)
-    return fail("FindFolder", "unknown distinguished folder " + std::to_string(distinguished));
+    return fail("FindFolder", Host_Status::make(HOST_STATUS_PERMANENT, "",
+                                                "unknown distinguished folder " + std::to_string(distinguished)));
   EWS_Folder_Ref parent;
   parent.distinguished = distinguished;
   return list_folders_i(parent, out, shallow);
@@ -240,14 +311,14 @@ bool EWS_Client::list_folders_i(const EWS_Folder_Ref& parent, EWS_Folders& out, 
 {
   EWS_Folders flat;
   std::vector<std::string> parent_ids;
-  int offset = 0;
+  EWS_Page_Cursor at;
   for (;;)
   {
     EWS_Folder_Page page;
-    const int size = EWS_Params::paging_size();
+    const int size = std::min(EWS_Params::paging_size(), limits().max_page_size);
     if (!run("FindFolder", [&] {
           page = EWS_Folder_Page();
-          return transport_->find_folders(parent, !shallow, offset, size, page);
+          return transport_->find_folders(parent, !shallow, at, size, page);
         }))
       return false;
     const size_t got = page.folders.size();
@@ -255,9 +326,10 @@ bool EWS_Client::list_folders_i(const EWS_Folder_Ref& parent, EWS_Folders& out, 
     parent_ids.insert(parent_ids.end(), page.parent_ids.begin(), page.parent_ids.end());
     if (page.last)
       break;
-    if (got == 0 && page.next_offset <= offset)
-      return fail("FindFolder", "the server returned an empty page without finishing the listing");
-    offset = std::max(page.next_offset, offset + static_cast<int>(got));
+    if (got == 0 && page.next == at)
+      return fail("FindFolder", Host_Status::make(HOST_STATUS_PERMANENT, "malformed answer",
+                                                  "the server returned an empty page without finishing the listing"));
+    at = page.next;
   }
   if (shallow)
     std::move(flat.begin(), flat.end(), std::back_inserter(out));
@@ -269,16 +341,16 @@ bool EWS_Client::list_folders_i(const EWS_Folder_Ref& parent, EWS_Folders& out, 
 bool EWS_Client::list_items(const std::string& folder_id, const EWS_Item_Appender& appender, int offset, int limit)
 {
   if (folder_id.empty())
-    return fail("FindItem", "no folder id");
+    return fail("FindItem", Host_Status::make(HOST_STATUS_PERMANENT, "", "no folder id"));
   int got = 0;
-  int position = std::max(0, offset);
+  EWS_Page_Cursor at = EWS_Page_Cursor::at(std::max(0, offset));
   while (got < limit)
   {
     EWS_Item_Page page;
-    const int max = std::min(limit - got, EWS_Params::paging_size());
+    const int max = std::min({limit - got, EWS_Params::paging_size(), limits().max_page_size});
     if (!run("FindItem", [&] {
           page = EWS_Item_Page();
-          return transport_->find_items(folder_id, position, max, page);
+          return transport_->find_items(folder_id, at, max, page);
         }))
       return false;
     const int count = static_cast<int>(std::min<size_t>(page.items.size(), static_cast<size_t>(limit - got)));
@@ -287,58 +359,100 @@ bool EWS_Client::list_items(const std::string& folder_id, const EWS_Item_Appende
     got += count;
     if (page.last)
       break;
-    if (count == 0)
-      return fail("FindItem", "the server returned an empty page without finishing the listing");
-    position = std::max(page.next_offset, position + count);
+    if (count == 0 && page.next == at)
+      return fail("FindItem", Host_Status::make(HOST_STATUS_PERMANENT, "malformed answer",
+                                                "the server returned an empty page without finishing the listing"));
+    at = page.next;
   }
   return true;
 }
 
-bool EWS_Client::export_chunk(EWS_Export_Requests& requests, size_t begin, size_t end)
+namespace
 {
-  for (size_t i = begin; i < end; ++i)
+// What an attempt at a batch amounts to once the call itself was answered: the
+// items refused for passing reasons decide whether (and how long) to wait; a
+// throttled one, with the wait the server suggested, goes first.
+Host_Status pending_status(const std::vector<const Host_Status*>& statuses)
+{
+  const Host_Status* transient = nullptr;
+  for (const Host_Status* s : statuses)
   {
-    requests[i].data = EWS_b64_Data();
-    requests[i].error.clear();
+    if (s->kind == HOST_STATUS_THROTTLED)
+      return *s;
+    if (s->kind == HOST_STATUS_TRANSIENT && transient == nullptr)
+      transient = s;
   }
+  return transient ? *transient : Host_Status();
+}
+
+Host_Status not_answered()
+{
+  return Host_Status::make(HOST_STATUS_TRANSIENT, "not answered", "the request ended before this item was answered");
+}
+}  // namespace
+
+bool EWS_Client::export_batch(EWS_Export_Requests& requests, size_t begin, size_t end)
+{
   const bool ok = run("ExportItems", [&] {
-    // Send what is still missing: everything at first (and after a failed
-    // request), later only the items the server refused for reasons that pass
-    // (throttling inside a batch, damaged data).
-    EWS_Export_Requests pending;
-    std::vector<size_t> where;
+    // Sends what is still missing: everything at first, later only the items
+    // that were not answered or were refused for reasons that pass.
+    std::vector<EWS_Export_Request*> pending;
     for (size_t i = begin; i < end; ++i)
-    {
-      const std::string& error = requests[i].error;
-      if (!requests[i].data.ptr && (error.empty() || ews_is_transient_code(error) || error == "invalid export data"))
+      if (requests[i].status.retryable())
       {
-        pending.push_back(requests[i]);
-        where.push_back(i);
+        requests[i].status = not_answered();
+        pending.push_back(&requests[i]);
       }
-    }
     if (pending.empty())
       return Host_Status();
-    const Host_Status status = transport_->export_items(pending);
-    for (size_t k = 0; k < pending.size() && k < where.size(); ++k)
-      requests[where[k]] = pending[k];
-    return status;
+    const Host_Status call = transport_->export_items(pending);
+    if (!call.ok())
+      return call;
+    std::vector<const Host_Status*> statuses;
+    for (const EWS_Export_Request* r : pending)
+      statuses.push_back(&r->status);
+    return pending_status(statuses);
   });
-  if (!ok)
-    return false;
+  if (ok)
+    return true;
+  // The batch failed as a whole: what is still open fails with it.
   for (size_t i = begin; i < end; ++i)
-    if (!requests[i].data.ptr)
-      LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", requests[i].id.c_str(),
-              mailbox_.c_str(), requests[i].error.c_str());
-  return true;
+    if (requests[i].status.retryable())
+      requests[i].status = last_status_;
+  return false;
 }
 
 bool EWS_Client::export_items(EWS_Export_Requests& requests)
 {
-  const size_t batch = static_cast<size_t>(EWS_Params::batch_size());
-  for (size_t begin = 0; begin < requests.size(); begin += batch)
-    if (!export_chunk(requests, begin, std::min(requests.size(), begin + batch)))
-      return false;
-  return true;
+  std::vector<long long> sizes;
+  for (EWS_Export_Request& r : requests)
+  {
+    r.data = EWS_b64_Data();
+    r.status = not_answered();
+    sizes.push_back(r.size);
+  }
+  const EWS_Transport_Limits l = limits();
+  const int most = std::min(EWS_Params::batch_size(), l.max_export_items);
+  bool all = true;
+  for (const auto& batch : ews_batches(sizes, most, l.max_request_bytes))
+  {
+    // A failed batch does not stop the next ones; a cancelled client does.
+    if (!export_batch(requests, batch.first, batch.second))
+      all = false;
+    if (last_status_.kind == HOST_STATUS_CANCELLED && cancelled())
+      break;
+  }
+  for (EWS_Export_Request& r : requests)
+  {
+    if (r.status.retryable() || r.status.ok())
+      continue;
+    LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", r.id.c_str(),
+            mailbox_.name.c_str(), r.status.text().c_str());
+  }
+  for (EWS_Export_Request& r : requests)
+    if (r.status.retryable())
+      r.status = last_status_;  // batches never tried after a cancel
+  return all;
 }
 
 bool EWS_Client::create_folder(const std::string& parent_id, EWS_Folder_Creation_Request& request,
@@ -350,43 +464,70 @@ bool EWS_Client::create_folder(const std::string& parent_id, EWS_Folder_Creation
   return run("CreateFolder", [&] { return transport_->create_folder(parent, request); });
 }
 
-bool EWS_Client::upload_items(const std::string& parent_id, const std::vector<ustring>& items)
+bool EWS_Client::upload_batch(const std::string& parent_id, const std::vector<ustring>& items, size_t begin,
+                              size_t end, std::vector<Host_Status>& statuses)
 {
-  uploaded_ids_.assign(items.size(), std::string());
-  std::vector<std::string> errors(items.size());
   const bool ok = run("UploadItems", [&] {
     std::vector<const ustring*> pending;
     std::vector<size_t> where;
-    for (size_t i = 0; i < items.size(); ++i)
-      if (uploaded_ids_[i].empty() && (errors[i].empty() || ews_is_transient_code(errors[i].substr(0, errors[i].find(':')))))
+    for (size_t i = begin; i < end; ++i)
+      if (statuses[i].retryable())
       {
         pending.push_back(&items[i]);
         where.push_back(i);
       }
     if (pending.empty())
       return Host_Status();
-    std::vector<std::string> ids;
-    std::vector<std::string> errs;
-    const Host_Status status = transport_->upload_items(parent_id, pending, ids, errs);
-    for (size_t k = 0; k < where.size() && k < ids.size(); ++k)
+    std::vector<EWS_Upload_Result> results;
+    const Host_Status call = transport_->upload_items(parent_id, pending, results);
+    if (!call.ok())
+      return call;
+    std::vector<const Host_Status*> open;
+    for (size_t k = 0; k < where.size(); ++k)
     {
-      uploaded_ids_[where[k]] = ids[k];
-      errors[where[k]] = errs[k];
+      statuses[where[k]] = k < results.size() ? results[k].status : not_answered();
+      if (k < results.size())
+        uploaded_ids_[where[k]] = results[k].id;
+      open.push_back(&statuses[where[k]]);
     }
-    // Items refused for good are reported below; only passing refusals are retried.
-    return status.kind == HOST_STATUS_PERMANENT && !ids.empty() ? Host_Status() : status;
+    return pending_status(open);
   });
-  if (!ok)
-    return false;
+  if (ok)
+    return true;
+  for (size_t i = begin; i < end; ++i)
+    if (statuses[i].retryable())
+      statuses[i] = last_status_;
+  return false;
+}
+
+bool EWS_Client::upload_items(const std::string& parent_id, const std::vector<ustring>& items)
+{
+  uploaded_ids_.assign(items.size(), std::string());
+  std::vector<Host_Status> statuses(items.size(), not_answered());
+  std::vector<long long> sizes;
+  for (const ustring& item : items)
+    sizes.push_back(static_cast<long long>(item.size()));
+  const EWS_Transport_Limits l = limits();
+  const int most = std::min(EWS_Params::batch_size(), l.max_upload_items);
   bool all = true;
-  for (size_t i = 0; i < items.size(); ++i)
-    if (uploaded_ids_[i].empty())
-    {
+  for (const auto& batch : ews_batches(sizes, most, l.max_request_bytes))
+  {
+    if (!upload_batch(parent_id, items, batch.first, batch.second, statuses))
       all = false;
-      last_error_ = errors[i];
-      LOG_MSG(LM_ERROR, "EWS upload of item %Q into folder of mailbox '%s' failed: %s\n",
-              static_cast<ACE_UINT64>(i), mailbox_.c_str(),
-              errors[i].c_str());
-    }
+    if (last_status_.kind == HOST_STATUS_CANCELLED && cancelled())
+      break;
+  }
+  for (size_t i = 0; i < items.size(); ++i)
+  {
+    if (statuses[i].ok())
+      continue;
+    all = false;
+    if (statuses[i].retryable())
+      statuses[i] = last_status_;
+    last_status_ = statuses[i];
+    last_error_ = statuses[i].text();
+    LOG_MSG(LM_ERROR, "EWS upload of item %Q into folder of mailbox '%s' failed: %s\n", static_cast<ACE_UINT64>(i),
+            mailbox_.name.c_str(), last_error_.c_str());
+  }
   return all;
 }

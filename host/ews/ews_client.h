@@ -1,16 +1,21 @@
 #ifndef HOST_EWS_EWS_CLIENT_H
 #define HOST_EWS_EWS_CLIENT_H
 
+#include "host/base/secure_allocator.h"
 #include "host/ews/ews_export_request.h"
 #include "host/ews/ews_folder.h"
 #include "host/ews/ews_folder_creation_request.h"
 #include "host/ews/ews_transport.h"
-#include "host/base/secure_allocator.h"
 #include "host/office365/office365_auth.h"
 
 #include <boost/shared_ptr.hpp>
 
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,18 +24,28 @@ class EWS_Retry_Policy;
 
 // A client of one mailbox service account, acting for one mailbox at a time.
 //
-// Every operation goes through a transport (EWS_Transport; SOAP by default) and
-// shares the logic here: paging until the server says the listing is complete,
-// token renewal when a token is refused, and the handling of throttling and
-// transient faults. A throttled request (ErrorServerBusy, HTTP 503/429) waits
-// what the server asked for; a dropped connection or passing server fault backs
-// off exponentially; both within EWS_Params::retry_budget() seconds per
-// operation, each retry logged at warning level with the operation and mailbox.
-// A permanent error (unknown mailbox, access denied, refused token) fails at
-// once. Operations return false on failure, log why, and keep the service's
-// message in last_error(). Secrets and tokens are never logged.
+// Every operation goes through a transport (EWS_Transport, made by
+// EWS_Transport_Factory under the name the tenant registration gives; "ews",
+// SOAP, by default) and shares the logic here: paging until the service says the
+// listing is complete, batches sized by count and bytes, token renewal when a
+// token is refused, and the handling of throttling and transient faults. A
+// throttled request (ErrorServerBusy, HTTP 503/429) waits what the server asked
+// for; a dropped connection or passing server fault backs off exponentially;
+// both within EWS_Params::retry_budget() seconds per operation, each retry
+// logged at warning level with the operation and mailbox. A permanent error
+// fails at once. One bad item never fails its batch: it becomes a failed item
+// (its own status), and only items refused for passing reasons are sent again.
 //
-// One thread at a time per client; make one client per thread.
+// Mailboxes are impersonated by user principal name; a name the service does
+// not know as a UPN is tried once as an SMTP address, and the form that worked
+// is remembered per mailbox for the client's life.
+//
+// Operations return false on failure, log why, and keep the status in
+// last_status() (its text in last_error()). Secrets and tokens are never logged.
+//
+// One thread at a time per client, except cancel(), which any thread may call:
+// waits and transfers under way stop within about a second and the operation
+// returns false with a cancelled status; so do all later ones until resume().
 class EWS_Client
 {
 public:
@@ -39,21 +54,33 @@ public:
   EWS_Client(const EWS_Client&) = delete;
   EWS_Client& operator=(const EWS_Client&) = delete;
 
-  // Connects to `endpoint` (the EWS URL). With `auth`, requests carry its bearer
-  // token; without, `user` and `password` are sent as basic credentials
-  // (on-premises servers). A non-empty `mailbox` is impersonated. No request is
-  // made; false (logged) for a bad endpoint or missing credentials.
+  // Connects to `endpoint` (the service URL). With `auth`, requests carry its
+  // bearer token and go through the transport its registration names; without,
+  // `user` and `password` are sent as basic credentials over SOAP (on-premises
+  // servers). A non-empty `mailbox` is impersonated. No request is made; false
+  // (logged) for a bad endpoint, an unknown transport or missing credentials.
   bool init(const std::string& endpoint, const std::string& user, const Secure_String& password,
             const std::shared_ptr<Office365_Auth>& auth, const char* mailbox);
-  // Replaces the wire side (after init).
+  // Replaces the wire side (tests; after init or instead of it).
   void set_transport(std::unique_ptr<EWS_Transport> transport);
   // While set, log lines written during an operation go to this callback too
   // (the job's log).
   void set_log_callback(const std::shared_ptr<ACE_Log_Msg_Callback>& callback);
 
+  // Stops waits and transfers under way, and every operation until resume().
+  // Thread-safe.
+  void cancel();
+  void resume();
+  // Also polled (about every 200 ms) while the client waits: true cancels, as
+  // cancel() does, for the operation under way.
+  void set_cancel_predicate(const std::function<bool()>& predicate);
+  bool cancelled() const;
+
   // Acts for `mailbox` in all following calls (ExchangeImpersonation and
   // X-AnchorMailbox); empty returns to the account's own mailbox.
   bool impersonate(const std::string& mailbox);
+  // How the current mailbox is named to the service.
+  EWS_Mailbox_Form mailbox_form() const { return mailbox_.form; }
 
   // The subfolders of a folder, by id (empty: the mailbox's message folder root)
   // or by distinguished folder code (10: msgfolderroot). With `shallow` the direct
@@ -67,10 +94,13 @@ public:
   // a short page from a server that says it is not done is followed up.
   bool list_items(const std::string& folder_id, const EWS_Item_Appender& appender, int offset, int limit);
 
-  // Fills the `data` of each request with the item's exported content. An item
-  // the server refuses keeps a null `data.ptr` (its code in `error`) and is
-  // logged at warning level; the call still succeeds. False when the requests
-  // as a whole could not be exported.
+  // Fills the `data` of each request with the item's exported content, in
+  // batches sized by count and by the requests' `size`. An item that cannot be
+  // exported keeps a null `data.ptr`, says why in its `status` and is logged at
+  // warning level; the others are not held back by it. True when every batch
+  // was answered (items may still have failed one by one); false when a batch
+  // failed as a whole or the client was cancelled, after trying every batch
+  // (the items of a failed batch carry its status).
   bool export_items(EWS_Export_Requests& requests);
 
   // Creates folder `request.display_name` below `parent_id`, or below the
@@ -80,36 +110,50 @@ public:
                      ewstype__DistinguishedFolderIdNameType fallback);
 
   // Uploads each element (exported item data) as a new item of folder
-  // `parent_id`; true when all were accepted.
+  // `parent_id`, in batches sized by count and bytes; true when all were
+  // accepted.
   bool upload_items(const std::string& parent_id, const std::vector<ustring>& items);
   // The ids of the items created by the last upload_items call (empty entries
   // for refused ones).
   const std::vector<std::string>& uploaded_ids() const { return uploaded_ids_; }
 
-  const std::string& mailbox() const { return mailbox_; }
+  const std::string& mailbox() const { return mailbox_.name; }
   const std::string& last_error() const { return last_error_; }
+  const Host_Status& last_status() const { return last_status_; }
   // Requests sent again after throttling or faults, over the client's life.
   unsigned retries() const { return retries_; }
 
 private:
-  template <typename Attempt>
-  bool run(const char* operation, Attempt attempt);
+  template <typename Attempt_T>
+  bool run(const char* operation, Attempt_T attempt);
   bool refresh_credentials();
   bool wait_or_fail(const char* operation, EWS_Retry_Policy& policy, const Host_Status& status);
-  bool fail(const char* operation, const std::string& why);
+  bool fail(const char* operation, const Host_Status& status);
+  bool try_smtp_form(const char* operation, const Host_Status& status);
+  // Sleeps `ms`; false as soon as the client is cancelled.
+  bool sleep_unless_cancelled(long ms);
   bool list_folders_i(const EWS_Folder_Ref& parent, EWS_Folders& out, bool shallow);
-  bool export_chunk(EWS_Export_Requests& requests, size_t begin, size_t end);
+  bool export_batch(EWS_Export_Requests& requests, size_t begin, size_t end);
+  bool upload_batch(const std::string& parent_id, const std::vector<ustring>& items, size_t begin, size_t end,
+                    std::vector<Host_Status>& statuses);
+  EWS_Transport_Limits limits() const;
 
   std::unique_ptr<EWS_Transport> transport_;
   std::shared_ptr<Office365_Auth> auth_;
   std::shared_ptr<ACE_Log_Msg_Callback> log_callback_;
   std::string user_;
   Secure_String password_;
-  std::string endpoint_;
-  std::string mailbox_;
+  EWS_Mailbox mailbox_;
+  std::map<std::string, EWS_Mailbox_Form> forms_;  // what worked, per mailbox
   std::string last_error_;
+  Host_Status last_status_;
   std::vector<std::string> uploaded_ids_;
   unsigned retries_ = 0;
+
+  mutable std::mutex cancel_lock_;
+  std::condition_variable cancel_signal_;
+  std::atomic<bool> cancelled_{false};
+  std::function<bool()> cancel_predicate_;
 };
 
 typedef boost::shared_ptr<EWS_Client> EWS_Client_Ptr;

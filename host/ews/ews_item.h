@@ -20,6 +20,7 @@ struct EWS_Item
   EWS_Item_Type type = EWS_ITEM_TYPE_ITEM;
   time_t ctime = 0;  // DateTimeCreated
   time_t mtime = 0;  // LastModifiedTime
+  long long size = 0;  // item:Size in bytes as listed, 0 when the server gave none
 };
 
 typedef std::vector<EWS_Item> EWS_Items;

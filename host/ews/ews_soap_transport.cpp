@@ -1,9 +1,11 @@
 #include "host/ews/ews_soap_transport.h"
 
+#include "host/ews/ews_soap_status.h"
 #include "host/ews/ews_xml.h"
 #include "host/http/http_status.h"
 
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <sstream>
@@ -15,47 +17,9 @@ const char* const EWS_Soap_Transport::server_version = "Exchange2013_SP1";
 
 namespace
 {
-// A response message's class, code, text and suggested back-off.
-struct Message_Status
+Host_Status malformed(const std::string& what)
 {
-  std::string response_class;
-  std::string code;
-  std::string text;
-  long back_off_ms = -1;
-};
-
-long back_off_of(const pugi::xml_node& message_xml)
-{
-  for (pugi::xml_node v = message_xml.first_child(); v; v = v.next_sibling())
-    if (local_name(v) == "Value" && std::string(v.attribute("Name").value()) == "BackOffMilliseconds")
-      return std::strtol(v.text().get(), nullptr, 10);
-  return -1;
-}
-
-Message_Status read_message(const pugi::xml_node& message)
-{
-  Message_Status s;
-  s.response_class = message.attribute("ResponseClass").value();
-  s.code = child(message, "ResponseCode").text().get();
-  s.text = child(message, "MessageText").text().get();
-  s.back_off_ms = back_off_of(child(message, "MessageXml"));
-  return s;
-}
-
-bool succeeded(const Message_Status& s)
-{
-  return s.response_class == "Success" || (s.response_class == "Warning" && s.code == "NoError");
-}
-
-Host_Status status_of(const Message_Status& s)
-{
-  if (succeeded(s))
-    return Host_Status();
-  if (s.code == "ErrorServerBusy" || s.back_off_ms >= 0)
-    return Host_Status::make(HOST_STATUS_THROTTLED, s.code, s.text, s.back_off_ms);
-  if (ews_is_transient_code(s.code))
-    return Host_Status::make(HOST_STATUS_TRANSIENT, s.code, s.text);
-  return Host_Status::make(HOST_STATUS_PERMANENT, s.code, s.text);
+  return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", what);
 }
 
 // The response messages of an answer, in order.
@@ -84,18 +48,21 @@ void add_field(pugi::xml_node props, const char* uri)
   props.append_child("t:FieldURI").append_attribute("FieldURI") = uri;
 }
 
-void add_page_view(pugi::xml_node op, const char* element, int offset, int max)
+void add_page_view(pugi::xml_node op, const char* element, long offset, int max)
 {
   pugi::xml_node view = op.append_child(element);
   view.append_attribute("MaxEntriesReturned") = max;
-  view.append_attribute("Offset") = offset;
+  view.append_attribute("Offset") = static_cast<long long>(offset);
   view.append_attribute("BasePoint") = "Beginning";
 }
 
-void read_paging(const pugi::xml_node& root, int offset, size_t count, int& next_offset, bool& last)
+// The next position: the server's IndexedPagingOffset, never behind what was
+// read (a server that repeats itself must not make a listing loop).
+void read_paging(const pugi::xml_node& root, long offset, size_t count, EWS_Page_Cursor& next, bool& last)
 {
-  const pugi::xml_attribute next = root.attribute("IndexedPagingOffset");
-  next_offset = next ? next.as_int() : offset + static_cast<int>(count);
+  const long after = offset + static_cast<long>(count);
+  const pugi::xml_attribute attr = root.attribute("IndexedPagingOffset");
+  next = EWS_Page_Cursor::at(attr ? std::max<long>(attr.as_llong(), after) : after);
   last = root.attribute("IncludesLastItemInRange").as_bool(true);
 }
 
@@ -110,6 +77,7 @@ EWS_Item read_item(const pugi::xml_node& element)
   item.display_name = child(element, "DisplayName").text().get();
   item.ctime = ews_xml::parse_time(child(element, "DateTimeCreated").text().get());
   item.mtime = ews_xml::parse_time(child(element, "LastModifiedTime").text().get());
+  item.size = child(element, "Size").text().as_llong(0);
   return item;
 }
 
@@ -127,9 +95,25 @@ std::string basic_credentials(const EWS_Credentials& c)
 }
 }  // namespace
 
-EWS_Soap_Transport::EWS_Soap_Transport(const HTTP_Session_Ptr& session, const std::string& path)
-  : session_(session), path_(path.empty() ? "/EWS/Exchange.asmx" : path)
+EWS_Soap_Transport::EWS_Soap_Transport(const HTTP_Session_Ptr& session, const std::string& path, int transfer_timeout)
+  : session_(session), path_(path.empty() ? "/EWS/Exchange.asmx" : path),
+    transfer_timeout_(transfer_timeout > 0 ? transfer_timeout : 300)
 {
+}
+
+EWS_Transport_Limits EWS_Soap_Transport::limits() const
+{
+  EWS_Transport_Limits l;
+  l.max_page_size = 1000;      // EWSFindCountLimit: a larger page has no effect
+  l.max_export_items = 100;    // Microsoft's recommended cap for ExportItems
+  l.max_upload_items = 100;
+  l.max_request_bytes = max_request_bytes;
+  return l;
+}
+
+bool EWS_Soap_Transport::is_unknown_mailbox(const Host_Status& status) const
+{
+  return status.code == "ErrorNonExistentMailbox";
 }
 
 pugi::xml_node EWS_Soap_Transport::start_envelope(pugi::xml_document& doc, const char* operation) const
@@ -143,24 +127,30 @@ pugi::xml_node EWS_Soap_Transport::start_envelope(pugi::xml_document& doc, const
   env.append_attribute("xmlns:m") = ews_xml::messages_ns;
   pugi::xml_node header = env.append_child("soap:Header");
   header.append_child("t:RequestServerVersion").append_attribute("Version") = server_version;
-  if (!mailbox_.empty())
+  if (!mailbox_.name.empty())
+  {
+    // PrimarySmtpAddress is not used: it matches the primary address only, and
+    // names from the directory are user principal names.
+    const char* form = mailbox_.form == EWS_MAILBOX_SMTP_ADDRESS ? "t:SmtpAddress" : "t:PrincipalName";
     header.append_child("t:ExchangeImpersonation")
       .append_child("t:ConnectingSID")
-      .append_child("t:PrimarySmtpAddress")
+      .append_child(form)
       .text()
-      .set(mailbox_.c_str());
+      .set(mailbox_.name.c_str());
+  }
   return env.append_child("soap:Body").append_child((std::string("m:") + operation).c_str());
 }
 
 Host_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
-                                                 bool parsed) const
+                                                  bool parsed) const
 {
   const long status = response.status();
   const std::string code = "HTTP " + std::to_string(status);
   if (status == 401)
   {
     const std::string* diagnostics = response.headers().get("x-ms-diagnostics");
-    return Host_Status::make(HOST_STATUS_UNAUTHORIZED, code, diagnostics ? *diagnostics : "the credentials were refused");
+    return Host_Status::make(HOST_STATUS_UNAUTHORIZED, code,
+                             diagnostics ? *diagnostics : "the credentials were refused");
   }
   if (status == 429 || status == 503)
     return Host_Status::make(HOST_STATUS_THROTTLED, code, "the service is busy", http_retry_after_ms(response));
@@ -171,35 +161,26 @@ Host_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response,
     const pugi::xml_node fault = child(body, ews_xml::soap_ns, "Fault");
     if (fault)
     {
-      const pugi::xml_node detail = child(fault, "detail");
-      Message_Status s;
-      s.response_class = "Error";
-      s.code = child(detail, "ResponseCode").text().get();
-      s.text = child(detail, "Message").text().get();
-      if (s.text.empty())
-        s.text = child(fault, "faultstring").text().get();
-      s.back_off_ms = back_off_of(child(detail, "MessageXml"));
-      if (s.code.empty())
-        s.code = code;
-      Host_Status st = status_of(s);
-      if (st.kind == HOST_STATUS_PERMANENT && status >= 500 && s.code == code)
+      EWS_Soap_Message m = ews_read_fault(fault);
+      const bool coded = !m.code.empty();
+      if (!coded)
+        m.code = code;
+      Host_Status st = m.status();
+      // A 5xx fault without an EWS code is a passing server failure.
+      if (st.kind == HOST_STATUS_PERMANENT && status >= 500 && !coded)
         st.kind = HOST_STATUS_TRANSIENT;
       return st;
     }
   }
   if (status >= 500)
     return Host_Status::make(HOST_STATUS_TRANSIENT, code, "server error");
-  return Host_Status::make(HOST_STATUS_PERMANENT, code, response.body().substr(0, 256));
+  return Host_Status::make(HOST_STATUS_PERMANENT, code, ews_trim(response.body().substr(0, 256)));
 }
 
-Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
-                                    pugi::xml_document& answer, pugi::xml_node& messages)
+void EWS_Soap_Transport::prepare(HTTP_Request& http, const pugi::xml_document& doc) const
 {
-  if (!session_)
-    return Host_Status::make(HOST_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
   std::ostringstream text;
-  request.save(text, "", pugi::format_raw);
-  HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
+  doc.save(text, "", pugi::format_raw);
   http.body() = text.str();
   http.headers().put("Content-Type", "text/xml; charset=utf-8");
   http.headers().put("Accept", "text/xml");
@@ -207,9 +188,19 @@ Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const ch
     http.headers().put("Authorization", "Bearer " + credentials_.bearer_token);
   else if (!credentials_.user.empty())
     http.headers().put("Authorization", basic_credentials(credentials_));
-  if (!mailbox_.empty())
-    http.headers().put("X-AnchorMailbox", mailbox_);
+  // Routes the request to the mailbox's server; the service accepts the user's
+  // principal name or any of its SMTP addresses here.
+  if (!mailbox_.name.empty())
+    http.headers().put("X-AnchorMailbox", mailbox_.name);
+}
 
+Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
+                                     pugi::xml_document& answer, pugi::xml_node& messages)
+{
+  if (!session_)
+    return Host_Status::make(HOST_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
+  HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
+  prepare(http, request);
   HTTP_Response response;
   const bool sent = session_->perform(http, response);
   http.headers().clear();
@@ -224,13 +215,12 @@ Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const ch
   messages = child(op_response, "ResponseMessages");
   if (!parsed || !messages)
     // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying.
-    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer",
-                            std::string("incomplete or unreadable ") + operation + " answer");
+    return malformed(std::string("incomplete or unreadable ") + operation + " answer");
   return Host_Status();
 }
 
-Host_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
-                                            EWS_Folder_Page& page)
+Host_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool deep, const EWS_Page_Cursor& at,
+                                             int max, EWS_Folder_Page& page)
 {
   pugi::xml_document doc;
   pugi::xml_node op = start_envelope(doc, "FindFolder");
@@ -239,7 +229,7 @@ Host_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool 
   shape.append_child("t:BaseShape").text().set("Default");
   if (deep)
     add_field(shape.append_child("t:AdditionalProperties"), "folder:ParentFolderId");
-  add_page_view(op, "m:IndexedPageFolderView", offset, max);
+  add_page_view(op, "m:IndexedPageFolderView", at.offset, max);
   add_folder_ref(op.append_child("m:ParentFolderIds"), parent);
 
   pugi::xml_document answer;
@@ -249,24 +239,24 @@ Host_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool 
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "FindFolder answer without a message");
-  status = status_of(read_message(list[0]));
+    return malformed("FindFolder answer without a message");
+  status = ews_read_message(list[0]).status();
   if (!status.ok())
     return status;
   const pugi::xml_node root = child(list[0], "RootFolder");
-  const pugi::xml_node folders = child(root, "Folders");
-  for (pugi::xml_node f = folders.first_child(); f; f = f.next_sibling())
+  for (pugi::xml_node f = child(root, "Folders").first_child(); f; f = f.next_sibling())
   {
     if (f.type() != pugi::node_element)
       continue;
     page.folders.emplace_back(f);
     page.parent_ids.push_back(child(f, "ParentFolderId").attribute("Id").value());
   }
-  read_paging(root, offset, page.folders.size(), page.next_offset, page.last);
+  read_paging(root, at.offset, page.folders.size(), page.next, page.last);
   return status;
 }
 
-Host_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page)
+Host_Status EWS_Soap_Transport::find_items(const std::string& folder_id, const EWS_Page_Cursor& at, int max,
+                                           EWS_Item_Page& page)
 {
   pugi::xml_document doc;
   pugi::xml_node op = start_envelope(doc, "FindItem");
@@ -277,7 +267,8 @@ Host_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int off
   add_field(props, "item:Subject");
   add_field(props, "item:DateTimeCreated");
   add_field(props, "item:LastModifiedTime");
-  add_page_view(op, "m:IndexedPageItemView", offset, max);
+  add_field(props, "item:Size");
+  add_page_view(op, "m:IndexedPageItemView", at.offset, max);
   EWS_Folder_Ref ref;
   ref.id = folder_id;
   add_folder_ref(op.append_child("m:ParentFolderIds"), ref);
@@ -289,28 +280,28 @@ Host_Status EWS_Soap_Transport::find_items(const std::string& folder_id, int off
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "FindItem answer without a message");
-  status = status_of(read_message(list[0]));
+    return malformed("FindItem answer without a message");
+  status = ews_read_message(list[0]).status();
   if (!status.ok())
     return status;
   const pugi::xml_node root = child(list[0], "RootFolder");
   for (pugi::xml_node i = child(root, "Items").first_child(); i; i = i.next_sibling())
     if (i.type() == pugi::node_element)
       page.items.push_back(read_item(i));
-  read_paging(root, offset, page.items.size(), page.next_offset, page.last);
+  read_paging(root, at.offset, page.items.size(), page.next, page.last);
   return status;
 }
 
-Host_Status EWS_Soap_Transport::export_items(EWS_Export_Requests& requests)
+Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Request*>& requests)
 {
   pugi::xml_document doc;
   pugi::xml_node ids = start_envelope(doc, "ExportItems").append_child("m:ItemIds");
-  for (const EWS_Export_Request& r : requests)
+  for (const EWS_Export_Request* r : requests)
   {
     pugi::xml_node id = ids.append_child("t:ItemId");
-    id.append_attribute("Id") = r.id.c_str();
-    if (!r.change_key.empty())
-      id.append_attribute("ChangeKey") = r.change_key.c_str();
+    id.append_attribute("Id") = r->id.c_str();
+    if (!r->change_key.empty())
+      id.append_attribute("ChangeKey") = r->change_key.c_str();
   }
   pugi::xml_document answer;
   pugi::xml_node messages;
@@ -318,29 +309,25 @@ Host_Status EWS_Soap_Transport::export_items(EWS_Export_Requests& requests)
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
-  if (list.size() != requests.size())
-    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "ExportItems answer count differs");
-
-  Host_Status overall;
-  for (size_t i = 0; i < list.size(); ++i)
+  for (size_t i = 0; i < list.size() && i < requests.size(); ++i)
   {
-    EWS_Export_Request& r = requests[i];
-    const Message_Status s = read_message(list[i]);
-    const Host_Status item_status = status_of(s);
-    const pugi::xml_node data = child(list[i], "Data");
-    if (item_status.ok() && EWS_b64_Data::decode(data.text().get(), std::char_traits<char>::length(data.text().get()), r.data) && r.data.size > 0)
-    {
-      r.error.clear();
-      continue;
-    }
+    EWS_Export_Request& r = *requests[i];
     r.data = EWS_b64_Data();
-    r.error = item_status.ok() ? "invalid export data" : s.code;
-    if (item_status.ok())
-      overall = Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "invalid export data of an item");
-    else if (item_status.kind == HOST_STATUS_THROTTLED || item_status.kind == HOST_STATUS_TRANSIENT)
-      overall = item_status;
+    r.status = ews_read_message(list[i]).status();
+    if (!r.status.ok())
+      continue;
+    const char* text = child(list[i], "Data").text().get();
+    if (!EWS_b64_Data::decode(text, std::char_traits<char>::length(text), r.data) || r.data.size == 0)
+    {
+      // Damaged data fails this item alone; the others of the batch stand.
+      r.data = EWS_b64_Data();
+      r.status = Host_Status::make(HOST_STATUS_PERMANENT, "invalid export data", "the item's data is not base64");
+    }
   }
-  return overall;
+  if (list.size() != requests.size())
+    return malformed("ExportItems answer has " + std::to_string(list.size()) + " messages for " +
+                     std::to_string(requests.size()) + " items");
+  return status;
 }
 
 Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request)
@@ -359,15 +346,13 @@ Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "CreateFolder answer without a message");
-  status = status_of(read_message(list[0]));
+    return malformed("CreateFolder answer without a message");
+  status = ews_read_message(list[0]).status();
   if (!status.ok())
     return status;
-  const pugi::xml_node created = child(child(list[0], "Folders"), "Folder");
-  pugi::xml_node id = child(created, "FolderId");
-  if (!id)
-    for (pugi::xml_node f = child(list[0], "Folders").first_child(); f && !id; f = f.next_sibling())
-      id = child(f, "FolderId");
+  pugi::xml_node id;
+  for (pugi::xml_node f = child(list[0], "Folders").first_child(); f && !id; f = f.next_sibling())
+    id = child(f, "FolderId");
   if (!id || !*id.attribute("Id").value())
     return Host_Status::make(HOST_STATUS_PERMANENT, "malformed answer", "CreateFolder answer without a folder id");
   request.id = id.attribute("Id").value();
@@ -376,7 +361,7 @@ Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_
 }
 
 Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
-                                            std::vector<std::string>& ids, std::vector<std::string>& errors)
+                                             std::vector<EWS_Upload_Result>& results)
 {
   pugi::xml_document doc;
   pugi::xml_node list_node = start_envelope(doc, "UploadItems").append_child("m:Items");
@@ -394,24 +379,13 @@ Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.size() != items.size())
-    return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", "UploadItems answer count differs");
-  ids.assign(items.size(), std::string());
-  errors.assign(items.size(), std::string());
-  Host_Status overall;
+    return malformed("UploadItems answer count differs");
+  results.assign(items.size(), EWS_Upload_Result());
   for (size_t i = 0; i < list.size(); ++i)
   {
-    const Message_Status s = read_message(list[i]);
-    const Host_Status item_status = status_of(s);
-    if (item_status.ok())
-    {
-      ids[i] = child(list[i], "ItemId").attribute("Id").value();
-      continue;
-    }
-    errors[i] = s.code + (s.text.empty() ? "" : ": " + s.text);
-    if (item_status.kind == HOST_STATUS_THROTTLED || item_status.kind == HOST_STATUS_TRANSIENT)
-      overall = item_status;
-    else if (overall.ok())
-      overall = item_status;
+    results[i].status = ews_read_message(list[i]).status();
+    if (results[i].status.ok())
+      results[i].id = child(list[i], "ItemId").attribute("Id").value();
   }
-  return overall;
+  return status;
 }

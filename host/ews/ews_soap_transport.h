@@ -9,42 +9,57 @@
 #include <string>
 
 // EWS over SOAP 1.1: one POST of a SOAP envelope per call to the service URL,
-// with RequestServerVersion, ExchangeImpersonation for the chosen mailbox and
-// the X-AnchorMailbox header. Answers are read by namespace and local name.
+// with RequestServerVersion, ExchangeImpersonation for the chosen mailbox
+// (t:PrincipalName or t:SmtpAddress) and the X-AnchorMailbox header. Answers
+// are read by namespace and local name. Pages by numeric offset.
 class EWS_Soap_Transport : public EWS_Transport
 {
 public:
   // The schema version asked for: ExportItems and UploadItems need Exchange 2010
   // SP1 or later.
   static const char* const server_version;
+  // Item bytes per ExportItems/UploadItems request: the base64 of 16 MiB stays
+  // under the 25 MB that Exchange accepts in one UploadItems request by default.
+  static const long long max_request_bytes = 16LL << 20;
 
-  EWS_Soap_Transport(const HTTP_Session_Ptr& session, const std::string& path);
+  // `transfer_timeout`: seconds for a request without item data; requests that
+  // carry or fetch items get more, in proportion to their bytes.
+  EWS_Soap_Transport(const HTTP_Session_Ptr& session, const std::string& path, int transfer_timeout = 300);
 
-  void set_mailbox(const std::string& mailbox) override { mailbox_ = mailbox; }
+  const char* name() const override { return "ews"; }
+  EWS_Transport_Limits limits() const override;
+  void set_mailbox(const EWS_Mailbox& mailbox) override { mailbox_ = mailbox; }
   void set_credentials(const EWS_Credentials& credentials) override { credentials_ = credentials; }
+  void set_cancel_check(const EWS_Cancel_Check& check) override { cancel_check_ = check; }
+  bool is_unknown_mailbox(const Host_Status& status) const override;
 
-  Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
-                          EWS_Folder_Page& page) override;
-  Host_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) override;
-  Host_Status export_items(EWS_Export_Requests& requests) override;
+  Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, const EWS_Page_Cursor& at, int max,
+                           EWS_Folder_Page& page) override;
+  Host_Status find_items(const std::string& folder_id, const EWS_Page_Cursor& at, int max,
+                         EWS_Item_Page& page) override;
+  Host_Status export_items(const std::vector<EWS_Export_Request*>& requests) override;
   Host_Status create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request) override;
   Host_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
-                          std::vector<std::string>& ids, std::vector<std::string>& errors) override;
+                           std::vector<EWS_Upload_Result>& results) override;
 
 private:
   // Builds an envelope whose body holds one element "m:<operation>", returned.
   pugi::xml_node start_envelope(pugi::xml_document& doc, const char* operation) const;
+  // The request with its headers, carrying `doc` as its body.
+  void prepare(HTTP_Request& http, const pugi::xml_document& doc) const;
   // Posts the envelope and reads the answer's response messages element
   // ("m:<operation>Response/m:ResponseMessages") into `messages`.
   Host_Status call(const pugi::xml_document& request, const char* operation, pugi::xml_document& answer,
-                  pugi::xml_node& messages);
+                   pugi::xml_node& messages);
   Host_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
-                               bool parsed) const;
+                                bool parsed) const;
 
   HTTP_Session_Ptr session_;
   std::string path_;
-  std::string mailbox_;
+  int transfer_timeout_;
+  EWS_Mailbox mailbox_;
   EWS_Credentials credentials_;
+  EWS_Cancel_Check cancel_check_;
 };
 
 #endif

@@ -1,11 +1,14 @@
 #ifndef HOST_EWS_EWS_TRANSPORT_H
 #define HOST_EWS_EWS_TRANSPORT_H
 
+#include "host/base/host_status.h"
 #include "host/ews/ews_export_request.h"
 #include "host/ews/ews_folder.h"
 #include "host/ews/ews_folder_creation_request.h"
-#include "host/ews/ews_status.h"
+#include "host/ews/ews_page_cursor.h"
 
+#include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,12 +20,12 @@ struct EWS_Folder_Ref
 };
 
 // One page of a folder listing. For deep listings `parent_ids[i]` is the id of
-// the parent of `folders[i]`.
+// the parent of `folders[i]`. `next` is where the listing goes on unless `last`.
 struct EWS_Folder_Page
 {
   EWS_Folders folders;
   std::vector<std::string> parent_ids;
-  int next_offset = 0;
+  EWS_Page_Cursor next;
   bool last = true;
 };
 
@@ -30,7 +33,7 @@ struct EWS_Folder_Page
 struct EWS_Item_Page
 {
   EWS_Items items;
-  int next_offset = 0;
+  EWS_Page_Cursor next;
   bool last = true;
 };
 
@@ -43,33 +46,79 @@ struct EWS_Credentials
   std::string password;
 };
 
+// How a mailbox name is given to the service. A user principal name and an SMTP
+// address look alike; the client says which it means (see
+// docs/decisions/0008-mailbox-names-and-impersonation.md).
+enum EWS_Mailbox_Form
+{
+  EWS_MAILBOX_PRINCIPAL_NAME = 1,  // the user's UPN
+  EWS_MAILBOX_SMTP_ADDRESS = 2,    // the primary or any proxy SMTP address
+};
+
+// The mailbox requests act for; an empty name is the caller's own mailbox.
+struct EWS_Mailbox
+{
+  std::string name;
+  EWS_Mailbox_Form form = EWS_MAILBOX_PRINCIPAL_NAME;
+};
+
+// The most one request may carry, as the service behind a transport accepts it.
+// A single item larger than `max_request_bytes` still goes, alone.
+struct EWS_Transport_Limits
+{
+  int max_page_size = 1000;             // items or folders per listing page
+  int max_export_items = 100;           // item ids per export request
+  int max_upload_items = 100;           // items per upload request
+  long long max_request_bytes = 0;      // item bytes per export or upload request
+};
+
+// The result of uploading one item: its new id, or why it was refused.
+struct EWS_Upload_Result
+{
+  std::string id;
+  Host_Status status;
+};
+
+// Returns true when the transfer under way should stop (the client was cancelled).
+typedef std::function<bool()> EWS_Cancel_Check;
+
 // The wire side of EWS_Client: each call makes exactly one request and reports
-// how it ended. Retrying, throttling, paging and token renewal are the client's
-// job, so that every transport (SOAP today, Microsoft Graph later) shares them.
-// One thread at a time.
+// how it ended as a Host_Status. Retrying, throttling, paging, batching and token
+// renewal are the client's job, so that every transport (SOAP today, Microsoft
+// Graph later) shares them. Batch calls report one status per item; the call's
+// own status is not ok only when the request as a whole failed. One thread at a
+// time; made by EWS_Transport_Factory.
 class EWS_Transport
 {
 public:
   virtual ~EWS_Transport() = default;
 
-  // The mailbox that later requests act for; empty for the caller's own.
-  virtual void set_mailbox(const std::string& mailbox) = 0;
-  virtual void set_credentials(const EWS_Credentials& credentials) = 0;
+  // The name the factory knows this transport by ("ews").
+  virtual const char* name() const = 0;
+  virtual EWS_Transport_Limits limits() const = 0;
 
-  virtual Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, int offset, int max,
-                                  EWS_Folder_Page& page) = 0;
-  virtual Host_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) = 0;
-  // Fills `data` of each request the server exported and sets `error` of each it
-  // refused. The status is THROTTLED or TRANSIENT when some refusals may pass
-  // with time (those requests keep a null `data.ptr` and a transient `error`).
-  virtual Host_Status export_items(EWS_Export_Requests& requests) = 0;
+  virtual void set_mailbox(const EWS_Mailbox& mailbox) = 0;
+  virtual void set_credentials(const EWS_Credentials& credentials) = 0;
+  // Polled while an answer arrives; a transfer stops early when it returns true.
+  virtual void set_cancel_check(const EWS_Cancel_Check& check) = 0;
+  // True when `status` says the service knows no mailbox by the name given in
+  // the form last set (another form of the same name may still find it).
+  virtual bool is_unknown_mailbox(const Host_Status& status) const = 0;
+
+  virtual Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, const EWS_Page_Cursor& at, int max,
+                                   EWS_Folder_Page& page) = 0;
+  virtual Host_Status find_items(const std::string& folder_id, const EWS_Page_Cursor& at, int max,
+                                 EWS_Item_Page& page) = 0;
+  // Exports the items in one request. Each request the answer covers gets its
+  // `status` and, when ok, its `data`; data that cannot be decoded fails that
+  // item alone (permanent). Requests the answer did not reach (a cut answer)
+  // are left as they were, and the call's status says why.
+  virtual Host_Status export_items(const std::vector<EWS_Export_Request*>& requests) = 0;
   virtual Host_Status create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request) = 0;
-  // Uploads each item as a new item of folder `parent_id`. `ids` receives one
-  // entry per item: the new id, or empty when that item was refused, in which
-  // case `errors` holds the server's code. The status is THROTTLED or TRANSIENT
-  // when the refusals may pass with time.
+  // Uploads each item as a new item of folder `parent_id`; `results` gets one
+  // entry per item when the call's status is ok.
   virtual Host_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
-                                  std::vector<std::string>& ids, std::vector<std::string>& errors) = 0;
+                                   std::vector<EWS_Upload_Result>& results) = 0;
 };
 
 #endif

@@ -31,6 +31,13 @@ bool Office365_Auth_Entry::load(const nlohmann::ordered_json& object)
       return false;
     loaded.*f.member = it->get<std::string>();
   }
+  const auto transport = object.find("transport");
+  if (transport != object.end())
+  {
+    if (!transport->is_string() || !known_transport(transport->get<std::string>()))
+      return false;
+    loaded.transport = transport->get<std::string>();
+  }
   *this = std::move(loaded);
   return true;
 }
@@ -41,5 +48,12 @@ nlohmann::ordered_json Office365_Auth_Entry::to_json(bool with_secret) const
   for (const Field& f : fields)
     if (with_secret || f.member != &Office365_Auth_Entry::client_secret)
       object[f.key] = this->*f.member;
+  object["transport"] = transport;
   return object;
+}
+
+bool Office365_Auth_Entry::known_transport(const std::string& name)
+{
+  // The EWS client's transport factory makes each of these.
+  return name == "ews";
 }

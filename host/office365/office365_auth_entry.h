@@ -17,12 +17,19 @@ struct Office365_Auth_Entry
   std::string tenant_id;
   std::string client_id;
   std::string client_secret;
+  // The EWS client's transport for this tenant: "ews" (EWS over SOAP, the
+  // default). An older registry without the key means "ews".
+  std::string transport = "ews";
 
   // Reads the registration from an object whose keys are the field names. Every
-  // key is required and must be a string; false (entry unchanged) otherwise.
+  // key but "transport" is required and must be a string, and a transport must
+  // be a known one; false (entry unchanged) otherwise.
   bool load(const nlohmann::ordered_json& object);
   // The object load() reads. With `with_secret` false, "client_secret" is left out.
   nlohmann::ordered_json to_json(bool with_secret) const;
+
+  // The transport names a registration may give.
+  static bool known_transport(const std::string& name);
 };
 
 #endif

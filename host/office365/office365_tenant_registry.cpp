@@ -79,7 +79,8 @@ bool Office365_Tenant_Registry::load(std::string& error)
     if (!entry.load(item.value()))
     {
       tenants_.clear();
-      error = "tenant registry '" + path_ + "': registration '" + item.key() + "' lacks a field";
+      error = "tenant registry '" + path_ + "': registration '" + item.key() +
+              "' lacks a field or names an unknown transport";
       return false;
     }
     tenants_.emplace_back(item.key(), entry);
@@ -156,7 +157,7 @@ std::string Office365_Tenant_Registry::describe() const
     const Office365_Auth_Entry& e = t.second;
     text += t.first + "  tenant_id=" + e.tenant_id + "  client_id=" + e.client_id +
             "  tenant_email=" + e.tenant_email + "  login=" + e.ms_login_endpoint +
-            "  graph=" + e.ms_graph_endpoint + "  ews=" + e.ews_endpoint + "\n";
+            "  graph=" + e.ms_graph_endpoint + "  ews=" + e.ews_endpoint + "  transport=" + e.transport + "\n";
   }
   return text;
 }

@@ -146,7 +146,7 @@ TEST(EwsClientSim, ExportsItemsAndReportsRefusedOnesPerItem)
   EXPECT_TRUE(requests[0].data.ptr);
   EXPECT_GT(requests[0].data.size, 0);
   EXPECT_FALSE(requests[1].data.ptr);
-  EXPECT_EQ(requests[1].error, "ErrorItemNotFound");
+  EXPECT_EQ(requests[1].status.code, "ErrorItemNotFound");
   EXPECT_TRUE(requests[2].data.ptr && requests[3].data.ptr);
   EXPECT_TRUE(capture.contains(items[1].id));
 
@@ -163,7 +163,7 @@ TEST(EwsClientSim, ExportsItemsAndReportsRefusedOnesPerItem)
   bad[0].id = "not-an-id";
   ASSERT_TRUE(client->export_items(bad));
   EXPECT_FALSE(bad[0].data.ptr);
-  EXPECT_EQ(bad[0].error, "ErrorInvalidIdMalformed");
+  EXPECT_EQ(bad[0].status.code, "ErrorInvalidIdMalformed");
 }
 
 TEST(EwsClientSim, CreatesFoldersAndUploadsItemsThatExportTheSame)

@@ -80,6 +80,35 @@ TEST(Office365TenantRegistry, SavesPrivatelyAndReadsBack)
   EXPECT_FALSE(get_office365_auth_entry("u1", entry));
 }
 
+TEST(Office365TenantRegistry, KeepsEachRegistrationsTransport)
+{
+  // An entry written before registrations named a transport means EWS over SOAP.
+  nlohmann::ordered_json object = sample("a.test").to_json(true);
+  EXPECT_EQ(object["transport"], "ews");
+  object.erase("transport");
+  Office365_Auth_Entry entry;
+  entry.transport = "";
+  ASSERT_TRUE(entry.load(object));
+  EXPECT_EQ(entry.transport, "ews");
+  for (const nlohmann::ordered_json& bad : {nlohmann::ordered_json("graph-beta"), nlohmann::ordered_json(3)})
+  {
+    object["transport"] = bad;
+    EXPECT_FALSE(entry.load(object)) << bad;
+  }
+
+  Temp_Dir dir;
+  const std::string path = dir.file("tenants.json");
+  {
+    std::ofstream out(path);
+    out << "{\"format_version\":1,\"tenants\":{\"u\":" << object.dump() << "}}";
+  }
+  ::chmod(path.c_str(), 0600);
+  Office365_Tenant_Registry registry(path);
+  std::string error;
+  EXPECT_FALSE(registry.load(error));
+  EXPECT_NE(error.find("unknown transport"), std::string::npos) << error;
+}
+
 TEST(Office365TenantRegistry, RefusesExposedOrDamagedFiles)
 {
   Temp_Dir dir;

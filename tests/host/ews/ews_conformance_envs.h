@@ -1,0 +1,125 @@
+#ifndef TESTS_HOST_EWS_EWS_CONFORMANCE_ENVS_H
+#define TESTS_HOST_EWS_EWS_CONFORMANCE_ENVS_H
+
+// The services the transport conformance suite runs against. Each gives
+// transports acting for one of its mailboxes, the names of that mailbox, a
+// folder of ten items, and the faults it can inject; a fault it cannot inject
+// answers false and the test that needs it is skipped.
+
+#include "ews_fake_service.h"
+#include "ews_fake_transport.h"
+#include "ews_scripted_soap.h"
+
+#include "host/ews/ews_transport_factory.h"
+#include "host/office365/office365_auth.h"
+#include "support/exo_sim_process.h"
+#include "support/scripted_server.h"
+
+#include <memory>
+#include <string>
+
+// The SOAP transport against the simulator.
+struct Soap_On_Exo_Sim
+{
+  Exo_Sim_Process sim{{"--profile", "tiny", "--page-size", "10"}};
+  std::shared_ptr<Office365_Auth> auth = std::make_shared<Office365_Auth>(sim.entry(), sim.base() + "/.default");
+
+  std::unique_ptr<EWS_Transport> transport()
+  {
+    EWS_Transport_Settings settings;
+    settings.endpoint = sim.entry().ews_endpoint;
+    std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("ews", settings);
+    EWS_Credentials c;
+    if (t && auth->get_token(c.bearer_token))
+      t->set_credentials(c);
+    return t;
+  }
+  std::string upn() const { return sim.mailbox("alice.archer"); }
+  std::string smtp() const { return sim.mailbox("alice.archer"); }
+  std::string proxy() const { return ""; }
+  std::string ten_items(EWS_Transport& t)
+  {
+    EWS_Folder_Page top, inbox;
+    EWS_Folder_Ref root;
+    if (!t.find_folders(root, false, EWS_Page_Cursor(), 1000, top).ok())
+      return "";
+    for (const EWS_Folder& f : top.folders)
+      if (f.display_name == "Inbox")
+      {
+        EWS_Folder_Ref ref;
+        ref.id = f.id;
+        if (!t.find_folders(ref, false, EWS_Page_Cursor(), 1000, inbox).ok())
+          return "";
+      }
+    for (const EWS_Folder& f : inbox.folders)
+      if (f.display_name == "Exactly one page")
+        return f.id;
+    return "";
+  }
+  void throttle(long back_off_ms) { sim.set_faults({{"busy_rate", 1.0}, {"busy_backoff_ms", back_off_ms}}); }
+  void calm() { sim.set_faults({{"busy_rate", 0.0}}); }
+  bool fail_item(const std::string& id)
+  {
+    sim.set_faults({{"fail_items", {id}}});
+    return true;
+  }
+  bool damage_item(const std::string&) { return false; }
+};
+
+// The part the two environments over Ews_Fake_Service share.
+struct Fake_Service_Env
+{
+  std::shared_ptr<Ews_Fake_Service> service = std::make_shared<Ews_Fake_Service>();
+
+  std::string upn() const { return service->mailbox(0).upn; }
+  std::string smtp() const { return service->mailbox(0).smtp; }
+  std::string proxy() const { return service->mailbox(0).proxies.at(0); }
+  std::string ten_items(EWS_Transport&) const
+  {
+    return service->folder_id(0, service->folder_id(0, Ews_Fake_Service::root_id, "Inbox"), "Ten items");
+  }
+  void throttle(long back_off_ms)
+  {
+    service->call_faults.push_back(Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy",
+                                                     "The server cannot service this request right now.", back_off_ms));
+  }
+  void calm() { service->call_faults.clear(); }
+  bool fail_item(const std::string& id)
+  {
+    service->item_faults[id].push_back(
+      Host_Status::make(HOST_STATUS_PERMANENT, "ErrorItemNotFound", "The specified object was not found in the store."));
+    return true;
+  }
+  bool damage_item(const std::string& id)
+  {
+    service->damaged.insert(id);
+    return true;
+  }
+};
+
+// The SOAP transport against a scripted server answering in Microsoft's sample style.
+struct Soap_On_Scripted_Server : Fake_Service_Env
+{
+  Ews_Scripted_Soap soap{service};
+  Scripted_Server server{[this](const Scripted_Request& r) { return soap.answer(r); }};
+
+  std::unique_ptr<EWS_Transport> transport()
+  {
+    EWS_Transport_Settings settings;
+    settings.endpoint = server.url("/EWS/Exchange.asmx");
+    std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("ews", settings);
+    EWS_Credentials c;
+    c.bearer_token = "scripted";
+    if (t)
+      t->set_credentials(c);
+    return t;
+  }
+};
+
+// The in-memory fake, which must behave as the real transports do.
+struct Fake_Transport_Env : Fake_Service_Env
+{
+  std::unique_ptr<EWS_Transport> transport() { return std::unique_ptr<EWS_Transport>(new Ews_Fake_Transport(service)); }
+};
+
+#endif
