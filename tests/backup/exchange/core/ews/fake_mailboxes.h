@@ -99,11 +99,20 @@ class Fake_EWS_Transport : public EWS_Transport
 public:
   explicit Fake_EWS_Transport(Fake_Mailboxes& boxes) : boxes_(boxes) {}
 
-  void set_mailbox(const std::string& mailbox) override { mailbox_ = mailbox; }
+  const char* name() const override { return "fake"; }
+  EWS_Transport_Limits limits() const override { return EWS_Transport_Limits(); }
+  void set_mailbox(const EWS_Mailbox& mailbox) override { mailbox_ = mailbox.name; }
   void set_credentials(const EWS_Credentials&) override {}
-
-  Host_Status find_folders(const EWS_Folder_Ref& parent, bool, int offset, int max, EWS_Folder_Page& page) override
+  void set_cancel_check(const EWS_Cancel_Check&) override {}
+  bool is_unknown_mailbox(const Host_Status& status) const override
   {
+    return status.code == "ErrorNonExistentMailbox";
+  }
+
+  Host_Status find_folders(const EWS_Folder_Ref& parent, bool, const EWS_Page_Cursor& at, int max,
+                           EWS_Folder_Page& page) override
+  {
+    const int offset = static_cast<int>(at.offset);
     auto box = boxes_.mailboxes.find(mailbox_);
     if (box == boxes_.mailboxes.end())
       return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorNonExistentMailbox", "no mailbox " + mailbox_);
@@ -126,13 +135,16 @@ public:
       page.folders.push_back(folder);
       page.parent_ids.push_back(parent.id);
     }
-    page.next_offset = offset + static_cast<int>(page.folders.size());
-    page.last = page.next_offset >= static_cast<int>(list->size());
+    const int next = offset + static_cast<int>(page.folders.size());
+    page.next = EWS_Page_Cursor::at(next);
+    page.last = next >= static_cast<int>(list->size());
     return Host_Status();
   }
 
-  Host_Status find_items(const std::string& folder_id, int offset, int max, EWS_Item_Page& page) override
+  Host_Status find_items(const std::string& folder_id, const EWS_Page_Cursor& at, int max,
+                         EWS_Item_Page& page) override
   {
+    const int offset = static_cast<int>(at.offset);
     ++boxes_.find_items_calls;
     auto box = boxes_.mailboxes.find(mailbox_);
     const Fake_Folder* f = box == boxes_.mailboxes.end() ? nullptr : boxes_.find(box->second, folder_id);
@@ -148,25 +160,27 @@ public:
       item.ctime = f->items[i].ctime;
       page.items.push_back(item);
     }
-    page.next_offset = offset + static_cast<int>(page.items.size());
-    page.last = page.next_offset >= static_cast<int>(f->items.size());
+    const int next = offset + static_cast<int>(page.items.size());
+    page.next = EWS_Page_Cursor::at(next);
+    page.last = next >= static_cast<int>(f->items.size());
     return Host_Status();
   }
 
-  Host_Status export_items(EWS_Export_Requests& requests) override
+  Host_Status export_items(const std::vector<EWS_Export_Request*>& requests) override
   {
     ++boxes_.export_calls;
     if (boxes_.fail_exports)
       return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "export refused");
-    for (EWS_Export_Request& r : requests)
+    for (EWS_Export_Request* r : requests)
     {
-      if (boxes_.refused_items.count(r.id))
+      if (boxes_.refused_items.count(r->id))
       {
-        r.error = "ErrorItemNotFound";
+        r->status = Host_Status::make(HOST_STATUS_PERMANENT, "ErrorItemNotFound", "no item " + r->id);
         continue;
       }
-      const std::string bytes = boxes_.content(r.id);
-      r.data = EWS_b64_Data::copy_of(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+      const std::string bytes = boxes_.content(r->id);
+      r->data = EWS_b64_Data::copy_of(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+      r->status = Host_Status();
     }
     return Host_Status();
   }
@@ -175,8 +189,8 @@ public:
   {
     return Host_Status::make(HOST_STATUS_PERMANENT, "", "not simulated");
   }
-  Host_Status upload_items(const std::string&, const std::vector<const ustring*>&, std::vector<std::string>&,
-                           std::vector<std::string>&) override
+  Host_Status upload_items(const std::string&, const std::vector<const ustring*>&,
+                           std::vector<EWS_Upload_Result>&) override
   {
     return Host_Status::make(HOST_STATUS_PERMANENT, "", "not simulated");
   }
