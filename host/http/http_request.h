@@ -3,6 +3,8 @@
 
 #include "host/http/cgi_base.h"
 
+#include <cstddef>
+#include <functional>
 #include <string>
 
 enum Http_Method
@@ -29,6 +31,12 @@ public:
   const std::string& query_string() const { return query_; }
   // Path and query as sent on the request line.
   std::string target() const;
+
+  // When set, the answer's body goes here as it arrives instead of into the
+  // response's body(); returning false stops the transfer (a transport failure).
+  std::function<bool(const char* data, size_t size)> body_sink;
+  // Seconds for this request's whole transfer; 0: the session's time limit.
+  long timeout = 0;
 
 private:
   int method_;

@@ -10,9 +10,18 @@ namespace
 {
 std::once_flag curl_init_once;
 
+struct Body_Target
+{
+  const HTTP_Request* request;
+  HTTP_Response* response;
+};
+
 size_t write_body(char* data, size_t size, size_t count, void* user)
 {
-  static_cast<HTTP_Response*>(user)->body().append(data, size * count);
+  const Body_Target* target = static_cast<const Body_Target*>(user);
+  if (target->request->body_sink)
+    return target->request->body_sink(data, size * count) ? size * count : 0;
+  target->response->body().append(data, size * count);
   return size * count;
 }
 
@@ -124,7 +133,7 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
   curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, settings_.connect_timeout);
-  curl_easy_setopt(curl_, CURLOPT_TIMEOUT, settings_.transfer_timeout);
+  curl_easy_setopt(curl_, CURLOPT_TIMEOUT, request.timeout > 0 ? request.timeout : settings_.transfer_timeout);
   curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, 2L);
   if (!settings_.ca_file.empty())
@@ -132,7 +141,8 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
   curl_easy_setopt(curl_, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl_, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, write_body);
-  curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &response);
+  Body_Target target{&request, &response};
+  curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &target);
   curl_easy_setopt(curl_, CURLOPT_HEADERFUNCTION, write_header);
   curl_easy_setopt(curl_, CURLOPT_HEADERDATA, &response);
   curl_easy_setopt(curl_, CURLOPT_CUSTOMREQUEST, method_name(request.method()));
