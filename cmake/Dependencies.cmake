@@ -9,6 +9,8 @@ find_package(Boost 1.74 REQUIRED)
 find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(pugixml REQUIRED)
+# expat parses ExportItems answers as they arrive (pugixml only reads whole documents).
+find_package(EXPAT REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(GTest REQUIRED)
 

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 PACKAGES=(
   build-essential cmake ninja-build ccache clang-format pkg-config git curl zstd
   libace-dev libyajl-dev nlohmann-json3-dev libboost-dev
-  libcurl4-openssl-dev libcpp-httplib-dev libpugixml-dev
+  libcurl4-openssl-dev libcpp-httplib-dev libpugixml-dev libexpat1-dev
   libsqlite3-dev libzstd-dev libssl-dev libgtest-dev libgmock-dev
 )
 

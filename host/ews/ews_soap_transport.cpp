@@ -1,5 +1,6 @@
 #include "host/ews/ews_soap_transport.h"
 
+#include "host/ews/ews_export_stream.h"
 #include "host/ews/ews_soap_status.h"
 #include "host/ews/ews_xml.h"
 #include "host/http/http_status.h"
@@ -195,12 +196,13 @@ void EWS_Soap_Transport::prepare(HTTP_Request& http, const pugi::xml_document& d
 }
 
 Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
-                                     pugi::xml_document& answer, pugi::xml_node& messages)
+                                     pugi::xml_document& answer, pugi::xml_node& messages, long long bytes)
 {
   if (!session_)
     return Host_Status::make(HOST_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
   HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
   prepare(http, request);
+  http.transfer_timeout(timeout_for(bytes));
   HTTP_Response response;
   const bool sent = session_->perform(http, response);
   http.headers().clear();
@@ -292,42 +294,66 @@ Host_Status EWS_Soap_Transport::find_items(const std::string& folder_id, const E
   return status;
 }
 
+long EWS_Soap_Transport::timeout_for(long long bytes) const
+{
+  // At least 256 KiB/s on top of the time a request without items may take.
+  return transfer_timeout_ + static_cast<long>(bytes / (256 * 1024));
+}
+
 Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Request*>& requests)
 {
+  if (!session_)
+    return Host_Status::make(HOST_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
   pugi::xml_document doc;
   pugi::xml_node ids = start_envelope(doc, "ExportItems").append_child("m:ItemIds");
+  long long expected = 0;
   for (const EWS_Export_Request* r : requests)
   {
     pugi::xml_node id = ids.append_child("t:ItemId");
     id.append_attribute("Id") = r->id.c_str();
     if (!r->change_key.empty())
       id.append_attribute("ChangeKey") = r->change_key.c_str();
+    expected += r->size > 0 ? r->size : 0;
   }
-  pugi::xml_document answer;
-  pugi::xml_node messages;
-  Host_Status status = call(doc, "ExportItems", answer, messages);
-  if (!status.ok())
-    return status;
-  const std::vector<pugi::xml_node> list = message_list(messages);
-  for (size_t i = 0; i < list.size() && i < requests.size(); ++i)
-  {
-    EWS_Export_Request& r = *requests[i];
-    r.data = EWS_b64_Data();
-    r.status = ews_read_message(list[i]).status();
-    if (!r.status.ok())
-      continue;
-    const char* text = child(list[i], "Data").text().get();
-    if (!EWS_b64_Data::decode(text, std::char_traits<char>::length(text), r.data) || r.data.size == 0)
+  HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
+  prepare(http, doc);
+  http.transfer_timeout(timeout_for(expected / 3 * 4));
+
+  // The answer is parsed as it arrives and never kept whole.
+  EWS_Export_Stream stream(requests);
+  bool cancelled = false;
+  HTTP_Response response;
+  // Only a 2xx body reaches the sink; a fault's body stays in response.body().
+  response.set_body_sink([&](const char* data, size_t size, long) {
+    if (cancel_check_ && cancel_check_())
     {
-      // Damaged data fails this item alone; the others of the batch stand.
-      r.data = EWS_b64_Data();
-      r.status = Host_Status::make(HOST_STATUS_PERMANENT, "invalid export data", "the item's data is not base64");
+      cancelled = true;
+      return false;
     }
+    // Past a damaged spot the rest is read and dropped; the items before it stand.
+    stream.feed(data, size);
+    return true;
+  });
+  const bool sent = session_->perform(http, response);
+  http.headers().clear();
+  if (cancelled)
+    return Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the export was cancelled while it arrived");
+  if (!sent)
+    return stream.answered() > 0 ? malformed("ExportItems answer broke off after " + std::to_string(stream.answered()) +
+                                             " of " + std::to_string(requests.size()) + " items: " + session_->error())
+                                 : transport_failure(*session_);
+  if (response.status() != 200)
+  {
+    pugi::xml_document answer;
+    const std::string& body = response.body();
+    return read_http_failure(response, answer, answer.load_buffer(body.data(), body.size()));
   }
-  if (list.size() != requests.size())
-    return malformed("ExportItems answer has " + std::to_string(list.size()) + " messages for " +
+  // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying
+  // for the items it did not reach.
+  if (!stream.finish() || stream.answered() != requests.size())
+    return malformed("ExportItems answer cut after " + std::to_string(stream.answered()) + " of " +
                      std::to_string(requests.size()) + " items");
-  return status;
+  return Host_Status();
 }
 
 Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request)
@@ -365,8 +391,10 @@ Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const
 {
   pugi::xml_document doc;
   pugi::xml_node list_node = start_envelope(doc, "UploadItems").append_child("m:Items");
+  long long bytes = 0;
   for (const ustring* data : items)
   {
+    bytes += static_cast<long long>(data->size()) / 3 * 4;
     pugi::xml_node item = list_node.append_child("t:Item");
     item.append_attribute("CreateAction") = "CreateNew";
     item.append_child("t:ParentFolderId").append_attribute("Id") = parent_id.c_str();
@@ -374,7 +402,7 @@ Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const
   }
   pugi::xml_document answer;
   pugi::xml_node messages;
-  Host_Status status = call(doc, "UploadItems", answer, messages);
+  Host_Status status = call(doc, "UploadItems", answer, messages, bytes);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);

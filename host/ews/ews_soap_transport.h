@@ -42,15 +42,19 @@ public:
   Host_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
                            std::vector<EWS_Upload_Result>& results) override;
 
+  // Seconds a request moving `bytes` of item data may take.
+  long timeout_for(long long bytes) const;
+
 private:
   // Builds an envelope whose body holds one element "m:<operation>", returned.
   pugi::xml_node start_envelope(pugi::xml_document& doc, const char* operation) const;
   // The request with its headers, carrying `doc` as its body.
   void prepare(HTTP_Request& http, const pugi::xml_document& doc) const;
   // Posts the envelope and reads the answer's response messages element
-  // ("m:<operation>Response/m:ResponseMessages") into `messages`.
+  // ("m:<operation>Response/m:ResponseMessages") into `messages`. `bytes` of
+  // item data in the request lengthen its time limit.
   Host_Status call(const pugi::xml_document& request, const char* operation, pugi::xml_document& answer,
-                   pugi::xml_node& messages);
+                   pugi::xml_node& messages, long long bytes = 0);
   Host_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
                                 bool parsed) const;
 

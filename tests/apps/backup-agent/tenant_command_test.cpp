@@ -129,7 +129,7 @@ TEST_F(AgentTenant, AddListTestAndRemoveAgainstTheSimulatorWithoutShowingTheSecr
   EXPECT_EQ(lines(listed.out), 2u) << listed.out;
   EXPECT_NE(listed.out.find(uuid1 + "  tenant_id=" + Exo_Sim_Process::tenant_id + "  client_id=" +
                             Exo_Sim_Process::client_id + "  tenant_email=admin@demo.exosim.test  login=" +
-                            sim.base() + "  graph=" + sim.base() + "  ews=" + sim.base() + "/EWS/Exchange.asmx\n"),
+                            sim.base() + "  graph=" + sim.base() + "  ews=" + sim.base() + "/EWS/Exchange.asmx  transport=ews\n"),
             std::string::npos)
     << listed.out;
   EXPECT_NE(listed.out.find(uuid2 + "  tenant_id="), std::string::npos) << listed.out;
@@ -203,12 +203,12 @@ TEST_F(AgentTenant, AddTakesTheMicrosoftEndpointsByDefaultAndNormalisesGivenOnes
   EXPECT_NE(listed.out.find(printed_uuid(plain) + "  tenant_id=" + Exo_Sim_Process::tenant_id + "  client_id=" +
                             Exo_Sim_Process::client_id +
                             "  tenant_email=admin@demo.exosim.test  login=https://login.microsoftonline.com"
-                            "  graph=https://graph.microsoft.com  ews=https://outlook.office365.com/EWS/Exchange.asmx\n"),
+                            "  graph=https://graph.microsoft.com  ews=https://outlook.office365.com/EWS/Exchange.asmx  transport=ews\n"),
             std::string::npos)
     << listed.out;
   EXPECT_NE(listed.out.find(printed_uuid(sovereign) + "  tenant_id="), std::string::npos) << listed.out;
   EXPECT_NE(listed.out.find("login=https://login.microsoftonline.us  graph=https://graph.microsoft.us  "
-                            "ews=https://outlook.office365.us/EWS/Exchange.asmx\n"),
+                            "ews=https://outlook.office365.us/EWS/Exchange.asmx  transport=ews\n"),
             std::string::npos)
     << listed.out;
   EXPECT_EQ(listed.out.find(secret), std::string::npos);
@@ -264,6 +264,7 @@ TEST_F(AgentTenant, RefusesBadRequestsWithClearErrors)
       "admin"},
      64, "the tenant email 'admin' is not a mail address"},
     {add_args({"--uuid", "1234"}), 64, "--uuid '1234' is not a uuid"},
+    {add_args({"--transport", "soap"}), 64, "unknown transport 'soap'; the known one is ews"},
     {add_args({"--login-endpoint", "http://login.example.com"}), 64,
      "the login endpoint 'http://login.example.com' must use https (plain http only on loopback)"},
     {add_args({"--graph-endpoint", "graph.microsoft.com"}), 64, "the Graph endpoint 'graph.microsoft.com' is not a URL"},

@@ -11,8 +11,9 @@
 //
 // Scripted call faults are written by code: "ErrorServerBusy" as the fault
 // above, "HTTP <n>" as a bare HTTP status, "inner ErrorServerBusy" as an HTTP
-// 200 ErrorInternalServerError whose inner error is ErrorServerBusy, any other
-// code as a SOAP fault.
+// 200 ErrorInternalServerError whose inner error is ErrorServerBusy, "cut after
+// 2" as a normal answer cut off inside its third message, any other code as a
+// SOAP fault.
 
 #include "ews_fake_service.h"
 #include "support/scripted_server.h"

@@ -83,3 +83,36 @@ TEST(EwsSoapTransport, ImpersonatesByPrincipalNameAndAnSmtpAddressWhenThatFails)
   EXPECT_EQ(ews.service->calls["FindFolder"], 3);
   EXPECT_EQ(client.retries(), 0u);
 }
+
+TEST(EwsSoapTransport, ACutExportAnswerKeepsWhatArrivedAndTheClientAsksOnlyForTheRest)
+{
+  Scripted_Ews ews;
+  EWS_Params::reset();
+  EWS_Params::set_retry_base_delay_ms(1);
+  EWS_Client client;
+  ASSERT_TRUE(client.init(ews.server.url("/EWS/Exchange.asmx"), "svc@corp.test", Secure_String("pw"), nullptr,
+                          ews.service->mailbox(0).upn.c_str()));
+  EWS_Items items;
+  const std::string inbox = ews.service->folder_id(0, Ews_Fake_Service::root_id, "Inbox");
+  ASSERT_TRUE(client.list_items(inbox, make_ews_item_appender(items), 0, 100));
+  ASSERT_EQ(items.size(), 10u);
+  EWS_Export_Requests requests(items.size());
+  for (size_t i = 0; i < items.size(); ++i)
+    requests[i].id = items[i].id;
+  ews.service->damaged.insert(items[5].id);
+  ews.service->call_faults.push_back(Host_Status::make(HOST_STATUS_TRANSIENT, "cut after 2", ""));
+  ASSERT_TRUE(client.export_items(requests)) << client.last_error();
+  EXPECT_EQ(ews.service->export_batches, (std::vector<size_t>{10, 8}));
+  EXPECT_EQ(client.retries(), 1u);
+  for (size_t i = 0; i < requests.size(); ++i)
+  {
+    if (i == 5)
+      continue;
+    ASSERT_TRUE(requests[i].data.ptr) << i << " " << requests[i].status.text();
+    const ustring& expected = ews.service->mailbox(0).items[i].data;
+    EXPECT_EQ(ustring(requests[i].data.ptr.get(), static_cast<size_t>(requests[i].data.size)), expected) << i;
+  }
+  EXPECT_EQ(requests[5].status.code, "invalid export data");
+  EXPECT_FALSE(requests[5].data.ptr);
+  EWS_Params::reset();
+}
