@@ -3,7 +3,7 @@
 #include "host/base/log.h"
 #include "host/ews/ews_batches.h"
 #include "host/ews/ews_params.h"
-#include "host/ews/ews_retry_policy.h"
+#include "host/http/retry_policy.h"
 #include "host/ews/ews_transport_factory.h"
 
 #include <ace/Log_Msg.h>
@@ -216,7 +216,7 @@ bool EWS_Client::fail(const char* operation, const Host_Status& status)
   return false;
 }
 
-bool EWS_Client::wait_or_fail(const char* operation, EWS_Retry_Policy& policy, const Host_Status& status)
+bool EWS_Client::wait_or_fail(const char* operation, Retry_Policy& policy, const Host_Status& status)
 {
   const long delay = policy.next_delay(status);
   if (delay < 0)
@@ -256,7 +256,10 @@ bool EWS_Client::run(const char* operation, Attempt_T attempt)
     return fail(operation, Host_Status::make(HOST_STATUS_PERMANENT, "", "the client is not initialised"));
   Log_Callback_Scope scope(log_callback_.get());
   transport_->set_cancel_check([this] { return cancelled(); });
-  EWS_Retry_Policy policy(EWS_Params::retry_budget(), EWS_Params::retry_base_delay_ms());
+  // Exchange Online suggests back-offs of minutes; the exponential back-off grows to
+  // one minute at most between attempts.
+  Retry_Policy policy(EWS_Params::retry_budget(), Retry_Policy::RETRY_TRANSIENT, EWS_Params::retry_base_delay_ms(),
+                      60000);
   const Host_Status cancelled_status = Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the client was cancelled");
   bool renewed = false;
   for (;;)

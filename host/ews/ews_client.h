@@ -20,7 +20,7 @@
 #include <vector>
 
 class ACE_Log_Msg_Callback;
-class EWS_Retry_Policy;
+class Retry_Policy;
 
 // A client of one mailbox service account, acting for one mailbox at a time.
 //
@@ -127,7 +127,7 @@ private:
   template <typename Attempt_T>
   bool run(const char* operation, Attempt_T attempt);
   bool refresh_credentials();
-  bool wait_or_fail(const char* operation, EWS_Retry_Policy& policy, const Host_Status& status);
+  bool wait_or_fail(const char* operation, Retry_Policy& policy, const Host_Status& status);
   bool fail(const char* operation, const Host_Status& status);
   bool try_smtp_form(const char* operation, const Host_Status& status);
   // Sleeps `ms`; false as soon as the client is cancelled.

@@ -82,12 +82,6 @@ EWS_Item read_item(const pugi::xml_node& element)
   return item;
 }
 
-Host_Status transport_failure(const HTTP_Session& session)
-{
-  const Host_Status_Kind kind =
-    session.transport_error() == HTTP_TRANSPORT_TLS ? HOST_STATUS_PERMANENT : HOST_STATUS_TRANSIENT;
-  return Host_Status::make(kind, "connection", session.error());
-}
 
 std::string basic_credentials(const EWS_Credentials& c)
 {
@@ -207,7 +201,7 @@ Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const ch
   const bool sent = session_->perform(http, response);
   http.headers().clear();
   if (!sent)
-    return transport_failure(*session_);
+    return http_transport_status(*session_);
 
   const bool parsed = answer.load_buffer(response.body().data(), response.body().size());
   if (response.status() != 200)
@@ -341,7 +335,7 @@ Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Reques
   if (!sent)
     return stream.answered() > 0 ? malformed("ExportItems answer broke off after " + std::to_string(stream.answered()) +
                                              " of " + std::to_string(requests.size()) + " items: " + session_->error())
-                                 : transport_failure(*session_);
+                                 : http_transport_status(*session_);
   if (response.status() != 200)
   {
     pugi::xml_document answer;

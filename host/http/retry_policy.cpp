@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <thread>
 
-Retry_Policy::Retry_Policy(int max_seconds, Scope scope)
-    : deadline_(Clock::now() + std::chrono::seconds(std::max(max_seconds, 0))), scope_(scope),
-      single_attempt_(max_seconds <= 0)
+Retry_Policy::Retry_Policy(int max_seconds, Scope scope, long base_delay_ms, long max_delay_ms)
+  : deadline_(Clock::now() + std::chrono::seconds(std::max(max_seconds, 0))), scope_(scope),
+    delay_ms_(std::max(1L, base_delay_ms)), max_delay_ms_(std::max(1L, max_delay_ms)),
+    single_attempt_(max_seconds <= 0)
 {
 }
 
@@ -16,27 +17,40 @@ bool Retry_Policy::retried(const Host_Status& status) const
   return status.retryable();
 }
 
-bool Retry_Policy::wait_before_retry(const Host_Status& status)
+long Retry_Policy::next_delay(const Host_Status& status)
 {
-  if (single_attempt_ || !retried(status))
-    return false;
-  const Clock::time_point now = Clock::now();
-  if (now >= deadline_)
-    return false;
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - now);
-  std::chrono::milliseconds wait;
-  if (status.retry_after_ms >= 0)
+  budget_exhausted_ = false;
+  if (!retried(status))
+    return -1;
+  const long left =
+    static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now()).count());
+  if (single_attempt_ || left <= 0)
   {
-    wait = std::chrono::milliseconds(status.retry_after_ms);
-    if (wait > left)
-      return false;
+    budget_exhausted_ = true;
+    return -1;
   }
+  long wait;
+  if (status.retry_after_ms >= 0)
+    wait = status.retry_after_ms <= left ? status.retry_after_ms : -1;
   else
   {
-    wait = std::min(delay_, left);
-    delay_ = std::min(delay_ * 2, std::chrono::milliseconds(5000));
+    wait = std::min(delay_ms_, left);
+    delay_ms_ = std::min(delay_ms_ * 2, max_delay_ms_);
   }
-  std::this_thread::sleep_for(wait);
-  ++attempts_;
+  if (wait < 0)
+  {
+    budget_exhausted_ = true;
+    return -1;
+  }
+  ++retries_;
+  return wait;
+}
+
+bool Retry_Policy::wait_before_retry(const Host_Status& status)
+{
+  const long wait = next_delay(status);
+  if (wait < 0)
+    return false;
+  std::this_thread::sleep_for(std::chrono::milliseconds(wait));
   return true;
 }

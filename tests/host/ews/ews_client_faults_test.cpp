@@ -1,4 +1,4 @@
-#include "host/ews/ews_retry_policy.h"
+#include "host/http/retry_policy.h"
 #include "host/ews/ews_sim_fixture.h"
 #include "support/log_capture.h"
 #include "support/scripted_server.h"
@@ -81,9 +81,11 @@ TEST(EwsClientFaults, AnExhaustedBudgetFailsCleanly)
   EXPECT_EQ(env.fault_count("busy"), static_cast<long>(client->retries()) + 1);
 }
 
+// The EWS client's use of the host retry policy: a base delay from its settings and
+// back-offs growing to a minute.
 TEST(EwsRetryPolicy, WaitsAsToldOrBacksOffExponentiallyWithinTheBudget)
 {
-  EWS_Retry_Policy policy(100, 10);
+  Retry_Policy policy(100, Retry_Policy::RETRY_TRANSIENT, 10, 60000);
   EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "", 250)), 250);
   EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_TRANSIENT, "connection", "")), 10);
   EXPECT_EQ(policy.next_delay(Host_Status::make(HOST_STATUS_TRANSIENT, "connection", "")), 20);
@@ -94,11 +96,11 @@ TEST(EwsRetryPolicy, WaitsAsToldOrBacksOffExponentiallyWithinTheBudget)
   EXPECT_TRUE(policy.budget_exhausted());
   EXPECT_EQ(policy.retries(), 4);
 
-  EWS_Retry_Policy capped(100000, 1000);
+  Retry_Policy capped(100000, Retry_Policy::RETRY_TRANSIENT, 1000, 60000);
   long last = 0;
   for (int i = 0; i < 20; ++i)
     last = capped.next_delay(Host_Status::make(HOST_STATUS_TRANSIENT, "x", ""));
-  EXPECT_EQ(last, EWS_Retry_Policy::max_backoff_ms);
+  EXPECT_EQ(last, 60000);
 }
 
 namespace

@@ -18,10 +18,18 @@
 #include <memory>
 #include <string>
 
+// The names of one user whose principal name is not an SMTP address of theirs.
+struct Mailbox_Names
+{
+  std::string upn;
+  std::string smtp;   // the primary SMTP address
+  std::string proxy;  // another SMTP address of the same mailbox
+};
+
 // The SOAP transport against the simulator.
 struct Soap_On_Exo_Sim
 {
-  Exo_Sim_Process sim{{"--profile", "tiny", "--page-size", "10"}};
+  Exo_Sim_Process sim{{"--profile", "tiny", "--page-size", "10", "--renamed-users", "3"}};
   std::shared_ptr<Office365_Auth> auth = std::make_shared<Office365_Auth>(sim.entry(), sim.base() + "/.default");
 
   std::unique_ptr<EWS_Transport> transport()
@@ -34,9 +42,14 @@ struct Soap_On_Exo_Sim
       t->set_credentials(c);
     return t;
   }
+  // The tests' own mailbox signs in with its primary address (UPN = mail).
   std::string upn() const { return sim.mailbox("alice.archer"); }
-  std::string smtp() const { return sim.mailbox("alice.archer"); }
-  std::string proxy() const { return ""; }
+  // A user whose principal name is in a directory domain without mail, with a proxy
+  // address at the tenant's initial domain (see docs/exo-sim.md, "Users").
+  Mailbox_Names renamed() const
+  {
+    return {"kenji.kato@corp.demo.exosim.test", sim.mailbox("kenji.kato"), "kenji.kato@exosimdemo.onmicrosoft.com"};
+  }
   std::string ten_items(EWS_Transport& t)
   {
     EWS_Folder_Page top, inbox;
@@ -72,8 +85,10 @@ struct Fake_Service_Env
   std::shared_ptr<Ews_Fake_Service> service = std::make_shared<Ews_Fake_Service>();
 
   std::string upn() const { return service->mailbox(0).upn; }
-  std::string smtp() const { return service->mailbox(0).smtp; }
-  std::string proxy() const { return service->mailbox(0).proxies.at(0); }
+  Mailbox_Names renamed() const
+  {
+    return {service->mailbox(0).upn, service->mailbox(0).smtp, service->mailbox(0).proxies.at(0)};
+  }
   std::string ten_items(EWS_Transport&) const
   {
     return service->folder_id(0, service->folder_id(0, Ews_Fake_Service::root_id, "Inbox"), "Ten items");

@@ -237,11 +237,12 @@ TYPED_TEST(EwsTransportConformance, ReportsThrottlingWithTheSuggestedWait)
 
 TYPED_TEST(EwsTransportConformance, NamesMailboxesByPrincipalNameOrSmtpAddress)
 {
+  const Mailbox_Names names = this->env.renamed();
   EWS_Folder_Ref root;
   EWS_Folder_Page page;
-  auto by_upn = this->acting_for(this->env.upn(), EWS_MAILBOX_PRINCIPAL_NAME);
+  auto by_upn = this->acting_for(names.upn, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(by_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
-  auto by_smtp = this->acting_for(this->env.smtp(), EWS_MAILBOX_SMTP_ADDRESS);
+  auto by_smtp = this->acting_for(names.smtp, EWS_MAILBOX_SMTP_ADDRESS);
   EXPECT_TRUE(by_smtp->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
 
   auto nobody = this->acting_for("nobody@nowhere.test", EWS_MAILBOX_PRINCIPAL_NAME);
@@ -249,13 +250,12 @@ TYPED_TEST(EwsTransportConformance, NamesMailboxesByPrincipalNameOrSmtpAddress)
   EXPECT_EQ(unknown.kind, HOST_STATUS_PERMANENT);
   EXPECT_TRUE(nobody->is_unknown_mailbox(unknown)) << unknown.text();
 
-  if (this->env.proxy().empty())
-    GTEST_SKIP() << "this service has no proxy addresses";
-  // A proxy address is an SMTP address, not a user principal name.
-  auto proxy = this->acting_for(this->env.proxy(), EWS_MAILBOX_SMTP_ADDRESS);
+  // A proxy address is an SMTP address, not a user principal name; nor is the
+  // primary SMTP address of a user whose principal name differs.
+  auto proxy = this->acting_for(names.proxy, EWS_MAILBOX_SMTP_ADDRESS);
   EXPECT_TRUE(proxy->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
-  auto proxy_as_upn = this->acting_for(this->env.proxy(), EWS_MAILBOX_PRINCIPAL_NAME);
+  auto proxy_as_upn = this->acting_for(names.proxy, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(proxy_as_upn->is_unknown_mailbox(proxy_as_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page)));
-  auto smtp_as_upn = this->acting_for(this->env.smtp(), EWS_MAILBOX_PRINCIPAL_NAME);
+  auto smtp_as_upn = this->acting_for(names.smtp, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(smtp_as_upn->is_unknown_mailbox(smtp_as_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page)));
 }
