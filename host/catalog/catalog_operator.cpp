@@ -2,6 +2,7 @@
 
 #include "host/base/log.h"
 #include "host/storage/backupd_client.h"
+#include <nlohmann/json.hpp>
 
 Catalog_Operator::Catalog_Operator(int timeout_seconds, int max_seconds_retry)
     : timeout_seconds_(timeout_seconds), max_seconds_retry_(max_seconds_retry)

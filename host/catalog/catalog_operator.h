@@ -1,7 +1,7 @@
 #ifndef HOST_CATALOG_CATALOG_OPERATOR_H
 #define HOST_CATALOG_CATALOG_OPERATOR_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "host/base/host_status.h"

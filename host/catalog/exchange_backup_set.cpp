@@ -1,4 +1,5 @@
 #include "host/catalog/exchange_backup_set.h"
+#include <nlohmann/json.hpp>
 
 nlohmann::ordered_json Exchange_Backup_Set::to_json() const
 {

@@ -2,7 +2,7 @@
 #define HOST_CATALOG_EXCHANGE_BACKUP_SET_H
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 

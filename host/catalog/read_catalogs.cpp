@@ -2,6 +2,7 @@
 
 #include "host/base/log.h"
 #include "host/storage/backupd_client.h"
+#include <nlohmann/json.hpp>
 
 namespace
 {

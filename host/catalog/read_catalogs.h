@@ -1,7 +1,7 @@
 #ifndef HOST_CATALOG_READ_CATALOGS_H
 #define HOST_CATALOG_READ_CATALOGS_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "host/base/host_status.h"
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <nlohmann/json.hpp>
 
 namespace
 {

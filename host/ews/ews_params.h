@@ -1,7 +1,7 @@
 #ifndef HOST_EWS_EWS_PARAMS_H
 #define HOST_EWS_EWS_PARAMS_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <string>
 

@@ -2,6 +2,7 @@
 
 #include "host/http/http_status.h"
 #include "host/http/retry_policy.h"
+#include <nlohmann/json.hpp>
 
 namespace
 {

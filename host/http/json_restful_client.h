@@ -4,7 +4,7 @@
 #include "host/base/host_status.h"
 #include "host/http/http_session.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <map>
 #include <string>

@@ -9,6 +9,7 @@
 #include <ace/Guard_T.h>
 #include <cinttypes>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -2,7 +2,7 @@
 #define HOST_JOB_JOB_ALERT_H
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 class Job;
 

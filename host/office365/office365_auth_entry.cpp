@@ -1,4 +1,5 @@
 #include "host/office365/office365_auth_entry.h"
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -1,7 +1,7 @@
 #ifndef HOST_OFFICE365_OFFICE365_AUTH_ENTRY_H
 #define HOST_OFFICE365_OFFICE365_AUTH_ENTRY_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <string>
 

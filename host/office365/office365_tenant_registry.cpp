@@ -14,6 +14,7 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -7,6 +7,7 @@
 #include "host/base/log.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace
 {

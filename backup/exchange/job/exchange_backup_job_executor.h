@@ -9,7 +9,7 @@
 #include "host/catalog/exchange_backup_set.h"
 #include "host/job/job_event_handler.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <map>
 #include <string>

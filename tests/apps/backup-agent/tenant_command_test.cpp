@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -7,6 +7,7 @@
 #include "host/catalog/catalog_operator.h"
 #include "host/catalog/exchange_backup_set.h"
 #include "host/catalog/read_catalogs.h"
+#include <nlohmann/json.hpp>
 
 using json = nlohmann::ordered_json;
 

@@ -4,6 +4,7 @@
 #include "support/scripted_server.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace
 {

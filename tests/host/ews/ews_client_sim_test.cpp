@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <nlohmann/json.hpp>
 
 namespace
 {

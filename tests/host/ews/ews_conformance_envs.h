@@ -17,6 +17,7 @@
 
 #include <memory>
 #include <string>
+#include <nlohmann/json.hpp>
 
 // The names of one user whose principal name is not an SMTP address of theirs.
 struct Mailbox_Names

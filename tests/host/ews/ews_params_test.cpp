@@ -3,6 +3,7 @@
 #include "host/base/agent_config.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <vector>
+#include <nlohmann/json.hpp>
 
 struct Ews_Sim
 {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 #include <sstream>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <thread>
+#include <nlohmann/json.hpp>
 
 namespace
 {

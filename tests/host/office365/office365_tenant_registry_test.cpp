@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 namespace
 {

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <new>
+#include <nlohmann/json.hpp>
 
 void jsonify_ews_folders(const std::vector<EWS_Folder>& folders, std::vector<nlohmann::ordered_json>& out)
 {

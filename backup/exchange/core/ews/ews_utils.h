@@ -7,7 +7,7 @@
 #include "host/base/secure_allocator.h"
 #include "host/office365/office365_auth.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <memory>
 #include <string>

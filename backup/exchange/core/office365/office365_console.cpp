@@ -6,6 +6,7 @@
 #include "host/http/http_session_factory.h"
 #include "host/http/uri_parser.h"
 #include "host/base/log.h"
+#include <nlohmann/json.hpp>
 
 std::string ms_graph_default_scope(const std::string& graph_endpoint)
 {

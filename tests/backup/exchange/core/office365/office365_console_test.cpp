@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <vector>
+#include <nlohmann/json.hpp>
 
 namespace
 {
