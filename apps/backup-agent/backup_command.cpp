@@ -104,12 +104,13 @@ bool Backup_Command::parse(const std::vector<std::string>& args, Request& reques
   }
   if (request.help)
     return true;
-  if (request.all_mailboxes && !request.mailboxes.empty()) {
+  if (request.all_mailboxes && !request.mailboxes.empty())
+  {
     error = "--mailbox and --all-mailboxes exclude each other";
     return false;
   }
-  if (request.tenant.empty() || request.pool.empty() ||
-      (request.mailboxes.empty() && !request.all_mailboxes)) {
+  if (request.tenant.empty() || request.pool.empty() || (request.mailboxes.empty() && !request.all_mailboxes))
+  {
     error = "--tenant, --pool and at least one --mailbox (or --all-mailboxes) "
             "are required";
     return false;
@@ -156,25 +157,27 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     out << usage();
     return 0;
   }
-  if (request.all_mailboxes) {
+  if (request.all_mailboxes)
+  {
     Office365_Auth_Entry entry;
-    if (!get_office365_auth_entry(request.tenant, entry)) {
-      err << "error: tenant " << request.tenant
-          << " is not registered (see backup-agent tenant list)\n";
+    if (!get_office365_auth_entry(request.tenant, entry))
+    {
+      err << "error: tenant " << request.tenant << " is not registered (see backup-agent tenant list)\n";
       return 1;
     }
     Graph_Users_Lister lister(entry);
-    if (!lister.list(request.mailboxes, error)) {
+    if (!lister.list(request.mailboxes, error))
+    {
       err << "error: " << error << "\n";
       return 1;
     }
-    if (request.mailboxes.empty()) {
+    if (request.mailboxes.empty())
+    {
       err << "error: the tenant has no mailbox to back up\n";
       return 1;
     }
     if (!request.json)
-      err << "backing up the tenant's " << request.mailboxes.size()
-          << " mailboxes\n";
+      err << "backing up the tenant's " << request.mailboxes.size() << " mailboxes\n";
   }
   Job_Definition_var def;
   Job_Definition_Reader reader(module_.parser_creators());
@@ -217,7 +220,8 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     return 1;
   }
   nlohmann::ordered_json summary;
-  if (!summarize(request, *job, progress, seconds, summary)) {
+  if (!summarize(request, *job, progress, seconds, summary))
+  {
     err << "error: the backup ran but its set could not be read back for the summary\n";
     return 1;
   }
@@ -234,47 +238,47 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     for (const auto& mailbox : summary["failed_mailboxes"])
       out << "failed mailbox: " << mailbox.get<std::string>() << "\n";
     for (const auto& item : summary["failed_items"])
-      out << "failed item: " << item["mailbox"].get<std::string>() << " "
-          << item["id"].get<std::string>() << ": "
+      out << "failed item: " << item["mailbox"].get<std::string>() << " " << item["id"].get<std::string>() << ": "
           << item["reason"].get<std::string>() << "\n";
   }
   return complete ? 0 : 2;
 }
 
-int Backup_Command::wait(Job &job, Backup_Progress &progress,
-                         std::ostream &err) {
+int Backup_Command::wait(Job& job, Backup_Progress& progress, std::ostream& err)
+{
   const bool terminal = isatty(2) != 0;
   const auto started = std::chrono::steady_clock::now();
   // Log lines on the terminal would break the live line: while it shows, they
   // go to the job's log (and the agent's log file) only.
-  const bool quiet = terminal && !job.log_path().empty() &&
-                     ACE_LOG_MSG->flags() & ACE_Log_Msg::STDERR;
-  if (quiet) {
+  const bool quiet = terminal && !job.log_path().empty() && ACE_LOG_MSG->flags() & ACE_Log_Msg::STDERR;
+  if (quiet)
+  {
     err << "job log: " << job.log_path() << "\n";
     ACE_LOG_MSG->clr_flags(ACE_Log_Msg::STDERR);
   }
-  size_t width =
-      0; // of the live line shown, to blank what a shorter one leaves
+  size_t width = 0;  // of the live line shown, to blank what a shorter one leaves
   bool stopping = false;
-  for (bool over = false; !over;) {
+  for (bool over = false; !over;)
+  {
     over = job.wait(terminal ? 250 : 1000);
-    const Job_Activity &act = job.activity();
+    const Job_Activity& act = job.activity();
     const uint64_t items = act.items_done, bytes = act.bytes_done;
     std::string finished;
     progress.poll(items, bytes, finished);
-    if (terminal) {
-      const double seconds = std::chrono::duration<double>(
-                                 std::chrono::steady_clock::now() - started)
-                                 .count();
+    if (terminal)
+    {
+      const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
       std::string text = progress.line(items, bytes, seconds);
       const size_t length = text.size();
       if (length < width)
         text.append(width - length, ' ');
       width = length;
       err << "\r" << text << std::flush;
-    } else
+    }
+    else
       err << finished << std::flush;
-    if (stop_requested && !stopping && !over) {
+    if (stop_requested && !stopping && !over)
+    {
       err << (terminal ? "\n" : "") << "cancelling the backup\n";
       job.stop(nullptr);
       stopping = true;
@@ -287,9 +291,9 @@ int Backup_Command::wait(Job &job, Backup_Progress &progress,
   return job.activity().result == JOB_RESULT_CANCELED || stopping ? 1 : 0;
 }
 
-bool Backup_Command::summarize(const Request &request, const Job &job,
-                               const Backup_Progress &progress, long seconds,
-                               nlohmann::ordered_json &summary) {
+bool Backup_Command::summarize(const Request& request, const Job& job, const Backup_Progress& progress, long seconds,
+                               nlohmann::ordered_json& summary)
+{
   std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=";
   std::string id;
   http_encode_string(job.definition().id(), HTTP_ENCODE_SLASH, id);
@@ -325,16 +329,15 @@ bool Backup_Command::summarize(const Request &request, const Job &job,
     const std::string mailbox = name.substr(0, name.rfind('.', name.size() - 5));
     std::string decoded;
     http_decode_string(mailbox, 0, decoded);
-    for (const std::string &id_failed : failed) {
+    for (const std::string& id_failed : failed)
+    {
       // The index keeps the ids only; the service's code comes from the job
       // log.
       const auto logged = progress.item_errors().find(id_failed);
-      const std::string reason =
-          logged == progress.item_errors().end() || logged->second.empty()
-              ? std::string("export failed")
-              : "export failed: " + logged->second;
-      failed_items.push_back(
-          {{"mailbox", decoded}, {"id", id_failed}, {"reason", reason}});
+      const std::string reason = logged == progress.item_errors().end() || logged->second.empty()
+                                     ? std::string("export failed")
+                                     : "export failed: " + logged->second;
+      failed_items.push_back({{"mailbox", decoded}, {"id", id_failed}, {"reason", reason}});
     }
   }
   summary = {{"set_uuid", record.uuid},

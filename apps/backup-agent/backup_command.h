@@ -52,10 +52,9 @@ public:
   static std::string definition(const Request& request, const std::string& host_id);
 
 private:
-  int wait(Job &job, Backup_Progress &progress, std::ostream &err);
-  bool summarize(const Request &request, const Job &job,
-                 const Backup_Progress &progress, long seconds,
-                 nlohmann::ordered_json &summary);
+  int wait(Job& job, Backup_Progress& progress, std::ostream& err);
+  bool summarize(const Request& request, const Job& job, const Backup_Progress& progress, long seconds,
+                 nlohmann::ordered_json& summary);
 
   Module_Host& module_;
 };

@@ -47,9 +47,7 @@ struct Job_Activity
 };
 
 static_assert(std::atomic<int32_t>::is_always_lock_free, "activity fields must be lock-free");
-static_assert(std::atomic<uint64_t>::is_always_lock_free,
-              "activity fields must be lock-free");
-static_assert(sizeof(Job_Activity) <= 4096,
-              "the activity record is one 4096-byte page");
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "activity fields must be lock-free");
+static_assert(sizeof(Job_Activity) <= 4096, "the activity record is one 4096-byte page");
 
 #endif

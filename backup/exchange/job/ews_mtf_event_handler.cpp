@@ -7,8 +7,8 @@ EWS_MTF_Event_Handler::EWS_MTF_Event_Handler(Job_Event_Handler& handler, Job_Act
 {
 }
 
-int EWS_MTF_Event_Handler::handle_progress(int percent, ACE_UINT64 done,
-                                           ACE_UINT64 total, ACE_UINT64 files) {
+int EWS_MTF_Event_Handler::handle_progress(int percent, ACE_UINT64 done, ACE_UINT64 total, ACE_UINT64 files)
+{
   return handler_.handle_progress(percent, done, total, files);
 }
 
