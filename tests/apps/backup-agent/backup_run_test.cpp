@@ -288,6 +288,12 @@ TEST_F(Backup_Run, AllMailboxesComeFromGraphAndCtrlCLeavesNoTrace)
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const nlohmann::json summary = nlohmann::json::parse(run.out);
   EXPECT_EQ(summary["mailboxes"], sim.status()["mailboxes"]);
+  // Not on a terminal: one line per mailbox, with the run's figures so far.
+  const size_t last = run.err.find("mailbox 5/5 ");
+  ASSERT_NE(last, std::string::npos) << run.err;
+  const size_t figures = run.err.find(": backed up (", last);
+  ASSERT_NE(figures, std::string::npos) << run.err;
+  EXPECT_GT(std::stol(run.err.substr(figures + 13)), 0) << run.err.substr(last);
   EXPECT_EQ(summary["mailboxes"].get<int>(), 5);
   EXPECT_TRUE(summary["failed_mailboxes"].empty());
   nlohmann::ordered_json result;
