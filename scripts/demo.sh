@@ -1,41 +1,63 @@
 #!/usr/bin/env bash
-# Installs dependencies, builds, and runs the demo against the bundled demo tenant on the
-# Exchange Online simulator: the tenant is registered with the agent and its credentials
-# tested against the simulator's token endpoint, then the example job definitions are read
-# through the module as the agent loads it.
+# The main command: installs dependencies, builds the programs it runs (not the tests), and
+# backs up the demo tenant of the Exchange Online simulator for real. It starts backupd
+# (SQLite catalog and a directory pool in a temporary data directory) and exo-sim with the
+# demo tenant, registers both with the agent (backup server URL and access key in the agent
+# configuration, the tenant in its registry), then runs `backup-agent backup --all-mailboxes`,
+# which shows its progress and the summary of the new backup set.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh build
+bash scripts/setup.sh --target backup-agent --target exchange --target backupd --target exo-sim build
 
 agent=build/apps/backup-agent/backup-agent
 sim=build/apps/exo-sim/exo-sim
+backupd=build/apps/backupd/backupd
 work="$(mktemp -d)"
-sim_pid=""
+pids=()
 cleanup() {
-  if [ -n "$sim_pid" ]; then kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true; fi
+  for pid in ${pids[@]+"${pids[@]}"}; do kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; done
   rm -rf "$work"
 }
 trap cleanup EXIT
 
-# The simulator prints "listening on 127.0.0.1:PORT" once it serves.
+# Waits until the program whose standard output is $1 prints its "listening on HOST:PORT"
+# line and prints HOST:PORT; $2 names the program, $3 its standard error file.
+listening() {
+  for _ in $(seq 1 100); do
+    grep -q 'listening on ' "$1" 2>/dev/null && break
+    sleep 0.1
+  done
+  local address
+  address="$(sed -n 's/.*listening on //p' "$1" | head -n 1)"
+  [ -n "$address" ] || { echo "$2 did not start:" >&2; cat "$3" >&2; exit 1; }
+  echo "$address"
+}
+
+# The backup server: a random access key, a catalog and a pool named "main" in $work/backupd.
+umask 077
+head -c 32 /dev/urandom | od -An -tx1 | tr -d ' \n' >"$work/keys"
+mkdir -p "$work/backupd"
+pool="$("$backupd" pool add --data "$work/backupd" --name main)"
+"$backupd" --data "$work/backupd" --access-key-file "$work/keys" --listen 127.0.0.1:0 \
+  >"$work/backupd.out" 2>"$work/backupd.err" &
+pids+=($!)
+backupd_url="http://$(listening "$work/backupd.out" backupd "$work/backupd.err")"
+echo "== backupd serves pool main ($pool) at $backupd_url"
+
 "$sim" --profile demo >"$work/sim.out" 2>"$work/sim.err" &
-sim_pid=$!
-for _ in $(seq 1 100); do
-  grep -q '^listening on ' "$work/sim.out" 2>/dev/null && break
-  sleep 0.1
-done
-base="http://$(sed -n 's/^listening on //p' "$work/sim.out")"
-[ "$base" != "http://" ] || { echo "exo-sim did not start:"; cat "$work/sim.err"; exit 1; }
+pids+=($!)
+base="http://$(listening "$work/sim.out" exo-sim "$work/sim.err")"
 echo "== exo-sim serves the demo tenant at $base"
 
+# The agent's configuration names the backup server, its access key and this host.
 cat >"$work/agent.json" <<EOF
-{"state_dir": "$work/state", "log_file": "$work/agent.log"}
+{"state_dir": "$work/state", "log_file": "$work/agent.log", "host_id": "demo-host",
+ "backup_server": {"url": "$backupd_url", "access_key": "$(cat "$work/keys")"}}
 EOF
 
-# The demo tenant's registration (see docs/exo-sim.md), under the uuid the example jobs
-# name; the secret goes through a file, never the command line.
+# The demo tenant's registration (see docs/exo-sim.md); the secret goes through a file,
+# never the command line.
 printf '%s' 'exo-sim-demo-secret' >"$work/secret"
-chmod 600 "$work/secret"
 echo "== tenant add"
 uuid="$("$agent" --config "$work/agent.json" tenant add \
   --tenant-id 8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04 \
@@ -44,12 +66,14 @@ uuid="$("$agent" --config "$work/agent.json" tenant add \
   --login-endpoint "$base" --graph-endpoint "$base" --ews-endpoint "$base/EWS/Exchange.asmx" \
   --secret-file "$work/secret" --uuid 4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f)"
 echo "$uuid"
-echo "== tenant list"
-"$agent" --config "$work/agent.json" tenant list
 echo "== tenant test"
 "$agent" --config "$work/agent.json" tenant test "$uuid"
 
-for job in examples/backup-job.json examples/restore-job.json; do
-  echo "== check-job $job"
-  "$agent" --config "$work/agent.json" check-job "$job"
-done
+echo "== backup of every mailbox of the tenant to pool main"
+status=0
+"$agent" --config "$work/agent.json" backup --tenant "$uuid" --all-mailboxes --pool "$pool" || status=$?
+if [ "$status" -ne 0 ]; then
+  echo "== the backup ended with status $status; the agent's log:" >&2
+  tail -n 30 "$work/agent.log" >&2 || true
+fi
+exit "$status"

@@ -1,8 +1,17 @@
 #!/usr/bin/env bash
 # Installs every Debian package the build and the tests need, then builds into
 # build/ (or the folder given as $1, with any further CMake arguments after it).
+# Everything is built unless targets are named first, each after --target:
+#   bash scripts/setup.sh --target backup-agent --target backupd build
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+targets=()
+while [ $# -gt 0 ] && [ "$1" = "--target" ]; do
+  [ $# -ge 2 ] || { echo "setup.sh: --target takes a target name" >&2; exit 64; }
+  targets+=("$2")
+  shift 2
+done
 
 PACKAGES=(
   build-essential cmake ninja-build ccache clang-format pkg-config git curl zstd
@@ -25,4 +34,8 @@ fi
 build_dir="${1:-build}"
 shift || true
 cmake -S . -B "$build_dir" -G Ninja "$@"
-cmake --build "$build_dir" -j"$(nproc)"
+if [ ${#targets[@]} -gt 0 ]; then
+  cmake --build "$build_dir" -j"$(nproc)" --target "${targets[@]}"
+else
+  cmake --build "$build_dir" -j"$(nproc)"
+fi

@@ -1,5 +1,9 @@
 #include "apps/backup-agent/backup_command.h"
 
+#include "apps/backup-agent/backup_progress.h"
+#include "apps/backup-agent/graph_users_lister.h"
+#include "host/office365/office365_tenant_registry.h"
+
 #include "host/base/agent_config.h"
 #include "host/base/uuid.h"
 #include "host/catalog/exchange_backup_set.h"
@@ -11,6 +15,8 @@
 #include "host/storage/pool_info.h"
 #include "host/storage/host_manager.h"
 #include "host/storage/http_head.h"
+
+#include <ace/Log_Msg.h>
 
 #include <atomic>
 #include <cerrno>
@@ -38,10 +44,16 @@ void count_tree(const EWS_Folders& folders, size_t& folder_count, size_t& item_c
 
 const char* Backup_Command::usage()
 {
-  return "usage: backup-agent [--config FILE] backup --tenant UUID --mailbox ADDRESS [--mailbox ADDRESS...]\n"
-         "                    --pool UUID [--channels N] [--compression none|zstd] [--json]\n"
-         "Backs up the mailboxes of a registered tenant into a new backup set on the pool.\n"
-         "Exit status: 0 all backed up, 2 done with failed mailboxes or items, 1 failed,\n"
+  return "usage: backup-agent [--config FILE] backup --tenant UUID (--mailbox "
+         "ADDRESS [--mailbox ADDRESS...] |\n"
+         "                    --all-mailboxes) --pool UUID [--channels N] "
+         "[--compression none|zstd] [--json]\n"
+         "Backs up the mailboxes of a registered tenant into a new backup set "
+         "on the pool;\n"
+         "--all-mailboxes takes every mailbox of the tenant's Microsoft Graph "
+         "users listing.\n"
+         "Exit status: 0 all backed up, 2 done with failed mailboxes or items, "
+         "1 failed,\n"
          "130 cancelled (Ctrl-C).\n";
 }
 
@@ -55,6 +67,8 @@ bool Backup_Command::parse(const std::vector<std::string>& args, Request& reques
       request.help = true;
     else if (arg == "--json")
       request.json = true;
+    else if (arg == "--all-mailboxes")
+      request.all_mailboxes = true;
     else if (arg == "--tenant" && has_value)
       request.tenant = args[++i];
     else if (arg == "--mailbox" && has_value)
@@ -90,9 +104,15 @@ bool Backup_Command::parse(const std::vector<std::string>& args, Request& reques
   }
   if (request.help)
     return true;
-  if (request.tenant.empty() || request.pool.empty() || request.mailboxes.empty())
+  if (request.all_mailboxes && !request.mailboxes.empty())
   {
-    error = "--tenant, --pool and at least one --mailbox are required";
+    error = "--mailbox and --all-mailboxes exclude each other";
+    return false;
+  }
+  if (request.tenant.empty() || request.pool.empty() || (request.mailboxes.empty() && !request.all_mailboxes))
+  {
+    error = "--tenant, --pool and at least one --mailbox (or --all-mailboxes) "
+            "are required";
     return false;
   }
   return true;
@@ -137,6 +157,28 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     out << usage();
     return 0;
   }
+  if (request.all_mailboxes)
+  {
+    Office365_Auth_Entry entry;
+    if (!get_office365_auth_entry(request.tenant, entry))
+    {
+      err << "error: tenant " << request.tenant << " is not registered (see backup-agent tenant list)\n";
+      return 1;
+    }
+    Graph_Users_Lister lister(entry);
+    if (!lister.list(request.mailboxes, error))
+    {
+      err << "error: " << error << "\n";
+      return 1;
+    }
+    if (request.mailboxes.empty())
+    {
+      err << "error: the tenant has no mailbox to back up\n";
+      return 1;
+    }
+    if (!request.json)
+      err << "backing up the tenant's " << request.mailboxes.size() << " mailboxes\n";
+  }
   Job_Definition_var def;
   Job_Definition_Reader reader(module_.parser_creators());
   if (!reader.read_text(definition(request, Agent_Config::instance().host_id()), def))
@@ -153,13 +195,15 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
   stop_requested = false;
   std::signal(SIGINT, request_stop);
   std::signal(SIGTERM, request_stop);
+  // Made before the start so that it reads every line of this run.
+  Backup_Progress progress(request.mailboxes.size(), job->log_path());
   const auto started = std::chrono::steady_clock::now();
   if (job->start(nullptr) != 0)
   {
     err << "error: the backup could not be started\n";
     return 1;
   }
-  const int cancelled = wait(*job, err);
+  const int cancelled = wait(*job, progress, err);
   const long seconds =
       static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
   const Job_Activity& act = job->activity();
@@ -176,7 +220,7 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     return 1;
   }
   nlohmann::ordered_json summary;
-  if (!summarize(request, *job, seconds, summary))
+  if (!summarize(request, *job, progress, seconds, summary))
   {
     err << "error: the backup ran but its set could not be read back for the summary\n";
     return 1;
@@ -194,38 +238,61 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     for (const auto& mailbox : summary["failed_mailboxes"])
       out << "failed mailbox: " << mailbox.get<std::string>() << "\n";
     for (const auto& item : summary["failed_items"])
-      out << "failed item: " << item["mailbox"].get<std::string>() << " " << item["id"].get<std::string>()
-          << ": export failed\n";
+      out << "failed item: " << item["mailbox"].get<std::string>() << " " << item["id"].get<std::string>() << ": "
+          << item["reason"].get<std::string>() << "\n";
   }
   return complete ? 0 : 2;
 }
 
-int Backup_Command::wait(Job& job, std::ostream& err)
+int Backup_Command::wait(Job& job, Backup_Progress& progress, std::ostream& err)
 {
   const bool terminal = isatty(2) != 0;
-  int shown = -1;
-  bool stopping = false;
-  while (!job.wait(200))
+  const auto started = std::chrono::steady_clock::now();
+  // Log lines on the terminal would break the live line: while it shows, they
+  // go to the job's log (and the agent's log file) only.
+  const bool quiet = terminal && !job.log_path().empty() && ACE_LOG_MSG->flags() & ACE_Log_Msg::STDERR;
+  if (quiet)
   {
-    const int progress = job.activity().progress;
-    if (progress != shown)
+    err << "job log: " << job.log_path() << "\n";
+    ACE_LOG_MSG->clr_flags(ACE_Log_Msg::STDERR);
+  }
+  size_t width = 0;  // of the live line shown, to blank what a shorter one leaves
+  bool stopping = false;
+  for (bool over = false; !over;)
+  {
+    over = job.wait(terminal ? 250 : 1000);
+    const Job_Activity& act = job.activity();
+    const uint64_t items = act.items_done, bytes = act.bytes_done;
+    std::string finished;
+    progress.poll(items, bytes, finished);
+    if (terminal)
     {
-      shown = progress;
-      err << (terminal ? "\r" : "") << "progress: " << shown << "%" << (terminal ? "" : "\n") << std::flush;
+      const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+      std::string text = progress.line(items, bytes, seconds);
+      const size_t length = text.size();
+      if (length < width)
+        text.append(width - length, ' ');
+      width = length;
+      err << "\r" << text << std::flush;
     }
-    if (stop_requested && !stopping)
+    else
+      err << finished << std::flush;
+    if (stop_requested && !stopping && !over)
     {
       err << (terminal ? "\n" : "") << "cancelling the backup\n";
       job.stop(nullptr);
       stopping = true;
     }
   }
-  if (terminal && shown >= 0)
+  if (terminal)
     err << "\n";
+  if (quiet)
+    ACE_LOG_MSG->set_flags(ACE_Log_Msg::STDERR);
   return job.activity().result == JOB_RESULT_CANCELED || stopping ? 1 : 0;
 }
 
-bool Backup_Command::summarize(const Request& request, const Job& job, long seconds, nlohmann::ordered_json& summary)
+bool Backup_Command::summarize(const Request& request, const Job& job, const Backup_Progress& progress, long seconds,
+                               nlohmann::ordered_json& summary)
 {
   std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=";
   std::string id;
@@ -263,7 +330,15 @@ bool Backup_Command::summarize(const Request& request, const Job& job, long seco
     std::string decoded;
     http_decode_string(mailbox, 0, decoded);
     for (const std::string& id_failed : failed)
-      failed_items.push_back({{"mailbox", decoded}, {"id", id_failed}});
+    {
+      // The index keeps the ids only; the service's code comes from the job
+      // log.
+      const auto logged = progress.item_errors().find(id_failed);
+      const std::string reason = logged == progress.item_errors().end() || logged->second.empty()
+                                     ? std::string("export failed")
+                                     : "export failed: " + logged->second;
+      failed_items.push_back({{"mailbox", decoded}, {"id", id_failed}, {"reason", reason}});
+    }
   }
   summary = {{"set_uuid", record.uuid},
              {"rev", record.rev},

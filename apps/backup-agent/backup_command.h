@@ -9,13 +9,16 @@
 #include <string>
 #include <vector>
 
+class Backup_Progress;
 class Job;
 
-// `backup --tenant UUID --mailbox ADDRESS... --pool UUID [--channels N]
-// [--compression none|zstd] [--json]`: builds a backup job definition of those
-// mailboxes (docs/job-definition.md), reads it through the module's parsers and
-// runs it through the module's job creator, as `run-job` runs a file. Shows one
-// progress line per change (rewritten in place on a terminal), then a summary
+// `backup --tenant UUID (--mailbox ADDRESS... | --all-mailboxes) --pool UUID
+// [--channels N] [--compression none|zstd] [--json]`: builds a backup job
+// definition of those mailboxes (with --all-mailboxes, every mailbox the
+// tenant's Graph users listing names), reads it through the module's parsers
+// and runs it through the module's job creator, as `run-job` runs a file. On a
+// terminal a live progress line is rewritten in place (Backup_Progress);
+// otherwise one line per mailbox as it ends. Then a summary
 // of the set: its uuid, mailboxes, folders, items, bytes stored, duration, and
 // every failed mailbox and failed item (from the set's record and its mailbox
 // indexes); with --json the summary is one JSON object on standard output.
@@ -40,6 +43,7 @@ public:
     std::string compression = "zstd";
     bool json = false;
     bool help = false;
+    bool all_mailboxes = false;
   };
   // False with `error` for an invalid invocation.
   static bool parse(const std::vector<std::string>& args, Request& request, std::string& error);
@@ -48,8 +52,9 @@ public:
   static std::string definition(const Request& request, const std::string& host_id);
 
 private:
-  int wait(Job& job, std::ostream& err);
-  bool summarize(const Request& request, const Job& job, long seconds, nlohmann::ordered_json& summary);
+  int wait(Job& job, Backup_Progress& progress, std::ostream& err);
+  bool summarize(const Request& request, const Job& job, const Backup_Progress& progress, long seconds,
+                 nlohmann::ordered_json& summary);
 
   Module_Host& module_;
 };

@@ -20,6 +20,8 @@ void Job_Activity::init()
   set_size = 0;
   set_storage_size = 0;
   message[0] = '\0';
+  items_done = 0;
+  bytes_done = 0;
 }
 
 void Job_Activity::set_message(const char* text)

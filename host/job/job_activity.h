@@ -34,6 +34,11 @@ struct Job_Activity
   uint64_t set_size;              // bytes of the backup set
   uint64_t set_storage_size;      // bytes stored after compression
   char message[MESSAGE_SIZE];     // failure text of the last run, terminated
+  // Figures of the run under way, as its streams report them (zero until the
+  // first report): items and bytes of data done so far. Watchers read them for
+  // a live progress display; after the run they hold its last report.
+  std::atomic<uint64_t> items_done;
+  std::atomic<uint64_t> bytes_done;
 
   // Fills a fresh record (all zero, idle).
   void init();
@@ -42,5 +47,7 @@ struct Job_Activity
 };
 
 static_assert(std::atomic<int32_t>::is_always_lock_free, "activity fields must be lock-free");
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "activity fields must be lock-free");
+static_assert(sizeof(Job_Activity) <= 4096, "the activity record is one 4096-byte page");
 
 #endif

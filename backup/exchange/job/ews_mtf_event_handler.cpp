@@ -7,9 +7,9 @@ EWS_MTF_Event_Handler::EWS_MTF_Event_Handler(Job_Event_Handler& handler, Job_Act
 {
 }
 
-int EWS_MTF_Event_Handler::handle_progress(int percent, ACE_UINT64, ACE_UINT64, ACE_UINT64)
+int EWS_MTF_Event_Handler::handle_progress(int percent, ACE_UINT64 done, ACE_UINT64 total, ACE_UINT64 files)
 {
-  return handler_.handle_progress(percent, 0, 0, 0);
+  return handler_.handle_progress(percent, done, total, files);
 }
 
 bool EWS_MTF_Event_Handler::canceling()

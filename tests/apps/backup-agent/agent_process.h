@@ -69,6 +69,9 @@ public:
     return outcome_;
   }
 
+  // The process id while it runs (to signal it), -1 once waited for.
+  pid_t pid() const { return pid_; }
+
   static std::string read(const std::string& path)
   {
     std::ifstream in(path);

@@ -3,6 +3,7 @@
 // byte for byte what exo-sim exports for it, or named among the failed items of
 // its mailbox's index.
 
+#include <signal.h>
 #include <sys/stat.h>  // backupd_process.h uses chmod
 
 #include "apps/backup-agent/agent_process.h"
@@ -20,10 +21,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace
@@ -135,10 +139,11 @@ protected:
 
   // Every item of every mailbox of the record is in the set or failed; returns
   // the failed items of all mailboxes.
-  size_t check_set(const Exo_Sim_Process& sim, const Exchange_Backup_Set& record, size_t& items)
+  size_t check_set(const Exo_Sim_Process& sim, const Exchange_Backup_Set& record, size_t& items,
+                   const std::string& job_id = "e2e")
   {
     Set_Contents set;
-    EXPECT_TRUE(set.read("pool-1", "host-1", "e2e", record.rev));
+    EXPECT_TRUE(set.read("pool-1", "host-1", job_id, record.rev));
     Client_IO_Ex io;
     EXPECT_TRUE(create_io_channel("pool-1", record.uri, 1, io, 0));
     EWS_Client_Ptr ews;
@@ -160,6 +165,17 @@ protected:
       items += check_mailbox(*ews, decoded, set, std::set<std::string>(failed.begin(), failed.end()));
     }
     return failed_total;
+  }
+
+  // The files of the sets of host "host-1" on the pool, as anyone would see
+  // them.
+  std::set<std::string> set_files() const
+  {
+    std::set<std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir_))
+      if (entry.is_regular_file() && entry.path().string().find("/host-1/") != std::string::npos)
+        files.insert(entry.path().string());
+    return files;
   }
 
   Backupd_Process backupd_;
@@ -248,4 +264,72 @@ TEST_F(Backup_Run, BackupCommandRunsTheSameJobAndSummarizesTheSet)
                             result, -1, 0));
   ASSERT_EQ(result["rows"].size(), 1u);
   EXPECT_EQ(result["rows"][0]["uuid"].get<std::string>(), summary["set_uuid"].get<std::string>());
+}
+
+TEST_F(Backup_Run, AllMailboxesComeFromGraphAndCtrlCLeavesNoTrace)
+{
+  // Users whose principal name is not their primary address are backed up by
+  // the latter.
+  Exo_Sim_Process sim({"--profile", "tiny", "--renamed-users", "3"});
+  ASSERT_EQ(run_backup(sim, {sim.mailbox("admin")}).status, 0);
+  const std::string config = dir_ + "/agent.json";
+  const std::vector<std::string> all = {
+      "--module",  EXCHANGE_MODULE_PATH, "--config", config,   "backup",     "--tenant",
+      tenant_uuid, "--all-mailboxes",    "--pool",   "pool-1", "--channels", "2"};
+  Agent_Process both({"--module", EXCHANGE_MODULE_PATH, "backup", "--tenant", tenant_uuid, "--all-mailboxes",
+                      "--mailbox", "a@b", "--pool", "pool-1"},
+                     dir_, "both");
+  EXPECT_EQ(both.wait().status, 64);
+
+  std::vector<std::string> args = all;
+  args.push_back("--json");
+  Agent_Process agent(args, dir_, "all");
+  Agent_Outcome run = agent.wait();
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  const nlohmann::json summary = nlohmann::json::parse(run.out);
+  EXPECT_EQ(summary["mailboxes"], sim.status()["mailboxes"]);
+  // Not on a terminal: one line per mailbox, with the run's figures so far.
+  const size_t last = run.err.find("mailbox 5/5 ");
+  ASSERT_NE(last, std::string::npos) << run.err;
+  const size_t figures = run.err.find(": backed up (", last);
+  ASSERT_NE(figures, std::string::npos) << run.err;
+  EXPECT_GT(std::stol(run.err.substr(figures + 13)), 0) << run.err.substr(last);
+  EXPECT_EQ(summary["mailboxes"].get<int>(), 5);
+  EXPECT_TRUE(summary["failed_mailboxes"].empty());
+  nlohmann::ordered_json result;
+  const std::string query = std::string("/d2/r/v2/sets/restore/"
+                                        "sets?module=exchange&minor_resource_id=backup-") +
+                            tenant_uuid;
+  ASSERT_TRUE(read_catalogs(query.c_str(), result, -1, 0));
+  ASSERT_EQ(result["rows"].size(), 1u);
+  Exchange_Backup_Set record;
+  std::string error;
+  ASSERT_TRUE(record.from_json(result["rows"][0], error)) << error;
+  EXPECT_EQ(record.index_files.size(), summary["mailboxes"].get<size_t>());
+  size_t items = 0;
+  EXPECT_EQ(check_set(sim, record, items, std::string("backup-") + tenant_uuid), 0u);
+  EXPECT_EQ(static_cast<int>(items), summary["items"].get<int>());
+
+  // A slow service keeps the next run going while Ctrl-C reaches it.
+  const std::set<std::string> before = set_files();
+  sim.set_faults({{"latency_ms", 300}});
+  const std::string job_log = dir_ + "/state/jobs/backup-" + tenant_uuid + ".log";
+  const size_t log_size = Agent_Process::read(job_log).size();
+  Agent_Process slow(all, dir_, "slow");
+  bool processing = false;
+  for (int i = 0; i < 600 && !processing; ++i)
+  {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    processing = Agent_Process::read(job_log).find("Processing mailbox", log_size) != std::string::npos;
+  }
+  EXPECT_TRUE(processing) << "the backup never reached a mailbox";
+  ::kill(slow.pid(), SIGINT);
+  Agent_Outcome cancelled = slow.wait();
+  sim.set_faults({{"latency_ms", 0}});
+  EXPECT_EQ(cancelled.status, 130) << cancelled.out << cancelled.err;
+  EXPECT_TRUE(cancelled.says("cancel")) << cancelled.err;
+  result = nlohmann::ordered_json();
+  ASSERT_TRUE(read_catalogs(query.c_str(), result, -1, 0));
+  EXPECT_EQ(result["rows"].size(), 1u) << "a cancelled run posted a record";
+  EXPECT_EQ(set_files(), before) << "a cancelled run left files of its set";
 }

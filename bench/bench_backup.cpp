@@ -1,0 +1,244 @@
+// Backup throughput of the agent with the Exchange module against the wire
+// limit.
+//
+//   bench_backup [MAILBOXES [LARGE_MIB [LARGE_MAX_MIB]]]
+//
+// Starts backupd (a directory pool in a temporary folder) and exo-sim with the
+// demo profile (MAILBOXES mailboxes, default 8: some 660 items each, mostly
+// small, plus two large items of LARGE_MIB and LARGE_MAX_MIB MiB per mailbox,
+// default 4 and 24; no hidden folders, so that the backup and the wire limit
+// export the same items), then at 0 ms and 50 ms of added latency per call:
+// - backs the tenant up with `backup-agent backup --all-mailboxes`, on 1 and
+//   4 channels (each a new backup set);
+// - measures the wire limit: one thread sends the same ExportItems requests
+//   (the items of every mailbox in batches of ews.batch_size, as the module's
+//   one export thread does) to the same simulator and discards the answers.
+// Each run is a child process, so its peak RSS is its own. Prints one Markdown
+// table row per run: items/s, MiB/s, time against the wire limit's, peak RSS.
+
+#include <sys/stat.h>  // backupd_process.h uses chmod
+
+#include "apps/backup-agent/graph_users_lister.h"
+#include "apps/backupd/backupd_process.h"
+#include "backup/exchange/core/ews/ews_utils.h"
+#include "host/ews/ews_client.h"
+#include "host/ews/ews_params.h"
+#include "host/office365/office365_tenant_registry.h"
+#include "support/exo_sim_process.h"
+
+#include <ace/Log_Msg.h>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <spawn.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <vector>
+
+extern char** environ;
+
+namespace
+{
+const char* const tenant_uuid = "4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f";
+
+struct Figures
+{
+  bool ok = false;
+  long exported = 0;  // items the simulator exported during the run
+  double seconds = 0;
+  double items = 0;
+  double mib = 0;
+  long rss_mib = 0;
+};
+
+double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+// Runs the agent with `args`, its summary (--json) into `out`; the figures of
+// the run.
+Figures run_agent(const std::vector<std::string>& args, const std::string& out)
+{
+  std::vector<std::string> all{BACKUP_AGENT_PATH};
+  all.insert(all.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& a : all)
+    argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, (out + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  Figures f;
+  const double start = now();
+  pid_t pid = -1;
+  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0)
+    return f;
+  int status = 0;
+  struct rusage usage = {};
+  ::wait4(pid, &status, 0, &usage);
+  f.seconds = now() - start;
+  f.rss_mib = usage.ru_maxrss / 1024;
+  std::ifstream in(out);
+  nlohmann::json summary = nlohmann::json::parse(in, nullptr, false);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || summary.is_discarded())
+  {
+    std::fprintf(stderr, "backup-agent failed (status %d), see %s.err\n", status, out.c_str());
+    return f;
+  }
+  f.ok = true;
+  f.items = summary["items"].get<double>();
+  f.mib = summary["bytes"].get<double>() / (1024.0 * 1024.0);
+  return f;
+}
+
+// In a child process: lists every item of the tenant, then times exporting all
+// of them in batches of ews.batch_size from one thread, dropping each answer.
+Figures wire_limit(const Office365_Auth_Entry& entry, const std::string& out)
+{
+  const pid_t pid = ::fork();
+  if (pid == 0)
+  {
+    std::vector<std::string> mailboxes;
+    std::string error;
+    Graph_Users_Lister lister(entry);
+    EWS_Client_Ptr ews;
+    if (!lister.list(mailboxes, error) ||
+        !create_ews_client("", Secure_String(),
+                           std::make_shared<Office365_Auth>(entry, ews_default_scope(entry.ews_endpoint)), ews, ""))
+      ::_exit(1);
+    std::vector<std::pair<std::string, EWS_Items>> items;  // by mailbox
+    for (const std::string& mailbox : mailboxes)
+    {
+      if (!ews->impersonate(mailbox))
+        ::_exit(1);
+      items.emplace_back(mailbox, EWS_Items());
+      std::vector<std::string> folders = {""};
+      while (!folders.empty())
+      {
+        const std::string folder = folders.back();
+        folders.pop_back();
+        EWS_Folders children;
+        if (!ews->list_folders(folder, children, true))
+          ::_exit(1);
+        for (const EWS_Folder& child : children)
+          folders.push_back(child.id);
+        if (!folder.empty() && !ews->list_items(folder, make_ews_item_appender(items.back().second), 0, 1000000))
+          ::_exit(1);
+      }
+    }
+    const size_t batch = static_cast<size_t>(EWS_Params::batch_size());
+    double count = 0, bytes = 0;
+    const double start = now();
+    for (const auto& mailbox : items)
+    {
+      ews->impersonate(mailbox.first);
+      for (size_t i = 0; i < mailbox.second.size(); i += batch)
+      {
+        EWS_Export_Requests requests;
+        for (size_t k = i; k < mailbox.second.size() && k < i + batch; ++k)
+        {
+          requests.emplace_back();
+          requests.back().id = mailbox.second[k].id;
+        }
+        if (!ews->export_items(requests))
+          ::_exit(1);
+        for (const EWS_Export_Request& r : requests)
+          if (r.data.ptr)
+          {
+            ++count;
+            bytes += static_cast<double>(r.data.size);
+          }
+      }
+    }
+    std::ofstream(out) << (now() - start) << " " << count << " " << bytes << "\n";
+    ::_exit(0);
+  }
+  Figures f;
+  int status = 0;
+  struct rusage usage = {};
+  if (pid < 0 || ::wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+  {
+    std::fprintf(stderr, "the wire-limit loop failed\n");
+    return f;
+  }
+  double bytes = 0;
+  std::ifstream in(out);
+  f.ok = static_cast<bool>(in >> f.seconds >> f.items >> bytes);
+  f.mib = bytes / (1024.0 * 1024.0);
+  f.rss_mib = usage.ru_maxrss / 1024;
+  return f;
+}
+
+void row(int latency, const std::string& what, const Figures& f, const Figures& wire)
+{
+  if (!f.ok)
+  {
+    std::printf("| %d ms | %s | failed | | | | | | |\n", latency, what.c_str());
+    return;
+  }
+  std::printf("| %d ms | %s | %.0f | %ld | %.1f | %.0f | %.1f | %.2f | %ld |\n", latency, what.c_str(), f.items,
+              f.exported, f.mib, f.items / f.seconds, f.mib / f.seconds, wire.ok ? f.seconds / wire.seconds : 0.0,
+              f.rss_mib);
+  std::fflush(stdout);
+}
+}  // namespace
+
+int main(int argc, char** argv)
+{
+  const std::string mailboxes = argc > 1 ? argv[1] : "8";
+  const std::string large = argc > 2 ? argv[2] : "4";
+  const std::string large_max = argc > 3 ? argv[3] : "24";
+  ACE_LOG_MSG->priority_mask(LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
+
+  Backupd_Process backupd;
+  if (!backupd.add_pool("pool-1", "main") || !backupd.start())
+  {
+    std::fprintf(stderr, "backupd did not start\n");
+    return 1;
+  }
+  Exo_Sim_Process sim({"--profile", "demo", "--mailboxes", mailboxes, "--renamed-users", "0", "--hidden-folders", "0",
+                       "--large-item-mib", large, "--large-item-max-mib", large_max});
+  const std::string dir = backupd.root();
+  ::mkdir((dir + "/state").c_str(), 0700);
+  Office365_Tenant_Registry tenants(Office365_Tenant_Registry::file_in(dir + "/state"));
+  std::string error;
+  tenants.add(tenant_uuid, sim.entry());
+  if (!tenants.save(error))
+  {
+    std::fprintf(stderr, "%s\n", error.c_str());
+    return 1;
+  }
+  const auto config = [&](const std::string& name, const std::string& settings)
+  {
+    const std::string path = dir + "/" + name;
+    std::ofstream(path) << "{\"state_dir\": \"" << dir << "/state\", \"host_id\": \"host-1\", \"backup_server\": "
+                        << "{\"url\": \"" << backupd.url() << "\", \"access_key\": \"" << Backupd_Process::key()
+                        << "\"}, \"settings\": " << settings << "}";
+    return path;
+  };
+  const std::string defaults = config("agent.json", "{}");
+
+  std::printf("| latency | run | items | exported | MiB | items/s | MiB/s | time / wire limit | peak RSS MiB |\n"
+              "|---|---|---|---|---|---|---|---|---|\n");
+  const auto exported = [&]() { return sim.status()["items_exported"].get<long>(); };
+  for (int latency : {0, 50})
+  {
+    sim.set_faults({{"latency_ms", latency}});
+    long before = exported();
+    Figures wire = wire_limit(sim.entry(), dir + "/wire.out");
+    wire.exported = exported() - before;
+    row(latency, "wire limit (one thread, ExportItems only)", wire, wire);
+    for (int channels : {1, 4})
+    {
+      before = exported();
+      Figures f = run_agent({"--config", defaults, "backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool",
+                                   "pool-1", "--channels", std::to_string(channels), "--json"},
+                                  dir + "/backup.out");
+      f.exported = exported() - before;
+      row(latency, "backup, " + std::to_string(channels) + " channel(s)", f, wire);
+    }
+  }
+  return 0;
+}
