@@ -252,3 +252,47 @@ TEST_F(Restore_Run, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames)
     want.emplace(std::string(uni_name) + "/Twin", std::string(copy.begin(), copy.end()));
   EXPECT_TRUE(got == want) << difference(got, want);
 }
+
+TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
+{
+  Exo_Sim_Process sim({"--profile", "tiny", "--busy-backoff-ms", "20"});
+  const std::string alice = sim.mailbox("alice.archer");
+  nlohmann::ordered_json backup = {
+      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
+      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
+      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+  Agent_Outcome run = run_job(sim, backup);
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
+  ASSERT_EQ(result["rows"].size(), 1u);
+  EWS_Client_Ptr ews = client(sim, alice);
+  Tree_Contents original;
+  ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
+  std::vector<std::string> all;
+  EWS_Folders top;
+  ASSERT_TRUE(ews->list_folders("", top, true));
+  for (const EWS_Folder& f : top)
+    all.push_back(encode_name(f.id));
+
+  // Refusals before the server acts (throttling, 503). A connection dropped
+  // after an upload or folder creation took effect is not among them: the
+  // client's retry then repeats an operation that is not idempotent.
+  sim.set_faults({{"busy_rate", 0.2}, {"ews_503_rate", 0.05}});
+  run = run_job(sim, restore_job("r-faults", result["rows"][0]["uuid"].get<std::string>(), alice,
+                                 sim.mailbox("admin"), "Under Faults", all));
+  const nlohmann::json status = sim.status();
+  sim.set_faults({{"busy_rate", 0}, {"ews_503_rate", 0}});
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_GT(status["faults"]["busy"].get<int>(), 0) << status.dump();
+
+  EWS_Client_Ptr target = client(sim, sim.mailbox("admin"));
+  EWS_Folders roots;
+  ASSERT_TRUE(target->list_folders("", roots, true));
+  const EWS_Folder* restored = find(roots, "Under Faults");
+  ASSERT_NE(restored, nullptr);
+  Tree_Contents got;
+  ASSERT_NO_FATAL_FAILURE(contents(*target, restored->id, "", got));
+  EXPECT_TRUE(got == original) << difference(got, original);
+}
