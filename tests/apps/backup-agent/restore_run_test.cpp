@@ -296,3 +296,75 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
   ASSERT_NO_FATAL_FAILURE(contents(*target, restored->id, "", got));
   EXPECT_TRUE(got == original) << difference(got, original);
 }
+
+TEST_F(Restore_Run, RestoreCommandRestoresAFolderPathAndAnItem)
+{
+  Exo_Sim_Process sim({"--profile", "tiny"});
+  const std::string alice = sim.mailbox("alice.archer");
+  const std::string admin = sim.mailbox("admin");
+  nlohmann::ordered_json backup = {
+      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
+      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
+      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+  Agent_Outcome run = run_job(sim, backup);
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
+  const std::string set = result["rows"][0]["uuid"].get<std::string>();
+
+  // A nested folder by its path, and one item of Calendar by its id.
+  EWS_Client_Ptr ews = client(sim, alice);
+  EWS_Folders top;
+  ASSERT_TRUE(ews->list_folders("", top, true));
+  const EWS_Folder* inbox = find(top, "Inbox");
+  const EWS_Folder* calendar = find(top, "Calendar");
+  ASSERT_TRUE(inbox != nullptr && calendar != nullptr);
+  EWS_Folders below;
+  ASSERT_TRUE(ews->list_folders(inbox->id, below, true));
+  ASSERT_FALSE(below.empty());
+  EWS_Items items;
+  ASSERT_TRUE(ews->list_items(calendar->id, make_ews_item_appender(items), 0, 100));
+  ASSERT_FALSE(items.empty());
+  Tree_Contents original;
+  ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
+
+  const std::string config = dir_ + "/agent.json";
+  Agent_Process bad({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
+                     "--to", admin},
+                    dir_, "bad");
+  EXPECT_EQ(bad.wait().status, 64);
+  Agent_Process missing({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from",
+                         alice, "--to", admin, "--path", "Inbox/No such folder"},
+                        dir_, "missing");
+  Agent_Outcome refused = missing.wait();
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(refused.says("the set has no folder Inbox/No such folder")) << refused.err;
+
+  Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
+                       "--to", admin, "--path", "Inbox/" + below[0].display_name, "--item", items[0].id,
+                       "--relocation", "By Command", "--json"},
+                      dir_, "restore");
+  run = agent.wait();
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  const nlohmann::json summary = nlohmann::json::parse(run.out);
+  EXPECT_EQ(summary["entries"], 2);
+  EXPECT_GT(summary["bytes"].get<long>(), 0);
+
+  EWS_Client_Ptr target = client(sim, admin);
+  EWS_Folders roots;
+  ASSERT_TRUE(target->list_folders("", roots, true));
+  const EWS_Folder* restored = find(roots, "By Command");
+  ASSERT_NE(restored, nullptr);
+  Tree_Contents got;
+  ASSERT_NO_FATAL_FAILURE(contents(*target, restored->id, "", got));
+  Tree_Contents want;
+  for (const auto& entry : original)
+    if (entry.first == "Inbox/" + below[0].display_name)
+      want.insert(entry);
+  EWS_Export_Requests one(1);
+  one[0].id = items[0].id;
+  ASSERT_TRUE(ews->export_items(one));
+  want.emplace("Calendar", std::string(reinterpret_cast<const char*>(one[0].data.ptr.get()), one[0].data.size));
+  EXPECT_TRUE(got == want) << difference(got, want);
+}
