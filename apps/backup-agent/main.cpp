@@ -8,6 +8,7 @@
 #include "apps/backup-agent/module_host.h"
 #include "apps/backup-agent/restore_command.h"
 #include "apps/backup-agent/run_job_command.h"
+#include "apps/backup-agent/sets_command.h"
 #include "apps/backup-agent/tenant_command.h"
 #include "host/ews/ews_params.h"
 #include "host/base/agent_config.h"
@@ -139,6 +140,8 @@ int main(int argc, char** argv)
     return run_job_command(options);
   if (options.command == "backup")
     return backup_command(options);
+  if (options.command == "sets")
+    return Sets_Command().run(options.args, std::cout, std::cerr);
   if (options.command == "restore")
     return restore_command(options);
   if (options.command == "tenant")

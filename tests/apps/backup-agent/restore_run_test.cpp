@@ -297,7 +297,7 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
   EXPECT_TRUE(got == original) << difference(got, original);
 }
 
-TEST_F(Restore_Run, RestoreCommandRestoresAFolderPathAndAnItem)
+TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAndAnItem)
 {
   Exo_Sim_Process sim({"--profile", "tiny"});
   const std::string alice = sim.mailbox("alice.archer");
@@ -330,6 +330,19 @@ TEST_F(Restore_Run, RestoreCommandRestoresAFolderPathAndAnItem)
   ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
 
   const std::string config = dir_ + "/agent.json";
+  Agent_Process lister({"--config", config, "sets", "--mailbox", alice, "--json"}, dir_, "sets");
+  Agent_Outcome listed = lister.wait();
+  ASSERT_EQ(listed.status, 0) << listed.err;
+  const nlohmann::json sets = nlohmann::json::parse(listed.out);
+  ASSERT_EQ(sets.size(), 1u);
+  EXPECT_EQ(sets[0]["set_uuid"], set);
+  EXPECT_EQ(sets[0]["mailboxes"], nlohmann::json::array({alice}));
+  EXPECT_EQ(sets[0]["items"].get<size_t>(), original.size());
+  Agent_Process none({"--config", config, "sets", "--mailbox", admin, "--json"}, dir_, "no-sets");
+  Agent_Outcome empty = none.wait();
+  EXPECT_EQ(empty.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(empty.out), nlohmann::json::array());
+
   Agent_Process bad({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
                      "--to", admin},
                     dir_, "bad");
