@@ -71,6 +71,12 @@ void Exchange_Restore_Job_Executor::make_restore_input(Exchange_Restore_Input& i
 
 bool Exchange_Restore_Job_Executor::execute_i(const Action_Options*)
 {
+  // The activity carries this run's outcome only (its message names failed
+  // items; see ews_restore).
+  act_.code = 0;
+  act_.set_message("");
+  act_.size = 0;
+  act_.set_size = 0;
   Exchange_Restore_Input input;
   make_restore_input(input);
   // The set's record is asked for under the job source's id: the tenant, which
