@@ -48,6 +48,10 @@ const char* Agent_Options::usage()
          "  run-job FILE     run a backup or restore job definition and wait for its outcome\n"
          "  backup --tenant UUID --mailbox ADDRESS... --pool UUID [--channels N] [--compression none|zstd] [--json]\n"
          "                   back up mailboxes of a registered tenant (backup-agent backup --help)\n"
+         "  sets [--tenant UUID] [--mailbox ADDRESS] [--json]\n"
+         "                   list the backup sets in the catalog, newest first\n"
+         "  restore --set UUID --from ADDRESS --to ADDRESS (--path P | --item ID)... [--relocation FOLDER] [--json]\n"
+         "                   restore folders or items of a backup set (backup-agent restore --help)\n"
          "  tenant add|list|remove|test\n"
          "                   manage the Office 365 tenant registrations (backup-agent tenant for details)\n";
 }

@@ -6,7 +6,9 @@
 #include "apps/backup-agent/backup_command.h"
 #include "apps/backup-agent/check_job_command.h"
 #include "apps/backup-agent/module_host.h"
+#include "apps/backup-agent/restore_command.h"
 #include "apps/backup-agent/run_job_command.h"
+#include "apps/backup-agent/sets_command.h"
 #include "apps/backup-agent/tenant_command.h"
 #include "host/ews/ews_params.h"
 #include "host/base/agent_config.h"
@@ -71,6 +73,20 @@ int backup_command(const Agent_Options& options)
   return Backup_Command(module).run(options.args, std::cout, std::cerr);
 }
 
+int restore_command(const Agent_Options& options)
+{
+  Module_Host module;
+  for (const std::string& arg : options.args)
+    if (arg == "--help" || arg == "-h")
+      return Restore_Command(module).run(options.args, std::cout, std::cerr);
+  if (!module.load(options.module_path))
+  {
+    std::cerr << "backup-agent: " << module.error() << "\n";
+    return 1;
+  }
+  return Restore_Command(module).run(options.args, std::cout, std::cerr);
+}
+
 int run_job_command(const Agent_Options& options)
 {
   if (options.args.size() != 1)
@@ -124,6 +140,10 @@ int main(int argc, char** argv)
     return run_job_command(options);
   if (options.command == "backup")
     return backup_command(options);
+  if (options.command == "sets")
+    return Sets_Command().run(options.args, std::cout, std::cerr);
+  if (options.command == "restore")
+    return restore_command(options);
   if (options.command == "tenant")
     return Tenant_Command(Office365_Tenant_Registry::default_path(), std::cout, std::cerr).run(options.args);
   std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();

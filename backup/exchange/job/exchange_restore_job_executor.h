@@ -5,7 +5,11 @@
 #include "backup/exchange/job/exchange_restore_job_source.h"
 #include "backup/job/job_executor_t.h"
 #include "host/job/job_event_handler.h"
+#include "host/storage/pool_info.h"
 
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
 #include <string>
 
 // What a restore run takes from its job definition: the source and target
@@ -19,9 +23,15 @@ struct Exchange_Restore_Input
   std::string relocation;
   bool auto_mount = true;
   bool overwrite = false;
+  Pool_Info pool_info;   // the pool that holds the set
+  std::string location;  // the set's storage location: pool URL and the record's "uri"
 };
 
-// Runs one Exchange restore job.
+// Runs one Exchange restore job: reads the backup set's catalog record, checks
+// that the set was made with EWS, loads the source mailbox's index, creates the
+// target folder and drives the restore stream, whose callbacks re-create the
+// selected folders and upload the items into the target mailbox. One executor
+// per run, on the job thread.
 class Exchange_Restore_Job_Executor
   : public Job_Executor_T<Exchange_Restore_Job_Source, Exchange_Restore_Job_Options, Job_Event_Handler>
 {
@@ -34,8 +44,39 @@ public:
   // options into `input`.
   void make_restore_input(Exchange_Restore_Input& input) const;
 
+  // Reads the record of set `catalog_id` of resource `id` from the catalog into
+  // the backup_* fields and the pool and location of `input`. False (logged,
+  // `error` saying why) when the answer is not a usable record of one set.
+  bool get_backupset_info(const std::string& id, const std::string& catalog_id, Exchange_Restore_Input& input,
+                          std::string& error);
+
+  const std::string& backup_method() const { return backup_method_; }
+  const std::string& pool_uuid() const { return pool_uuid_; }
+  const std::string& uri() const { return uri_; }
+  const std::string& backup_host_id() const { return backup_host_id_; }
+  int backup_rev() const { return backup_rev_; }
+  const std::string& backup_agent() const { return backup_agent_; }
+  int backup_channels() const { return backup_channels_; }
+  const std::string& backup_minor_resource_id() const { return backup_minor_resource_id_; }
+
+  // What the last run restored.
+  uint64_t files_restored() const { return files_restored_; }
+  uint64_t files_failed() const { return files_failed_; }
+
 private:
   bool ews_restore(const Exchange_Restore_Input& input);
+  bool read_record(const nlohmann::ordered_json& record, std::string& error);
+
+  std::string backup_method_;
+  std::string pool_uuid_;
+  std::string uri_;
+  std::string backup_host_id_;
+  int backup_rev_ = 0;
+  std::string backup_agent_;
+  int backup_channels_ = 0;
+  std::string backup_minor_resource_id_;
+  uint64_t files_restored_ = 0;
+  uint64_t files_failed_ = 0;
 };
 
 #endif

@@ -76,8 +76,10 @@ bool EWS_Backup_Callback::read_dirs(const char* path, std::list<MTF::Directory_E
 {
   if (is_mailbox(path))
     return list_folder(path, "", out);
+  // Each listing takes its folder's entry: folders of one name under one parent
+  // share a path and are listed once each, in the order they were recorded.
   EWS_Folder_Entry entry;
-  if (!ctx_.get_entry(folder_key(path), false, entry))
+  if (!ctx_.get_entry(folder_key(path), true, entry))
     return false;
   return list_folder(path, entry.id, out);
 }

@@ -43,6 +43,20 @@ public:
   bool fail_exports = false;                 // every ExportItems call fails for good
   size_t item_size = 100;                    // bytes of each exported item
 
+  // Restores: folders made and items uploaded, in call order.
+  struct Created_Folder
+  {
+    std::string mailbox, parent_id, name, id;
+  };
+  struct Uploaded_Item
+  {
+    std::string mailbox, parent_id, data;
+  };
+  std::set<std::string> refused_folder_names;  // CreateFolder fails for good
+  std::mutex restore_lock;                     // guards the two lists below
+  std::vector<Created_Folder> created;
+  std::vector<Uploaded_Item> uploaded;
+
   std::atomic<int> export_calls{0};
   std::atomic<int> find_items_calls{0};
   std::atomic<int> clients_made{0};
@@ -185,14 +199,30 @@ public:
     return Host_Status();
   }
 
-  Host_Status create_folder(const EWS_Folder_Ref&, EWS_Folder_Creation_Request&) override
+  // Every call makes a new folder (a duplicate name gives a second folder),
+  // with id "new-<n>".
+  Host_Status create_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request) override
   {
-    return Host_Status::make(HOST_STATUS_PERMANENT, "", "not simulated");
+    if (boxes_.refused_folder_names.count(request.display_name))
+      return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "cannot create " + request.display_name);
+    std::lock_guard<std::mutex> guard(boxes_.restore_lock);
+    request.id = "new-" + std::to_string(boxes_.created.size());
+    boxes_.created.push_back({mailbox_, parent.id, request.display_name, request.id});
+    return Host_Status();
   }
-  Host_Status upload_items(const std::string&, const std::vector<const ustring*>&,
-                           std::vector<EWS_Upload_Result>&) override
+  Host_Status upload_items(const std::string& parent_id, const std::vector<const ustring*>& items,
+                           std::vector<EWS_Upload_Result>& results) override
   {
-    return Host_Status::make(HOST_STATUS_PERMANENT, "", "not simulated");
+    std::lock_guard<std::mutex> guard(boxes_.restore_lock);
+    results.clear();
+    for (const ustring* item : items)
+    {
+      EWS_Upload_Result result;
+      result.id = "up-" + std::to_string(boxes_.uploaded.size());
+      results.push_back(result);
+      boxes_.uploaded.push_back({mailbox_, parent_id, std::string(item->begin(), item->end())});
+    }
+    return Host_Status();
   }
 
 private:

@@ -1,0 +1,51 @@
+#ifndef APPS_BACKUP_AGENT_RESTORE_COMMAND_H
+#define APPS_BACKUP_AGENT_RESTORE_COMMAND_H
+
+#include "apps/backup-agent/module_host.h"
+#include "host/ews/ews_folder.h"
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+// `restore --set UUID --from ADDRESS --to ADDRESS (--path "Inbox/Projects" |
+// --item ID ...) [--relocation FOLDER] [--json]`: finds the set's record and the
+// source mailbox's index, turns each path (display names from the mailbox root,
+// joined by "/") and item id into an entry of a restore job definition
+// (docs/job-definition.md) and runs it through the module's job creator, as
+// `run-job` runs a file. Shows progress, then the bytes restored and the
+// failures the job reports. Exit status 0 when everything was restored, 2 when
+// some items failed, 1 when the restore failed, 130 when Ctrl-C cancelled it,
+// 64 for a bad invocation.
+class Restore_Command
+{
+public:
+  explicit Restore_Command(Module_Host& module) : module_(module) {}
+
+  int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+  static const char* usage();
+
+  struct Request
+  {
+    std::string set;
+    std::string from;
+    std::string to;
+    std::vector<std::string> paths;
+    std::vector<std::string> items;
+    std::string relocation;
+    bool json = false;
+    bool help = false;
+  };
+  static bool parse(const std::vector<std::string>& args, Request& request, std::string& error);
+
+  // The selection entry of a folder path or of an item id of `tree`; false with
+  // `error` when the tree has no such folder or item.
+  static bool path_entry(const EWS_Folders& tree, const std::string& path, std::string& entry, std::string& error);
+  static bool item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error);
+
+private:
+  Module_Host& module_;
+};
+
+#endif

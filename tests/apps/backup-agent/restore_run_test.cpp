@@ -1,0 +1,383 @@
+// Restores end to end: backupd, exo-sim and the real agent (loading the real
+// module) on loopback. A mailbox is backed up, then restored (whole, one nested
+// folder, single items) into another mailbox under a relocation folder through
+// restore job definitions; the restored items, exported from exo-sim again, must
+// be byte for byte the originals, in folders of the original names.
+
+#include <sys/stat.h>  // backupd_process.h uses chmod
+
+#include "apps/backup-agent/agent_process.h"
+#include "apps/backupd/backupd_process.h"
+#include "backup/exchange/core/ews/ews_mtf_utils.h"
+#include "backup/exchange/core/ews/ews_utils.h"
+#include "host/catalog/read_catalogs.h"
+#include "host/ews/ews_folder_creation_request.h"
+#include "host/office365/office365_tenant_registry.h"
+#include "support/exo_sim_process.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace
+{
+const char* const tenant_uuid = "4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f";
+const char* const odd_name = "\xc3\x9c" "ber/Projekte \xe2\x82\xac";  // Unicode and a "/"
+const char* const uni_name = "\xc3\x9cn\xc3\xaf Ordner";
+
+// Folder path (display names joined by "/", from below the start) -> the
+// exported bytes of its items.
+typedef std::multiset<std::pair<std::string, std::string>> Tree_Contents;
+
+// The items only one side has: folder, size and a hash of the bytes, one a line.
+std::string difference(const Tree_Contents& got, const Tree_Contents& want)
+{
+  auto lines = [](const Tree_Contents& tree) {
+    std::multiset<std::string> out;
+    for (const auto& entry : tree)
+      out.insert(entry.first + " " + std::to_string(entry.second.size()) + " " +
+                 std::to_string(std::hash<std::string>()(entry.second) % 100000));
+    return out;
+  };
+  const std::multiset<std::string> a = lines(got), b = lines(want);
+  std::string out;
+  for (const std::string& l : a)
+    if (b.count(l) < a.count(l))
+      out += "restored only: " + l + "\n";
+  for (const std::string& l : b)
+    if (a.count(l) < b.count(l))
+      out += "missing: " + l + "\n";
+  return out;
+}
+
+class Restore_Run : public ::testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    ASSERT_TRUE(backupd_.add_pool("pool-1", "main"));
+    ASSERT_TRUE(backupd_.start());
+    backupd_.configure_host();
+    dir_ = backupd_.root();
+  }
+
+  std::string write(const std::string& name, const std::string& text)
+  {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  EWS_Client_Ptr client(const Exo_Sim_Process& sim, const std::string& mailbox)
+  {
+    EWS_Client_Ptr ews;
+    EXPECT_TRUE(create_ews_client("", Secure_String(),
+                                  std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
+                                  ews, mailbox.c_str()));
+    return ews;
+  }
+
+  Agent_Outcome run_job(const Exo_Sim_Process& sim, const nlohmann::ordered_json& job)
+  {
+    Office365_Tenant_Registry tenants(Office365_Tenant_Registry::file_in(dir_ + "/state"));
+    std::string error;
+    ::mkdir((dir_ + "/state").c_str(), 0700);
+    tenants.add(tenant_uuid, sim.entry());
+    EXPECT_TRUE(tenants.save(error)) << error;
+    const std::string config =
+        write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"host_id\": \"host-1\", \"backup_server\": "
+                            "{\"url\": \"" + backupd_.url() + "\", \"access_key\": \"" + Backupd_Process::key() +
+                            "\"}, \"settings\": {}}");
+    const std::string job_file = write(job["id"].get<std::string>() + ".json", job.dump());
+    Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "run-job", job_file}, dir_,
+                        job["id"].get<std::string>());
+    return agent.wait();
+  }
+
+  nlohmann::ordered_json restore_job(const std::string& id, const std::string& set, const std::string& from,
+                                     const std::string& to, const std::string& relocation,
+                                     const std::vector<std::string>& storages)
+  {
+    nlohmann::ordered_json job = {
+        {"type", "restore"}, {"uid", "7a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d"}, {"id", id}, {"host_id", "host-1"},
+        {"max_seconds_retry", 30},
+        {"options", {{"relocation", relocation}, {"is_office365", true}, {"channels", 2}}},
+        {"source",
+         {{"id", tenant_uuid}, {"catalog_id", set}, {"original", std::string("exchange://") + tenant_uuid + "/" + from},
+          {"restore_as", std::string("exchange://") + tenant_uuid + "/" + to}, {"storages", storages}}}};
+    return job;
+  }
+
+  // Every item below `folder_id` of `mailbox`, exported, by folder path.
+  void contents(EWS_Client& ews, const std::string& folder_id, const std::string& path, Tree_Contents& out)
+  {
+    EWS_Folders children;
+    ASSERT_TRUE(ews.list_folders(folder_id, children, true));
+    for (const EWS_Folder& child : children)
+      contents(ews, child.id, path.empty() ? child.display_name : path + "/" + child.display_name, out);
+    if (folder_id.empty())
+      return;
+    EWS_Items items;
+    ASSERT_TRUE(ews.list_items(folder_id, make_ews_item_appender(items), 0, 100000));
+    EWS_Export_Requests requests(items.size());
+    for (size_t i = 0; i < items.size(); ++i)
+      requests[i].id = items[i].id;
+    ASSERT_TRUE(ews.export_items(requests));
+    for (const EWS_Export_Request& r : requests)
+    {
+      ASSERT_TRUE(r.data.ptr) << r.id;
+      out.emplace(path, std::string(reinterpret_cast<const char*>(r.data.ptr.get()), r.data.size));
+    }
+  }
+
+  const EWS_Folder* find(const EWS_Folders& folders, const std::string& name)
+  {
+    for (const EWS_Folder& f : folders)
+      if (f.display_name == name)
+        return &f;
+    return nullptr;
+  }
+
+  Backupd_Process backupd_;
+  std::string dir_;
+};
+}  // namespace
+
+TEST_F(Restore_Run, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames)
+{
+  Exo_Sim_Process sim({"--profile", "tiny"});
+  const std::string alice = sim.mailbox("alice.archer");
+  const std::string admin = sim.mailbox("admin");
+
+  // Folders of awkward names in alice's mailbox, each given copies of some
+  // items: a Unicode name with "/", a Unicode name with a subfolder, and two
+  // folders of one name (under different parents: Exchange refuses a second
+  // folder of one name under one parent). (A selection entry names its folders decoded and split
+  // at "/", so a folder below a name with "/" is restored with its parent.)
+  EWS_Client_Ptr ews = client(sim, alice);
+  EWS_Folders top;
+  ASSERT_TRUE(ews->list_folders("", top, true));
+  ASSERT_FALSE(top.empty());
+  Tree_Contents seed;
+  ASSERT_NO_FATAL_FAILURE(contents(*ews, top[0].id, "", seed));
+  ASSERT_FALSE(seed.empty());
+  std::vector<ustring> copies;
+  for (auto it = seed.begin(); it != seed.end() && copies.size() < 2; ++it)
+    copies.emplace_back(it->second.begin(), it->second.end());
+  EWS_Folder_Creation_Request odd, uni, dup1, dup2, nested;
+  odd.display_name = odd_name;
+  uni.display_name = uni_name;
+  dup1.display_name = dup2.display_name = "Twin";
+  nested.display_name = "Inner";
+  ASSERT_TRUE(ews->create_folder("", odd, ewstype__DistinguishedFolderIdNameType__msgfolderroot));
+  ASSERT_TRUE(ews->create_folder("", uni, ewstype__DistinguishedFolderIdNameType__msgfolderroot));
+  ASSERT_TRUE(ews->create_folder(uni.id, nested, ewstype__DistinguishedFolderIdNameType__msgfolderroot));
+  ASSERT_TRUE(ews->create_folder("", dup1, ewstype__DistinguishedFolderIdNameType__msgfolderroot));
+  ASSERT_TRUE(ews->create_folder(uni.id, dup2, ewstype__DistinguishedFolderIdNameType__msgfolderroot));
+  for (const std::string& id : {odd.id, uni.id, nested.id, dup1.id, dup2.id})
+    ASSERT_TRUE(ews->upload_items(id, copies));
+
+  nlohmann::ordered_json backup = {
+      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
+      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
+      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+  Agent_Outcome run = run_job(sim, backup);
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
+  ASSERT_EQ(result["rows"].size(), 1u);
+  const std::string set = result["rows"][0]["uuid"].get<std::string>();
+
+  Tree_Contents original;
+  ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
+
+  // The whole mailbox: every top-level folder.
+  std::vector<std::string> all;
+  EWS_Folders now;
+  ASSERT_TRUE(ews->list_folders("", now, true));
+  for (const EWS_Folder& f : now)
+    all.push_back(encode_name(f.id));
+  run = run_job(sim, restore_job("r-all", set, alice, admin, "Restored/All", all));
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+
+  EWS_Client_Ptr target = client(sim, admin);
+  EWS_Folders roots;
+  ASSERT_TRUE(target->list_folders("", roots, true));
+  const EWS_Folder* restored = find(roots, "Restored");
+  ASSERT_NE(restored, nullptr);
+  EWS_Folders below;
+  ASSERT_TRUE(target->list_folders(restored->id, below, true));
+  ASSERT_EQ(below.size(), 1u);
+  const EWS_Folder* whole = &below[0];
+  EXPECT_EQ(whole->display_name, "All");
+  Tree_Contents got;
+  ASSERT_NO_FATAL_FAILURE(contents(*target, whole->id, "", got));
+  EXPECT_TRUE(got == original) << difference(got, original);
+
+  // The same relocation again: the restore never merges into folders it did not
+  // make, and Exchange refuses a second "Restored" in the root, so the run fails
+  // before anything is restored.
+  run = run_job(sim, restore_job("r-again", set, alice, admin, "Restored/All", all));
+  EXPECT_NE(run.status, 0) << run.out << run.err;
+  Tree_Contents unchanged;
+  ASSERT_NO_FATAL_FAILURE(contents(*target, whole->id, "", unchanged));
+  EXPECT_TRUE(unchanged == original) << difference(unchanged, original);
+
+  // One nested folder and two single items, under another relocation.
+  std::vector<std::string> some = {encode_name(uni_name) + "/" + encode_name(nested.id)};
+  EWS_Items items;
+  ASSERT_TRUE(ews->list_items(dup2.id, make_ews_item_appender(items), 0, 100));
+  ASSERT_EQ(items.size(), 2u);
+  for (const EWS_Item& item : items)
+    some.push_back(encode_name(uni_name) + "/Twin/" + encode_name(item.id));
+  run = run_job(sim, restore_job("r-some", set, alice, admin, "Some", some));
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  roots.clear();
+  ASSERT_TRUE(target->list_folders("", roots, true));
+  const EWS_Folder* part = find(roots, "Some");
+  ASSERT_NE(part, nullptr);
+  got.clear();
+  ASSERT_NO_FATAL_FAILURE(contents(*target, part->id, "", got));
+  Tree_Contents want;
+  for (const auto& entry : original)
+    if (entry.first == std::string(uni_name) + "/Inner")
+      want.insert(entry);
+  for (const ustring& copy : copies)
+    want.emplace(std::string(uni_name) + "/Twin", std::string(copy.begin(), copy.end()));
+  EXPECT_TRUE(got == want) << difference(got, want);
+}
+
+TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
+{
+  Exo_Sim_Process sim({"--profile", "tiny", "--busy-backoff-ms", "20"});
+  const std::string alice = sim.mailbox("alice.archer");
+  nlohmann::ordered_json backup = {
+      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
+      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
+      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+  Agent_Outcome run = run_job(sim, backup);
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
+  ASSERT_EQ(result["rows"].size(), 1u);
+  EWS_Client_Ptr ews = client(sim, alice);
+  Tree_Contents original;
+  ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
+  std::vector<std::string> all;
+  EWS_Folders top;
+  ASSERT_TRUE(ews->list_folders("", top, true));
+  for (const EWS_Folder& f : top)
+    all.push_back(encode_name(f.id));
+
+  // Refusals before the server acts (throttling, 503). A connection dropped
+  // after an upload or folder creation took effect is not among them: the
+  // client's retry then repeats an operation that is not idempotent.
+  sim.set_faults({{"busy_rate", 0.2}, {"ews_503_rate", 0.05}});
+  run = run_job(sim, restore_job("r-faults", result["rows"][0]["uuid"].get<std::string>(), alice,
+                                 sim.mailbox("admin"), "Under Faults", all));
+  const nlohmann::json status = sim.status();
+  sim.set_faults({{"busy_rate", 0}, {"ews_503_rate", 0}});
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_GT(status["faults"]["busy"].get<int>(), 0) << status.dump();
+
+  EWS_Client_Ptr target = client(sim, sim.mailbox("admin"));
+  EWS_Folders roots;
+  ASSERT_TRUE(target->list_folders("", roots, true));
+  const EWS_Folder* restored = find(roots, "Under Faults");
+  ASSERT_NE(restored, nullptr);
+  Tree_Contents got;
+  ASSERT_NO_FATAL_FAILURE(contents(*target, restored->id, "", got));
+  EXPECT_TRUE(got == original) << difference(got, original);
+}
+
+TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAndAnItem)
+{
+  Exo_Sim_Process sim({"--profile", "tiny"});
+  const std::string alice = sim.mailbox("alice.archer");
+  const std::string admin = sim.mailbox("admin");
+  nlohmann::ordered_json backup = {
+      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
+      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
+      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+  Agent_Outcome run = run_job(sim, backup);
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
+  const std::string set = result["rows"][0]["uuid"].get<std::string>();
+
+  // A nested folder by its path, and one item of Calendar by its id.
+  EWS_Client_Ptr ews = client(sim, alice);
+  EWS_Folders top;
+  ASSERT_TRUE(ews->list_folders("", top, true));
+  const EWS_Folder* inbox = find(top, "Inbox");
+  const EWS_Folder* calendar = find(top, "Calendar");
+  ASSERT_TRUE(inbox != nullptr && calendar != nullptr);
+  EWS_Folders below;
+  ASSERT_TRUE(ews->list_folders(inbox->id, below, true));
+  ASSERT_FALSE(below.empty());
+  EWS_Items items;
+  ASSERT_TRUE(ews->list_items(calendar->id, make_ews_item_appender(items), 0, 100));
+  ASSERT_FALSE(items.empty());
+  Tree_Contents original;
+  ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
+
+  const std::string config = dir_ + "/agent.json";
+  Agent_Process lister({"--config", config, "sets", "--mailbox", alice, "--json"}, dir_, "sets");
+  Agent_Outcome listed = lister.wait();
+  ASSERT_EQ(listed.status, 0) << listed.err;
+  const nlohmann::json sets = nlohmann::json::parse(listed.out);
+  ASSERT_EQ(sets.size(), 1u);
+  EXPECT_EQ(sets[0]["set_uuid"], set);
+  EXPECT_EQ(sets[0]["mailboxes"], nlohmann::json::array({alice}));
+  EXPECT_EQ(sets[0]["items"].get<size_t>(), original.size());
+  Agent_Process none({"--config", config, "sets", "--mailbox", admin, "--json"}, dir_, "no-sets");
+  Agent_Outcome empty = none.wait();
+  EXPECT_EQ(empty.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(empty.out), nlohmann::json::array());
+
+  Agent_Process bad({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
+                     "--to", admin},
+                    dir_, "bad");
+  EXPECT_EQ(bad.wait().status, 64);
+  Agent_Process missing({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from",
+                         alice, "--to", admin, "--path", "Inbox/No such folder"},
+                        dir_, "missing");
+  Agent_Outcome refused = missing.wait();
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(refused.says("the set has no folder Inbox/No such folder")) << refused.err;
+
+  Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
+                       "--to", admin, "--path", "Inbox/" + below[0].display_name, "--item", items[0].id,
+                       "--relocation", "By Command", "--json"},
+                      dir_, "restore");
+  run = agent.wait();
+  ASSERT_EQ(run.status, 0) << run.out << run.err;
+  const nlohmann::json summary = nlohmann::json::parse(run.out);
+  EXPECT_EQ(summary["entries"], 2);
+  EXPECT_GT(summary["bytes"].get<long>(), 0);
+
+  EWS_Client_Ptr target = client(sim, admin);
+  EWS_Folders roots;
+  ASSERT_TRUE(target->list_folders("", roots, true));
+  const EWS_Folder* restored = find(roots, "By Command");
+  ASSERT_NE(restored, nullptr);
+  Tree_Contents got;
+  ASSERT_NO_FATAL_FAILURE(contents(*target, restored->id, "", got));
+  Tree_Contents want;
+  for (const auto& entry : original)
+    if (entry.first == "Inbox/" + below[0].display_name)
+      want.insert(entry);
+  EWS_Export_Requests one(1);
+  one[0].id = items[0].id;
+  ASSERT_TRUE(ews->export_items(one));
+  want.emplace("Calendar", std::string(reinterpret_cast<const char*>(one[0].data.ptr.get()), one[0].data.size));
+  EXPECT_TRUE(got == want) << difference(got, want);
+}
