@@ -69,10 +69,13 @@ public:
   MTF::Error_Code read(MTF::Buffer& buf) override
   {
     size_t n = static_cast<size_t>(std::min<uint64_t>(buf.room(), size_ - done_));
-    piece_.resize(n);
-    generated_bytes(seed_, done_, piece_.data(), n);
+    char* space = buf.extend(n);
+    if (space == nullptr)
+      return MTF::E_FAILED;
+    generated_bytes(seed_, done_, space, n);
+    buf.commit(n);
     done_ += n;
-    return buf.copy(piece_.data(), n) ? MTF::E_OK : MTF::E_FAILED;
+    return MTF::E_OK;
   }
   MTF::Error_Code close() override
   {
@@ -92,7 +95,6 @@ private:
   uint64_t seed_ = 0;
   uint64_t done_ = 0;
   bool open_ = false;
-  std::vector<char> piece_;
 };
 
 class Generated_Backup_Callback : public MTF::IBackup_Callback

@@ -53,17 +53,17 @@ public:
   bool is_open() override { return fd_ >= 0; }
   MTF::Error_Code read(MTF::Buffer& buf) override
   {
-    // One piece buffer per reader, no larger than the file: most files are small,
-    // and a fresh piece of the stream's preferred size per read would cost more
-    // than the read itself.
+    // Straight into the stream's buffer, no more than the file holds.
     size_t want = buf.room() > 0 ? buf.room() : 4096;
     if (left_ > 0 && left_ < want)
       want = static_cast<size_t>(left_);
-    if (piece_.size() < want)
-      piece_.resize(want);
-    ssize_t n = ::read(fd_, piece_.data(), want);
-    if (n < 0 || !buf.copy(piece_.data(), static_cast<size_t>(n)))
+    char* space = buf.extend(want);
+    if (space == nullptr)
       return MTF::E_FAILED;
+    ssize_t n = ::read(fd_, space, want);
+    if (n < 0)
+      return MTF::E_FAILED;
+    buf.commit(static_cast<size_t>(n));
     left_ -= std::min<uint64_t>(left_, static_cast<uint64_t>(n));
     return MTF::E_OK;
   }
@@ -89,7 +89,6 @@ private:
   Backup_Record& record_;
   int fd_ = -1;
   uint64_t left_ = 0;  // bytes still expected (as fstat saw the file)
-  std::vector<char> piece_;
 };
 
 class Local_Backup_Callback : public MTF::IBackup_Callback
@@ -227,55 +226,67 @@ private:
   uint64_t written_ = 0;
 };
 
+class Local_Restore_Factory;
+
 class Local_Restore_Callback : public MTF::Restore_Callback_Base
 {
 public:
-  Local_Restore_Callback(const std::string& root, std::atomic<int>& refuse, std::mutex& lock,
-                         std::vector<std::string>& dirs)
-      : root_(root), refuse_(refuse), lock_(lock), dirs_(dirs)
-  {
-  }
-  bool mkdir_p(const char* path) override
-  {
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      dirs_.push_back(path);
-    }
-    // Each missing component in turn, as mkdir -p does.
-    std::string full = root_ + path;
-    for (size_t slash = full.find('/', 1); ; slash = full.find('/', slash + 1))
-    {
-      std::string part = full.substr(0, slash);
-      if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
-        return false;
-      if (slash == std::string::npos)
-        return true;
-    }
-  }
-  MTF::IFile_Writer_var make_file_writer() override { return std::make_shared<Local_File_Writer>(root_, refuse_); }
+  Local_Restore_Callback(const std::string& root, Local_Restore_Factory& factory) : root_(root), factory_(factory) {}
+  bool mkdir_p(const char* path) override;
+  MTF::IFile_Writer_var make_file_writer() override;
 
 private:
   std::string root_;
-  std::atomic<int>& refuse_;
-  std::mutex& lock_;
-  std::vector<std::string>& dirs_;
+  Local_Restore_Factory& factory_;
 };
 
 class Local_Restore_Factory : public MTF::IRestore_Callback_Factory
 {
 public:
   explicit Local_Restore_Factory(const std::string& root) : root_(root) {}
-  MTF::IRestore_Callback_var make() override
-  {
-    return std::make_shared<Local_Restore_Callback>(root_, refuse_writers, lock, dirs);
-  }
+  MTF::IRestore_Callback_var make() override { return std::make_shared<Local_Restore_Callback>(root_, *this); }
   std::atomic<int> refuse_writers{0};  // the next n writers refuse to open
   std::mutex lock;
   std::vector<std::string> dirs;  // directories announced, in order
+  std::set<std::string> created;  // directories whose mkdir_p has returned
+  int orphans = 0;                // announced while their parent's was still under way
+  int mkdir_delay_ms = 0;         // makes each mkdir_p slow, to show its overlaps
 
 private:
   std::string root_;
 };
+
+inline bool Local_Restore_Callback::mkdir_p(const char* path)
+{
+  std::string p(path);
+  {
+    std::lock_guard<std::mutex> guard(factory_.lock);
+    factory_.dirs.push_back(p);
+    size_t slash = p.rfind('/');
+    if (slash != std::string::npos && slash > 0 && factory_.created.count(p.substr(0, slash)) == 0)
+      ++factory_.orphans;
+  }
+  if (factory_.mkdir_delay_ms > 0)
+    usleep(static_cast<useconds_t>(factory_.mkdir_delay_ms) * 1000);
+  // Each missing component in turn, as mkdir -p does.
+  std::string full = root_ + p;
+  for (size_t slash = full.find('/', 1);; slash = full.find('/', slash + 1))
+  {
+    std::string part = full.substr(0, slash);
+    if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+      return false;
+    if (slash == std::string::npos)
+      break;
+  }
+  std::lock_guard<std::mutex> guard(factory_.lock);
+  factory_.created.insert(p);
+  return true;
+}
+
+inline MTF::IFile_Writer_var Local_Restore_Callback::make_file_writer()
+{
+  return std::make_shared<Local_File_Writer>(root_, factory_.refuse_writers);
+}
 
 // Cancels once `after` files have been reported.
 class Cancel_Handler : public MTF::Event_Handler

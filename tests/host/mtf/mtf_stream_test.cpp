@@ -207,8 +207,10 @@ TEST_F(MTF_Stream, RestoresSingleFilesAndDirectoriesParentsFirst)
   ASSERT_EQ(backup(bf, 2, true, 6), 0);
   std::string target = root_ + "/one";
   Local_Restore_Factory rf(target);
+  rf.mkdir_delay_ms = 20;  // two workers; each must wait for the parents of its next directory
   nlohmann::ordered_json sel = {{{"file", "/m3/x/d.bin"}}, {{"dir", "/m1/sub"}}};
   ASSERT_EQ(restore(rf, 7, sel, 2), 0);
+  EXPECT_EQ(rf.orphans, 0);
   EXPECT_EQ(restored_, 3u);
   expect_same(target, "/m1/sub");
   EXPECT_EQ(read_file(target + "/m3/x/d.bin"), read_file(root_ + "/src/m3/x/d.bin"));
@@ -219,6 +221,28 @@ TEST_F(MTF_Stream, RestoresSingleFilesAndDirectoriesParentsFirst)
     for (size_t j = i + 1; j < rf.dirs.size(); ++j)
       EXPECT_NE(rf.dirs[i].compare(0, rf.dirs[j].size() + 1, rf.dirs[j] + "/"), 0) << rf.dirs[j];
   EXPECT_NE(std::find(rf.dirs.begin(), rf.dirs.end(), "/m1/sub/deeper"), rf.dirs.end());
+
+  // Cancelled while directories are still being announced: every worker stops
+  // and the restore ends as cancelled, with nothing restored.
+  struct Cancel_Soon : MTF::Event_Handler
+  {
+    std::atomic<int> asked{0};
+    bool canceling() override { return ++asked > 2; }
+  } cancel;
+  Local_Restore_Factory rf4(root_ + "/four");
+  rf4.mkdir_delay_ms = 20;
+  MTF_Restore cancelled(cancel, log_);
+  cancelled.callback_factory(&rf4);
+  cancelled.pool_uuid("pool-1");
+  cancelled.pool_url(pool_url_);
+  cancelled.backup_host_uuid("host-1");
+  cancelled.backup_minor_resource_id("def-1");
+  cancelled.seq(7);
+  cancelled.restore_select({{{"dir", "/"}}});
+  cancelled.channel_num(2);
+  EXPECT_EQ(cancelled.restore(), -1);
+  EXPECT_EQ(cancelled.file_count(), 0u);
+  EXPECT_LT(rf4.dirs.size(), 7u);  // of the 7 the set has
 
   // A path the set does not have is counted and logged; a selection of nothing
   // known fails.
