@@ -1,14 +1,19 @@
 // Backup-set stream throughput against tar on the same disk.
 //
-//   bench_mtf DIR [FILES [BIG_FILES [BIG_MIB]]]
+//   bench_mtf DIR [FILES [BIG_FILES [BIG_MIB [ROUNDS]]]]
 //
 // Builds a tree of FILES files (sizes spread log-uniformly over 1 KiB..1 MiB, half
 // of each file random, half repeated text) plus BIG_FILES files of BIG_MIB MiB under
 // DIR/tree, then times: tar -cf, MTF backup to file:// on 1 and 4 channels, tar -xf,
-// and MTF restore of the whole set on 1 and 4 workers. Each step runs in a child
-// process so its peak RSS is its own. Prints one Markdown table row per step.
+// and MTF restore of the whole set on 1 and 4 workers, ROUNDS times over. Each
+// step runs in a child process so its peak RSS and CPU time are its own. Prints
+// one Markdown table row per step and round, then the medians: the machine is
+// shared, so only ratios of steps run back to back mean much.
 
 #include <ace/Log_Msg.h>
+#include <algorithm>
+#include <functional>
+#include <vector>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -80,9 +85,10 @@ static void backup(unsigned channels)
   b.seq(0);
   b.channel_num(channels);
   b.callback_factory(&factory);
-  for (const char* d : {"/d0/", "/d1/", "/d2/", "/d3/", "/d4/", "/d5/", "/d6/", "/d7/", "/d8/", "/d9/"})
-    if (access((g_dir + "/tree" + d).c_str(), F_OK) == 0)
-      b.add_source(d, d);
+  // Every top-level directory (d0, d1, ... of 200 files each) and every big file
+  // is one source.
+  for (int i = 0; access((g_dir + "/tree/d" + std::to_string(i)).c_str(), F_OK) == 0; ++i)
+    b.add_source("d" + std::to_string(i), "/d" + std::to_string(i) + "/");
   for (int i = 0; access((g_dir + "/tree/big" + std::to_string(i)).c_str(), F_OK) == 0; ++i)
     b.add_source("big", "/big" + std::to_string(i));
   _exit(b.backup() == 0 ? 0 : 1);
@@ -90,7 +96,11 @@ static void backup(unsigned channels)
 
 static void restore(unsigned workers)
 {
-  Local_Restore_Factory factory(g_dir + "/out" + std::to_string(workers));
+  // The target exists, as a restore's target does: the set may hold only files
+  // at its top, whose restore creates no directory.
+  std::string target = g_dir + "/out" + std::to_string(workers);
+  mkdir(target.c_str(), 0755);
+  Local_Restore_Factory factory(target);
   MTF::Event_Handler handler;
   MTF_Restore r(handler);
   r.callback_factory(&factory);
@@ -104,11 +114,18 @@ static void restore(unsigned workers)
   _exit(r.restore() == 0 && r.failed_count() == 0 ? 0 : 1);
 }
 
-static double g_tar_seconds[2];
+struct Result
+{
+  double seconds = 0;
+  double cpu = 0;
+  long rss_mib = 0;
+  bool ok = false;
+};
 
-// Runs `step` in a child; prints its row. `kind` 0: backup, 1: restore.
+// Runs `step` in a child process and measures it, the page cache written back
+// before and after (so a step pays for its own writes).
 template <typename F>
-static void run(const char* name, int kind, bool is_tar, F step)
+static Result run(F step)
 {
   system("sync");
   auto t0 = std::chrono::steady_clock::now();
@@ -122,38 +139,113 @@ static void run(const char* name, int kind, bool is_tar, F step)
   struct rusage ru;
   wait4(pid, &status, 0, &ru);
   system("sync");
-  double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-  if (is_tar)
-    g_tar_seconds[kind] = s;
-  double ratio = g_tar_seconds[kind] > 0 ? g_tar_seconds[kind] / s : 0;
-  printf("| %s | %.1f | %.1f | %.2f | %ld |%s\n", name, s, g_mib / s, ratio, ru.ru_maxrss / 1024,
-         WIFEXITED(status) && WEXITSTATUS(status) == 0 ? "" : " FAILED");
-  fflush(stdout);
+  Result r;
+  r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  r.cpu = static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+          static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+  r.rss_mib = ru.ru_maxrss / 1024;
+  r.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return r;
+}
+
+static double median(std::vector<double> v)
+{
+  std::sort(v.begin(), v.end());
+  return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
 }
 
 int main(int argc, char** argv)
 {
   if (argc < 2)
   {
-    fprintf(stderr, "usage: bench_mtf DIR [FILES [BIG_FILES [BIG_MIB]]]\n");
+    fprintf(stderr, "usage: bench_mtf DIR [FILES [BIG_FILES [BIG_MIB [ROUNDS]]]]\n");
     return 2;
   }
   g_dir = argv[1];
   int files = argc > 2 ? atoi(argv[2]) : 20000;
   int big = argc > 3 ? atoi(argv[3]) : 3;
   int big_mib = argc > 4 ? atoi(argv[4]) : 100;
+  int rounds = argc > 5 ? atoi(argv[5]) : 1;
   ACE_LOG_MSG->priority_mask(LM_ERROR | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
   make_tree(files, big, big_mib);
-  printf("tree: %d files + %d x %d MiB = %.0f MiB\n\n", files, big, big_mib, g_mib);
-  printf("| step | seconds | MiB/s | ratio to tar | peak RSS MiB |\n|---|---|---|---|---|\n");
+  printf("tree: %d files + %d x %d MiB = %.0f MiB, %d round(s)\n\n", files, big, big_mib, g_mib, rounds);
   std::string d = "'" + g_dir + "'";
-  run("tar -cf", 0, true, [&] { _exit(system(("tar -cf " + d + "/t.tar -C " + d + "/tree .").c_str()) ? 1 : 0); });
-  run("MTF backup, 1 channel", 0, false, [] { backup(1); });
-  run("MTF backup, 4 channels", 0, false, [] { backup(4); });
-  run("tar -xf", 1, true,
-      [&] { _exit(system(("mkdir -p " + d + "/tx && tar -xf " + d + "/t.tar -C " + d + "/tx").c_str()) ? 1 : 0); });
-  run("MTF restore, 1 worker", 1, false, [] { restore(1); });
-  run("MTF restore, 4 workers", 1, false, [] { restore(4); });
+  struct Step
+  {
+    const char* name;
+    int tar;  // index of the tar step this one is compared with
+    std::function<void()> body;
+  };
+  std::vector<Step> steps = {
+      {"tar -cf", 0, [&] { _exit(system(("tar -cf " + d + "/t.tar -C " + d + "/tree .").c_str()) ? 1 : 0); }},
+      {"MTF backup, 1 channel", 0, [] { backup(1); }},
+      {"MTF backup, 4 channels", 0, [] { backup(4); }},
+      {"tar -xf", 3,
+       [&] { _exit(system(("mkdir -p " + d + "/tx && tar -xf " + d + "/t.tar -C " + d + "/tx").c_str()) ? 1 : 0); }},
+      {"MTF restore, 1 worker", 3, [] { restore(1); }},
+      {"MTF restore, 4 workers", 3, [] { restore(4); }},
+  };
+  // Per step: seconds, ratio of wall time to its tar step of the same round, CPU
+  // seconds, CPU ratio; the steps of a round run back to back.
+  std::vector<std::vector<double>> seconds(steps.size()), ratio(steps.size()), cpu(steps.size()),
+      cpu_ratio(steps.size());
+  std::vector<long> rss(steps.size(), 0);
+  std::vector<bool> ok(steps.size(), true);
+  printf("| round | step | seconds | ratio to tar | CPU seconds | CPU ratio to tar |\n|---|---|---|---|---|---|\n");
+  // The steps of a round run as listed below, with untimed work between them:
+  // - what a restore-like step wrote is removed after it, so the page cache holds
+  //   about the same (the tree and at most four copies) when each step runs;
+  // - every restore-like step, tar -xf included, runs right after a tree of the
+  //   same files was removed: ext4 searches past recently freed inodes when it
+  //   creates files, which otherwise only the MTF restores would pay for.
+  struct Order
+  {
+    size_t step;
+    std::string before;
+    std::string after;
+  };
+  std::vector<Order> order = {
+      {0, "", ""},
+      {1, "", ""},
+      {2, "", ""},
+      {3, "mkdir -p " + d + "/tw && tar -xf " + d + "/t.tar -C " + d + "/tw && rm -rf " + d + "/tw",
+       "rm -rf " + d + "/tx " + d + "/t.tar"},
+      {4, "", "rm -rf " + d + "/out1 " + d + "/pool/h/c1"},
+      {5, "", "rm -rf " + d + "/out4 " + d + "/pool/h/c4"}};
+  for (int round = 0; round < rounds; ++round)
+  {
+    std::vector<Result> results(steps.size());
+    for (const Order& o : order)
+    {
+      size_t i = o.step;
+      if (!o.before.empty())
+        system(o.before.c_str());
+      Result r = run(steps[i].body);
+      results[i] = r;
+      // Backups are compared with tar -cf, restores with tar -xf of the same round.
+      size_t t = static_cast<size_t>(steps[i].tar);
+      const Result& tar = results[t];
+      seconds[i].push_back(r.seconds);
+      ratio[i].push_back(tar.seconds / r.seconds);
+      cpu[i].push_back(r.cpu);
+      cpu_ratio[i].push_back(r.cpu > 0 ? tar.cpu / r.cpu : 0);
+      rss[i] = std::max(rss[i], r.rss_mib);
+      ok[i] = ok[i] && r.ok;
+      printf("| %d | %s | %.1f | %.2f | %.2f | %.2f |%s\n", round + 1, steps[i].name, r.seconds, ratio[i].back(),
+             r.cpu, cpu_ratio[i].back(), r.ok ? "" : " FAILED");
+      fflush(stdout);
+      if (!o.after.empty())
+        system(o.after.c_str());
+    }
+  }
+  printf("\nMedians over %d round(s):\n\n| step | seconds | MiB/s | ratio to tar | CPU seconds | CPU ratio to tar "
+         "| peak RSS MiB |\n|---|---|---|---|---|---|---|\n",
+         rounds);
+  for (size_t i = 0; i < steps.size(); ++i)
+    printf("| %s | %.1f | %.1f | %.2f | %.2f | %.2f | %ld |%s\n", steps[i].name, median(seconds[i]),
+           g_mib / median(seconds[i]), median(ratio[i]), median(cpu[i]), median(cpu_ratio[i]), rss[i],
+           ok[i] ? "" : " FAILED");
+  fflush(stdout);
   system(("rm -rf " + d).c_str());
   return 0;
 }

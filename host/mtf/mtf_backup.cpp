@@ -167,6 +167,10 @@ int MTF_Backup::finish(const std::string& location)
   MTF_Set_Catalog catalog;
   if (ok)
   {
+    size_t count = 0;
+    for (auto& channel : channels_)
+      count += channel->entries().size();
+    catalog.entries.reserve(count);
     for (auto& channel : channels_)
     {
       if (!channel->finished())
@@ -183,11 +187,13 @@ int MTF_Backup::finish(const std::string& location)
       file.stored = channel->writer().stored();
       uint32_t index = static_cast<uint32_t>(catalog.files.size());
       catalog.files.push_back(file);
+      // Moved, not copied: the entries are most of a large set's memory.
       for (MTF_Set_Catalog::Entry& e : channel->entries())
       {
         e.data = index;
-        catalog.entries.push_back(e);
+        catalog.entries.push_back(std::move(e));
       }
+      std::vector<MTF_Set_Catalog::Entry>().swap(channel->entries());
     }
   }
   if (!ok)

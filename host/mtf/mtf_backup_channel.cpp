@@ -177,7 +177,7 @@ bool MTF_Backup_Channel::add_directory(const std::string& path, time_t mtime, ti
   e.data = index_;
   e.offset = where.offset;
   e.mtime = mtime;
-  entries_.push_back(e);
+  entries_.push_back(std::move(e));
   ++dirs_;
   return true;
 }
@@ -347,7 +347,7 @@ bool MTF_Backup_Channel::backup_file(const std::string& path, uint32_t dir_id, u
   e.length = size;
   e.sha256 = sha.hex();
   e.mtime = mtime;
-  entries_.push_back(e);
+  entries_.push_back(std::move(e));
   ++files_;
   owner_.file_done(size, *callback_);
   return true;

@@ -282,6 +282,23 @@ long long MTF_Reader::read_data(char* data, size_t len)
     return -1;
   if (stream_left_ == 0)
     return 0;
+  // Nothing buffered and a large request: read straight into the caller's
+  // memory, sparing a copy of every data byte.
+  size_t direct = len < stream_left_ ? len : static_cast<size_t>(stream_left_);
+  if (!compressed_ && buf_pos_ == buf_len_ && !raw_end_ && direct >= RAW_SIZE)
+  {
+    long long n = source_(data, direct);
+    if (n <= 0)
+    {
+      if (n == 0)
+        raw_end_ = true;
+      fail(n < 0 ? "cannot read the data file" : "data file ends inside a data stream");
+      return -1;
+    }
+    position_ += static_cast<uint64_t>(n);
+    stream_left_ -= static_cast<uint64_t>(n);
+    return n;
+  }
   if (!fill())
   {
     if (!failed_)

@@ -1,6 +1,7 @@
 #include "host/mtf/mtf_restore.h"
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <set>
 
@@ -89,6 +90,12 @@ bool MTF_Restore::select(std::vector<std::string>& dirs, std::vector<const MTF_S
   std::stable_sort(dirs.begin(), dirs.end(), [sep](const std::string& a, const std::string& b) {
     return std::count(a.begin(), a.end(), sep) < std::count(b.begin(), b.end(), sep);
   });
+  level_start_.assign(dirs.size(), 0);
+  for (size_t i = 1; i < dirs.size(); ++i)
+    level_start_[i] = std::count(dirs[i].begin(), dirs[i].end(), sep) ==
+                              std::count(dirs[i - 1].begin(), dirs[i - 1].end(), sep)
+                          ? level_start_[i - 1]
+                          : i;
   return ok;
 }
 
@@ -195,9 +202,18 @@ int MTF_Restore::restore()
 
 bool MTF_Restore::next_dir(std::string& path)
 {
-  std::lock_guard<std::mutex> guard(lock_);
-  if (next_dir_ >= dirs_.size())
-    return false;
+  std::unique_lock<std::mutex> guard(lock_);
+  // Directories are handed out in order, so when the next one's level is
+  // reached, the number finished says whether every shallower one is announced.
+  // Each one handed out is finished by its worker, so the wait always ends.
+  for (;;)
+  {
+    if (next_dir_ >= dirs_.size())
+      return false;
+    if (dirs_finished_ >= level_start_[next_dir_])
+      break;
+    dirs_ready_.wait(guard);
+  }
   path = dirs_[next_dir_++];
   return true;
 }
@@ -208,14 +224,18 @@ void MTF_Restore::dir_done(bool ok)
     ++dirs_done_;
   std::lock_guard<std::mutex> guard(lock_);
   ++dirs_finished_;
-  if (dirs_finished_ == dirs_.size())
-    dirs_ready_.notify_all();
+  dirs_ready_.notify_all();
 }
 
 void MTF_Restore::wait_dirs()
 {
   std::unique_lock<std::mutex> guard(lock_);
-  dirs_ready_.wait(guard, [this] { return dirs_finished_ == dirs_.size() || live_workers_ == 0; });
+  // A cancel leaves directories nobody will take: polled, as should_stop() learns
+  // of it from the handler without this lock.
+  while (!dirs_ready_.wait_for(guard, std::chrono::milliseconds(100),
+                               [this] { return dirs_finished_ == dirs_.size() || live_workers_ == 0 || stop_; }))
+    if (handler_.canceling())
+      stop_ = cancelled_ = true;
 }
 
 void MTF_Restore::worker_gone()

@@ -79,10 +79,13 @@ public:
   const Client_IO_Base::Options& options() const { return options_; }
   MTF::IRestore_Callback_Factory* factory() const { return factory_; }
   const std::shared_ptr<ACE_Log_Msg_Callback>& log_callback() const { return log_callback_; }
-  // The next directory to announce; false when none is left.
+  // The next directory to announce; false when none is left. A directory is
+  // handed out only once every directory of fewer components has been announced,
+  // so workers announce parents before their children.
   bool next_dir(std::string& path);
   void dir_done(bool ok);
-  // Waits until every directory has been announced (or no worker is left to do it).
+  // Waits until every directory has been announced, no worker is left to do it,
+  // or the restore stops.
   void wait_dirs();
   void worker_gone();
   bool next_batch(const Batch*& batch);
@@ -110,6 +113,7 @@ private:
   std::string location_;
   MTF_Set_Catalog catalog_;
   std::vector<std::string> dirs_;
+  std::vector<size_t> level_start_;  // per dirs_ entry: index of the first one as deep
   std::vector<Batch> batches_;
 
   std::mutex lock_;  // guards the hand-out positions and the worker count

@@ -49,8 +49,14 @@ bool MTF_Writer::flush_stage()
 bool MTF_Writer::push_stored(const char* data, size_t len)
 {
   stored_ += len;
-  if (stage_.empty() && len >= STAGE_SIZE)
+  // A large piece (file data) goes to the sink as it is, after what is staged:
+  // copying it through the stage would cost a copy of every byte of the set.
+  if (len >= STAGE_SIZE)
+  {
+    if (!flush_stage())
+      return false;
     return sink_(data, len) ? true : fail("cannot store the data file");
+  }
   stage_.append(data, len);
   return stage_.size() >= STAGE_SIZE ? flush_stage() : true;
 }

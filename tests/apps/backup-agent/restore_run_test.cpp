@@ -16,6 +16,7 @@
 #include "support/exo_sim_process.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <fstream>
 #include <functional>

@@ -7,6 +7,7 @@
 // byte (written to a temporary name first), as a careful writer does.
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <list>
 #include <atomic>
@@ -52,10 +53,18 @@ public:
   bool is_open() override { return fd_ >= 0; }
   MTF::Error_Code read(MTF::Buffer& buf) override
   {
-    std::vector<char> piece(buf.room() > 0 ? buf.room() : 4096);
-    ssize_t n = ::read(fd_, piece.data(), piece.size());
-    if (n < 0 || !buf.copy(piece.data(), static_cast<size_t>(n)))
+    // Straight into the stream's buffer, no more than the file holds.
+    size_t want = buf.room() > 0 ? buf.room() : 4096;
+    if (left_ > 0 && left_ < want)
+      want = static_cast<size_t>(left_);
+    char* space = buf.extend(want);
+    if (space == nullptr)
       return MTF::E_FAILED;
+    ssize_t n = ::read(fd_, space, want);
+    if (n < 0)
+      return MTF::E_FAILED;
+    buf.commit(static_cast<size_t>(n));
+    left_ -= std::min<uint64_t>(left_, static_cast<uint64_t>(n));
     return MTF::E_OK;
   }
   MTF::Error_Code close() override
@@ -71,6 +80,7 @@ public:
     if (fstat(fd_, &st) != 0)
       return false;
     blk.set_size(static_cast<ACE_UINT64>(st.st_size));
+    left_ = blk.size();
     size = (blk.size() + 511) & ~511ull;
     return true;
   }
@@ -78,6 +88,7 @@ public:
 private:
   Backup_Record& record_;
   int fd_ = -1;
+  uint64_t left_ = 0;  // bytes still expected (as fstat saw the file)
 };
 
 class Local_Backup_Callback : public MTF::IBackup_Callback
@@ -162,6 +173,8 @@ public:
   Local_File_Writer(const std::string& root, std::atomic<int>& refuse) : root_(root), refuse_(refuse) {}
   ~Local_File_Writer() override
   {
+    if (fd_ >= 0)
+      ::close(fd_);
     if (!temp_.empty())
       unlink(temp_.c_str());
   }
@@ -171,24 +184,36 @@ public:
       return MTF::E_FAILED;
     final_ = root_ + path;
     temp_ = final_ + ".part";
-    out_.open(temp_, std::ios::binary | std::ios::trunc);
+    fd_ = ::open(temp_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     size_ = size;
-    return out_ ? MTF::E_OK : MTF::E_FAILED;
+    if (fd_ < 0)
+      temp_.clear();
+    return fd_ >= 0 ? MTF::E_OK : MTF::E_FAILED;
   }
   MTF::Error_Code write(const char* data, size_t size) override
   {
-    if (written_ + size > size_)
+    if (fd_ < 0 || written_ + size > size_)
       return MTF::E_FAILED;
-    out_.write(data, static_cast<std::streamsize>(size));
-    written_ += size;
+    while (size > 0)
+    {
+      ssize_t n = ::write(fd_, data, size);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n <= 0)
+        return MTF::E_FAILED;
+      data += n;
+      size -= static_cast<size_t>(n);
+      written_ += static_cast<uint64_t>(n);
+    }
     if (written_ == size_)
     {
-      out_.close();
-      if (rename(temp_.c_str(), final_.c_str()) != 0)
+      int rc = ::close(fd_);
+      fd_ = -1;
+      if (rc != 0 || rename(temp_.c_str(), final_.c_str()) != 0)
         return MTF::E_FAILED;
       temp_.clear();
     }
-    return out_.good() || temp_.empty() ? MTF::E_OK : MTF::E_FAILED;
+    return MTF::E_OK;
   }
 
 private:
@@ -196,52 +221,72 @@ private:
   std::atomic<int>& refuse_;
   std::string final_;
   std::string temp_;
-  std::ofstream out_;
+  int fd_ = -1;
   uint64_t size_ = 0;
   uint64_t written_ = 0;
 };
 
+class Local_Restore_Factory;
+
 class Local_Restore_Callback : public MTF::Restore_Callback_Base
 {
 public:
-  Local_Restore_Callback(const std::string& root, std::atomic<int>& refuse, std::mutex& lock,
-                         std::vector<std::string>& dirs)
-      : root_(root), refuse_(refuse), lock_(lock), dirs_(dirs)
-  {
-  }
-  bool mkdir_p(const char* path) override
-  {
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      dirs_.push_back(path);
-    }
-    std::string command = "mkdir -p '" + root_ + path + "'";
-    return system(command.c_str()) == 0;
-  }
-  MTF::IFile_Writer_var make_file_writer() override { return std::make_shared<Local_File_Writer>(root_, refuse_); }
+  Local_Restore_Callback(const std::string& root, Local_Restore_Factory& factory) : root_(root), factory_(factory) {}
+  bool mkdir_p(const char* path) override;
+  MTF::IFile_Writer_var make_file_writer() override;
 
 private:
   std::string root_;
-  std::atomic<int>& refuse_;
-  std::mutex& lock_;
-  std::vector<std::string>& dirs_;
+  Local_Restore_Factory& factory_;
 };
 
 class Local_Restore_Factory : public MTF::IRestore_Callback_Factory
 {
 public:
   explicit Local_Restore_Factory(const std::string& root) : root_(root) {}
-  MTF::IRestore_Callback_var make() override
-  {
-    return std::make_shared<Local_Restore_Callback>(root_, refuse_writers, lock, dirs);
-  }
+  MTF::IRestore_Callback_var make() override { return std::make_shared<Local_Restore_Callback>(root_, *this); }
   std::atomic<int> refuse_writers{0};  // the next n writers refuse to open
   std::mutex lock;
   std::vector<std::string> dirs;  // directories announced, in order
+  std::set<std::string> created;  // directories whose mkdir_p has returned
+  int orphans = 0;                // announced while their parent's was still under way
+  int mkdir_delay_ms = 0;         // makes each mkdir_p slow, to show its overlaps
 
 private:
   std::string root_;
 };
+
+inline bool Local_Restore_Callback::mkdir_p(const char* path)
+{
+  std::string p(path);
+  {
+    std::lock_guard<std::mutex> guard(factory_.lock);
+    factory_.dirs.push_back(p);
+    size_t slash = p.rfind('/');
+    if (slash != std::string::npos && slash > 0 && factory_.created.count(p.substr(0, slash)) == 0)
+      ++factory_.orphans;
+  }
+  if (factory_.mkdir_delay_ms > 0)
+    usleep(static_cast<useconds_t>(factory_.mkdir_delay_ms) * 1000);
+  // Each missing component in turn, as mkdir -p does.
+  std::string full = root_ + p;
+  for (size_t slash = full.find('/', 1);; slash = full.find('/', slash + 1))
+  {
+    std::string part = full.substr(0, slash);
+    if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+      return false;
+    if (slash == std::string::npos)
+      break;
+  }
+  std::lock_guard<std::mutex> guard(factory_.lock);
+  factory_.created.insert(p);
+  return true;
+}
+
+inline MTF::IFile_Writer_var Local_Restore_Callback::make_file_writer()
+{
+  return std::make_shared<Local_File_Writer>(root_, factory_.refuse_writers);
+}
 
 // Cancels once `after` files have been reported.
 class Cancel_Handler : public MTF::Event_Handler

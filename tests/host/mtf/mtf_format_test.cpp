@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <zstd.h>
 
+#include "host/mtf/mtf_buffer.h"
 #include "host/mtf/mtf_format.h"
 #include "host/mtf/mtf_fs.h"
 #include "host/mtf/mtf_sha256.h"
@@ -92,6 +94,37 @@ static std::function<long long(void*, size_t)> from_string(const std::string& s)
     *pos += k;
     return static_cast<long long>(k);
   };
+}
+
+// A reader's buffer: filled in place or by copy, bounded by max_size, shrunk back
+// to its preferred capacity with what it holds kept.
+TEST(MTF_Format, BufferGrowsInPlaceAndShrinksBack)
+{
+  MTF::Buffer buf(8, 20);
+  EXPECT_EQ(buf.room(), 8u);
+  char* space = buf.extend(6);
+  ASSERT_NE(space, nullptr);
+  memcpy(space, "abcdef", 6);
+  buf.commit(4);  // only what was read counts
+  EXPECT_EQ(std::string(buf.data(), buf.size()), "abcd");
+  EXPECT_EQ(buf.room(), 4u);
+  ASSERT_TRUE(buf.copy("0123456789", 10));  // beyond the capacity, within max_size
+  EXPECT_EQ(std::string(buf.data(), buf.size()), "abcd0123456789");
+  EXPECT_EQ(buf.room(), 0u);
+  EXPECT_EQ(buf.extend(7), nullptr);  // 21 > max_size: nothing changes
+  buf.commit(7);
+  EXPECT_FALSE(buf.copy("0123456", 7));
+  EXPECT_EQ(buf.size(), 14u);
+  space = buf.extend(6);
+  ASSERT_NE(space, nullptr);
+  memcpy(space, "XYZ", 3);
+  buf.commit(9);  // no more than was offered
+  EXPECT_EQ(buf.size(), 20u);
+  buf.clear();
+  buf.copy("xy", 2);
+  buf.shrink();
+  EXPECT_EQ(std::string(buf.data(), buf.size()), "xy");
+  EXPECT_EQ(buf.room(), 6u);
 }
 
 TEST(MTF_Format, WriterKeepsTheGridAndTheVerifierListsEveryFile)

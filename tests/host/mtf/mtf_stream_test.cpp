@@ -12,8 +12,23 @@
 #include "host/mtf/mtf_verifier.h"
 #include "host/storage/client_io_ex.h"
 #include "host/storage/http_head.h"
+#include "host/mtf/generated_tree.h"
 #include "host/mtf/local_tree.h"
 #include "support/log_capture.h"
+
+// Bytes this process has read through read(2) and friends so far, all threads
+// together (the kernel's count, independent of the code under test).
+static uint64_t bytes_read_by_process()
+{
+  std::ifstream io("/proc/self/io");
+  std::string key;
+  uint64_t value = 0;
+  while (io >> key >> value)
+    if (key == "rchar:")
+      return value;
+  ADD_FAILURE() << "no rchar in /proc/self/io";
+  return 0;
+}
 
 static std::string bytes(size_t n, unsigned seed)
 {
@@ -56,6 +71,14 @@ protected:
              const Client_IO_Base::Options* options = nullptr)
   {
     factory.record.root = root_ + "/src";
+    return backup_sources(factory, {"/m1/", "/m2/", "/m3/", "/m4/"}, channels, zstd, prev_rev, handler, pool_uuid,
+                          options);
+  }
+
+  int backup_sources(MTF::IBackup_Callback_Factory& factory, const std::vector<std::string>& sources,
+                     unsigned channels, bool zstd, int prev_rev, MTF::Event_Handler* handler = nullptr,
+                     const std::string& pool_uuid = "", const Client_IO_Base::Options* options = nullptr)
+  {
     MTF_Metadata md;
     md.set_agent("backup.exchange.linux-x86");
     MTF::Event_Handler plain;
@@ -71,15 +94,15 @@ protected:
     if (options)
       b.extra_client_io_opts() = *options;
     b.callback_factory(&factory);
-    for (const char* m : {"/m1/", "/m2/", "/m3/", "/m4/"})
-      b.add_source(m, m);
+    for (const std::string& source : sources)
+      b.add_source(source, source);
     int rc = b.backup();
     last_size_ = b.size();
     last_files_ = b.files();
     return rc;
   }
 
-  int restore(Local_Restore_Factory& factory, int rev, const nlohmann::ordered_json& selection, unsigned workers,
+  int restore(MTF::IRestore_Callback_Factory& factory, int rev, const nlohmann::ordered_json& selection, unsigned workers,
               MTF_Restore* keep = nullptr, const std::string& pool_uuid = "",
               const Client_IO_Base::Options* options = nullptr)
   {
@@ -184,8 +207,10 @@ TEST_F(MTF_Stream, RestoresSingleFilesAndDirectoriesParentsFirst)
   ASSERT_EQ(backup(bf, 2, true, 6), 0);
   std::string target = root_ + "/one";
   Local_Restore_Factory rf(target);
+  rf.mkdir_delay_ms = 20;  // two workers; each must wait for the parents of its next directory
   nlohmann::ordered_json sel = {{{"file", "/m3/x/d.bin"}}, {{"dir", "/m1/sub"}}};
   ASSERT_EQ(restore(rf, 7, sel, 2), 0);
+  EXPECT_EQ(rf.orphans, 0);
   EXPECT_EQ(restored_, 3u);
   expect_same(target, "/m1/sub");
   EXPECT_EQ(read_file(target + "/m3/x/d.bin"), read_file(root_ + "/src/m3/x/d.bin"));
@@ -196,6 +221,28 @@ TEST_F(MTF_Stream, RestoresSingleFilesAndDirectoriesParentsFirst)
     for (size_t j = i + 1; j < rf.dirs.size(); ++j)
       EXPECT_NE(rf.dirs[i].compare(0, rf.dirs[j].size() + 1, rf.dirs[j] + "/"), 0) << rf.dirs[j];
   EXPECT_NE(std::find(rf.dirs.begin(), rf.dirs.end(), "/m1/sub/deeper"), rf.dirs.end());
+
+  // Cancelled while directories are still being announced: every worker stops
+  // and the restore ends as cancelled, with nothing restored.
+  struct Cancel_Soon : MTF::Event_Handler
+  {
+    std::atomic<int> asked{0};
+    bool canceling() override { return ++asked > 2; }
+  } cancel;
+  Local_Restore_Factory rf4(root_ + "/four");
+  rf4.mkdir_delay_ms = 20;
+  MTF_Restore cancelled(cancel, log_);
+  cancelled.callback_factory(&rf4);
+  cancelled.pool_uuid("pool-1");
+  cancelled.pool_url(pool_url_);
+  cancelled.backup_host_uuid("host-1");
+  cancelled.backup_minor_resource_id("def-1");
+  cancelled.seq(7);
+  cancelled.restore_select({{{"dir", "/"}}});
+  cancelled.channel_num(2);
+  EXPECT_EQ(cancelled.restore(), -1);
+  EXPECT_EQ(cancelled.file_count(), 0u);
+  EXPECT_LT(rf4.dirs.size(), 7u);  // of the 7 the set has
 
   // A path the set does not have is counted and logged; a selection of nothing
   // known fails.
@@ -302,4 +349,106 @@ TEST_F(MTF_Stream, RoundTripsOnBackupd)
     EXPECT_EQ(read_file(target + "-one/m1/sub/deeper/b.bin"), read_file(root_ + "/src/m1/sub/deeper/b.bin"));
   }
   backupd.stop();
+}
+
+TEST_F(MTF_Stream, CancelOnBackupdLeavesNoObjectOfTheSet)
+{
+  Backupd_Process backupd;
+  ASSERT_TRUE(backupd.add_pool("pool-a", "first"));
+  ASSERT_TRUE(backupd.start());
+  backupd.configure_host();
+  Client_IO_Base::Options options;
+  options.set_extra_option(http_head_string(HTTP_HEAD_ACCESS_KEY, 0, Backupd_Process::key()), Backupd_Process::key());
+  options_ = options;
+  std::string location = backupd.pool_url("pool-a") + "/host-1/def-1";
+  for (bool zstd : {false, true})
+  {
+    SCOPED_TRACE(zstd ? "zstd" : "plain");
+    Local_Backup_Factory bf;
+    Cancel_Handler cancel(5);
+    EXPECT_EQ(backup(bf, 4, zstd, 4, &cancel, "pool-a", &options), -1);
+    // Neither the data files nor the catalog file of revision 5 can be found.
+    Client_IO_Ex io;
+    ASSERT_TRUE(io.open(location, options));
+    uint64_t size = 0;
+    for (unsigned channel = 0; channel < 4; ++channel)
+      EXPECT_FALSE(io.size(MTF_Set_Catalog::data_name(5, channel, zstd), size)) << channel;
+    std::string text;
+    EXPECT_FALSE(io.get_contents(MTF_Set_Catalog::catalog_name(5), text));
+  }
+  backupd.stop();
+  // Nor is any published object of the set in the server's data directory.
+  std::string found;
+  FILE* p = popen(("find '" + backupd.data_dir() + "' -type f -name 'set.*'").c_str(), "r");
+  char line[4096];
+  while (fgets(line, sizeof line, p))
+    found += line;
+  pclose(p);
+  EXPECT_EQ(found, "");
+  // The server again, and a whole run of the same revision.
+  ASSERT_TRUE(backupd.start());
+  backupd.configure_host();
+  Local_Backup_Factory bf;
+  ASSERT_EQ(backup(bf, 2, true, 4, nullptr, "pool-a", &options), 0);
+  EXPECT_EQ(verify(5, backupd.pool_url("pool-a") + "/host-1/def-1"), std::vector<std::string>());
+  backupd.stop();
+}
+
+// One file of hundreds of MiB (generated, never on disk but in the pool), with
+// small files before and after it: it round-trips byte for byte, and restoring
+// one small file reads about that file's bytes, not the set.
+TEST_F(MTF_Stream, LargeFileRoundTripsAndOneFileIsReadAlone)
+{
+  const uint64_t huge = 256ull << 20;
+  for (bool zstd : {false, true})
+  {
+    SCOPED_TRACE(zstd ? "zstd" : "plain");
+    Generated_Backup_Factory bf;
+    // zstd is checked on a smaller set of several frames: generated bytes do not
+    // compress, and one large file makes one frame.
+    bf.tree.files["a-small"] = {100 * 1024, 2};
+    if (zstd)
+      for (int i = 0; i < 6; ++i)
+        bf.tree.files["middle-" + std::to_string(i)] = {4ull << 20, 10u + i};
+    else
+      bf.tree.files["huge.bin"] = {huge, 1};
+    bf.tree.files["z-small"] = {300001, 3};
+    int rev = zstd ? 2 : 1;
+    ASSERT_EQ(backup_sources(bf, {"/gen"}, 1, zstd, rev - 1), 0);
+    EXPECT_EQ(verify(rev), std::vector<std::string>());
+    uint64_t set_bytes = 0;
+    for (const std::string& name : last_files_)
+    {
+      struct stat st;
+      ASSERT_EQ(::stat((set_dir() + "/" + name).c_str(), &st), 0) << name;
+      set_bytes += static_cast<uint64_t>(st.st_size);
+    }
+    uint64_t catalog_bytes = read_file(set_dir() + "/" + last_files_.back()).size();
+
+    for (const char* name : {"z-small", "a-small"})
+    {
+      Checking_Restore_Factory one(bf.tree);
+      uint64_t before = bytes_read_by_process();
+      ASSERT_EQ(restore(one, rev, {{{"file", std::string("/gen/") + name}}}, 1), 0);
+      uint64_t read = bytes_read_by_process() - before;
+      uint64_t size = bf.tree.files[name].first;
+      EXPECT_EQ(one.record.matched["/gen/" + std::string(name)], size) << name;
+      EXPECT_EQ(one.record.mismatches, 0);
+      // The file, its block, the catalog, one read-ahead piece (and with zstd the
+      // start of its frame, at most 1 MiB of MTF bytes).
+      EXPECT_LT(read, size + catalog_bytes + (zstd ? 3u : 1u) * 1024 * 1024) << name << " of " << set_bytes;
+    }
+
+    Checking_Restore_Factory all(bf.tree);
+    ASSERT_EQ(restore(all, rev, {{{"dir", "/gen"}}}, 2), 0);
+    EXPECT_EQ(restored_, bf.tree.files.size());
+    EXPECT_EQ(failed_, 0u);
+    EXPECT_EQ(all.record.mismatches, 0);
+    for (const auto& f : bf.tree.files)
+      EXPECT_EQ(all.record.matched["/gen/" + f.first], f.second.first) << f.first;
+    if (!zstd)
+    {
+      EXPECT_GT(set_bytes, huge);
+    }
+  }
 }
