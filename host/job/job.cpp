@@ -28,6 +28,16 @@ Job::Job(Job_Definition_var definition)
     done_(lock_)
 {
   log_callback_ = std::make_shared<Job_Log_Callback>(job_log_file(*definition_));
+  // Reports may come from several channel threads; the figures only grow.
+  log_callback_->set_progress_sink([this](uint64_t files, uint64_t bytes) {
+    Job_Activity& act = activity();
+    for (uint64_t seen = act.items_done; files > seen && !act.items_done.compare_exchange_weak(seen, files);)
+    {
+    }
+    for (uint64_t seen = act.bytes_done; bytes > seen && !act.bytes_done.compare_exchange_weak(seen, bytes);)
+    {
+    }
+  });
 }
 
 Job::~Job() {}

@@ -35,16 +35,8 @@ int Job_Event_Handler::handle_success()
   return 0;
 }
 
-int Job_Event_Handler::handle_progress(int percent, ACE_UINT64 done, ACE_UINT64, ACE_UINT64 items)
+int Job_Event_Handler::handle_progress(int percent, ACE_UINT64, ACE_UINT64, ACE_UINT64)
 {
-  // Reports may come from several channel threads; the figures only grow.
-  Job_Activity& act = job_.activity();
-  for (uint64_t seen = act.items_done; items > seen && !act.items_done.compare_exchange_weak(seen, items);)
-  {
-  }
-  for (uint64_t seen = act.bytes_done; done > seen && !act.bytes_done.compare_exchange_weak(seen, done);)
-  {
-  }
   if (percent < 0)
     percent = 0;
   if (percent > 100)

@@ -3,7 +3,9 @@
 
 #include <ace/Log_Msg_Callback.h>
 #include <ace/Thread_Mutex.h>
+#include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 
 // Appends log records to one job's log file, one line each:
@@ -25,6 +27,17 @@ public:
   // without its source position: what a failed run reports as its reason.
   std::string last_error() const;
 
+  // Where the job's streams report the files and bytes they have done so far (the
+  // job sets it to its activity record); the stream reaches the job only through
+  // this callback. May be called from several threads; figures only grow.
+  typedef std::function<void(uint64_t files, uint64_t bytes)> Progress_Sink;
+  void set_progress_sink(Progress_Sink sink) { progress_sink_ = std::move(sink); }
+  void report_progress(uint64_t files, uint64_t bytes) const
+  {
+    if (progress_sink_)
+      progress_sink_(files, bytes);
+  }
+
   const std::string& path() const { return path_; }
   bool is_open() const { return file_ != nullptr; }
 
@@ -34,6 +47,7 @@ private:
   std::string path_;
   FILE* file_;
   std::string last_error_;
+  Progress_Sink progress_sink_;
   mutable ACE_Thread_Mutex lock_;
 };
 

@@ -1,5 +1,7 @@
 #include "host/mtf/mtf_backup.h"
 
+#include "host/job/job_log_callback.h"
+
 #include <ace/Log_Msg.h>
 
 #include "host/base/log.h"
@@ -71,6 +73,8 @@ void MTF_Backup::file_done(ACE_UINT64 bytes, MTF::IBackup_Callback& callback)
   }
   if (percent > 99)
     percent = 99;
+  if (const Job_Log_Callback* job_log = dynamic_cast<const Job_Log_Callback*>(log_callback_.get()))
+    job_log->report_progress(files, done);
   int last = last_percent_.exchange(percent);
   if (last == percent && files % 64 != 0)
     return;

@@ -7,9 +7,11 @@ EWS_MTF_Event_Handler::EWS_MTF_Event_Handler(Job_Event_Handler& handler, Job_Act
 {
 }
 
-int EWS_MTF_Event_Handler::handle_progress(int percent, ACE_UINT64 done, ACE_UINT64 total, ACE_UINT64 files)
+int EWS_MTF_Event_Handler::handle_progress(int percent, ACE_UINT64, ACE_UINT64, ACE_UINT64)
 {
-  return handler_.handle_progress(percent, done, total, files);
+  // The stream's figures reach the job's activity through the job's log callback
+  // (see MTF_Backup); the job framework gets the percentage alone.
+  return handler_.handle_progress(percent, 0, 0, 0);
 }
 
 bool EWS_MTF_Event_Handler::canceling()

@@ -212,12 +212,13 @@ TEST_F(Backup_Run, EveryItemIsInTheSetAndAMissingMailboxFailsAlone)
 // below one Inbox, say): each must reach the set with its own items.
 TEST_F(Backup_Run, SiblingFoldersOfOneNameKeepTheirOwnItems)
 {
-  Exo_Sim_Process sim({"--profile", "demo", "--renamed-users", "0", "--hidden-folders", "0"});
+  Exo_Sim_Process sim({"--profile", "demo", "--mailboxes", "8", "--renamed-users", "0", "--hidden-folders", "0"});
   const std::vector<std::string> mailboxes = {sim.mailbox("bruno.brandt"), sim.mailbox("dmitri.dvorak"),
                                               sim.mailbox("emma.eriksen")};
   Agent_Outcome run = run_backup(sim, mailboxes);
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const Exchange_Backup_Set record = newest_record();
+  EXPECT_TRUE(record.failed_mailboxes.empty());
   EXPECT_EQ(record.index_files.size(), 3u);
   size_t items = 0;
   EXPECT_EQ(check_set(sim, record, items), 0u);
