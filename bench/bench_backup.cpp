@@ -220,8 +220,9 @@ int main(int argc, char** argv)
   };
   const std::string defaults = config("agent.json", "{}");
 
-  std::printf("| latency | run | items | exported | MiB | items/s | MiB/s | time / wire limit | peak RSS MiB |\n"
-              "|---|---|---|---|---|---|---|---|---|\n");
+  std::printf(
+    "| latency | run | items | exported | MiB | items/s | MiB/s | time / wire limit | peak RSS MiB |\n"
+    "|---|---|---|---|---|---|---|---|---|\n");
   const auto exported = [&]() { return sim.status()["items_exported"].get<long>(); };
   for (int latency : {0, 50})
   {
@@ -234,8 +235,8 @@ int main(int argc, char** argv)
     {
       before = exported();
       Figures f = run_agent({"--config", defaults, "backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool",
-                                   "pool-1", "--channels", std::to_string(channels), "--json"},
-                                  dir + "/backup.out");
+                             "pool-1", "--channels", std::to_string(channels), "--json"},
+                            dir + "/backup.out");
       f.exported = exported() - before;
       row(latency, "backup, " + std::to_string(channels) + " channel(s)", f, wire);
     }

@@ -177,18 +177,18 @@ int main(int argc, char** argv)
     std::function<void()> body;
   };
   std::vector<Step> steps = {
-      {"tar -cf", 0, [&] { _exit(system(("tar -cf " + d + "/t.tar -C " + d + "/tree .").c_str()) ? 1 : 0); }},
-      {"MTF backup, 1 channel", 0, [] { backup(1); }},
-      {"MTF backup, 4 channels", 0, [] { backup(4); }},
-      {"tar -xf", 3,
-       [&] { _exit(system(("mkdir -p " + d + "/tx && tar -xf " + d + "/t.tar -C " + d + "/tx").c_str()) ? 1 : 0); }},
-      {"MTF restore, 1 worker", 3, [] { restore(1); }},
-      {"MTF restore, 4 workers", 3, [] { restore(4); }},
+    {"tar -cf", 0, [&] { _exit(system(("tar -cf " + d + "/t.tar -C " + d + "/tree .").c_str()) ? 1 : 0); }},
+    {"MTF backup, 1 channel", 0, [] { backup(1); }},
+    {"MTF backup, 4 channels", 0, [] { backup(4); }},
+    {"tar -xf", 3,
+     [&] { _exit(system(("mkdir -p " + d + "/tx && tar -xf " + d + "/t.tar -C " + d + "/tx").c_str()) ? 1 : 0); }},
+    {"MTF restore, 1 worker", 3, [] { restore(1); }},
+    {"MTF restore, 4 workers", 3, [] { restore(4); }},
   };
   // Per step: seconds, ratio of wall time to its tar step of the same round, CPU
   // seconds, CPU ratio; the steps of a round run back to back.
   std::vector<std::vector<double>> seconds(steps.size()), ratio(steps.size()), cpu(steps.size()),
-      cpu_ratio(steps.size());
+    cpu_ratio(steps.size());
   std::vector<long> rss(steps.size(), 0);
   std::vector<bool> ok(steps.size(), true);
   printf("| round | step | seconds | ratio to tar | CPU seconds | CPU ratio to tar |\n|---|---|---|---|---|---|\n");
@@ -205,13 +205,13 @@ int main(int argc, char** argv)
     std::string after;
   };
   std::vector<Order> order = {
-      {0, "", ""},
-      {1, "", ""},
-      {2, "", ""},
-      {3, "mkdir -p " + d + "/tw && tar -xf " + d + "/t.tar -C " + d + "/tw && rm -rf " + d + "/tw",
-       "rm -rf " + d + "/tx " + d + "/t.tar"},
-      {4, "", "rm -rf " + d + "/out1 " + d + "/pool/h/c1"},
-      {5, "", "rm -rf " + d + "/out4 " + d + "/pool/h/c4"}};
+    {0, "", ""},
+    {1, "", ""},
+    {2, "", ""},
+    {3, "mkdir -p " + d + "/tw && tar -xf " + d + "/t.tar -C " + d + "/tw && rm -rf " + d + "/tw",
+     "rm -rf " + d + "/tx " + d + "/t.tar"},
+    {4, "", "rm -rf " + d + "/out1 " + d + "/pool/h/c1"},
+    {5, "", "rm -rf " + d + "/out4 " + d + "/pool/h/c4"}};
   for (int round = 0; round < rounds; ++round)
   {
     std::vector<Result> results(steps.size());
@@ -231,16 +231,17 @@ int main(int argc, char** argv)
       cpu_ratio[i].push_back(r.cpu > 0 ? tar.cpu / r.cpu : 0);
       rss[i] = std::max(rss[i], r.rss_mib);
       ok[i] = ok[i] && r.ok;
-      printf("| %d | %s | %.1f | %.2f | %.2f | %.2f |%s\n", round + 1, steps[i].name, r.seconds, ratio[i].back(),
-             r.cpu, cpu_ratio[i].back(), r.ok ? "" : " FAILED");
+      printf("| %d | %s | %.1f | %.2f | %.2f | %.2f |%s\n", round + 1, steps[i].name, r.seconds, ratio[i].back(), r.cpu,
+             cpu_ratio[i].back(), r.ok ? "" : " FAILED");
       fflush(stdout);
       if (!o.after.empty())
         system(o.after.c_str());
     }
   }
-  printf("\nMedians over %d round(s):\n\n| step | seconds | MiB/s | ratio to tar | CPU seconds | CPU ratio to tar "
-         "| peak RSS MiB |\n|---|---|---|---|---|---|---|\n",
-         rounds);
+  printf(
+    "\nMedians over %d round(s):\n\n| step | seconds | MiB/s | ratio to tar | CPU seconds | CPU ratio to tar "
+    "| peak RSS MiB |\n|---|---|---|---|---|---|---|\n",
+    rounds);
   for (size_t i = 0; i < steps.size(); ++i)
     printf("| %s | %.1f | %.1f | %.2f | %.2f | %.2f | %ld |%s\n", steps[i].name, median(seconds[i]),
            g_mib / median(seconds[i]), median(ratio[i]), median(cpu[i]), median(cpu_ratio[i]), rss[i],

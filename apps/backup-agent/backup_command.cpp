@@ -111,8 +111,9 @@ bool Backup_Command::parse(const std::vector<std::string>& args, Request& reques
   }
   if (request.tenant.empty() || request.pool.empty() || (request.mailboxes.empty() && !request.all_mailboxes))
   {
-    error = "--tenant, --pool and at least one --mailbox (or --all-mailboxes) "
-            "are required";
+    error =
+      "--tenant, --pool and at least one --mailbox (or --all-mailboxes) "
+      "are required";
     return false;
   }
   return true;
@@ -129,17 +130,17 @@ std::string Backup_Command::definition(const Request& request, const std::string
     entries.push_back("exchange://" + tenant + "/" + encoded);
   }
   nlohmann::ordered_json def = {
-      {"type", "backup"},
-      {"uid", uuid_generate_string()},
-      {"id", "backup-" + request.tenant},
-      {"name", "backup of tenant " + request.tenant},
-      {"host_id", host_id},
-      {"module", "exchange"},
-      {"schedule", {{"type", "ondemand"}}},
-      {"target", {{"id", request.pool}}},
-      {"options",
-       {{"method", "ews"}, {"is_office365", true}, {"channels", request.channels}, {"compression", request.compression}}},
-      {"source", {{"id", request.tenant}, {"name", request.tenant}, {"entries", entries}}}};
+    {"type", "backup"},
+    {"uid", uuid_generate_string()},
+    {"id", "backup-" + request.tenant},
+    {"name", "backup of tenant " + request.tenant},
+    {"host_id", host_id},
+    {"module", "exchange"},
+    {"schedule", {{"type", "ondemand"}}},
+    {"target", {{"id", request.pool}}},
+    {"options",
+     {{"method", "ews"}, {"is_office365", true}, {"channels", request.channels}, {"compression", request.compression}}},
+    {"source", {{"id", request.tenant}, {"name", request.tenant}, {"entries", entries}}}};
   return def.dump();
 }
 
@@ -204,8 +205,8 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     return 1;
   }
   const int cancelled = wait(*job, progress, err);
-  const long seconds =
-      static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
+  const long seconds = static_cast<long>(
+    std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
   const Job_Activity& act = job->activity();
   if (cancelled != 0)
   {
@@ -335,8 +336,8 @@ bool Backup_Command::summarize(const Request& request, const Job& job, const Bac
       // log.
       const auto logged = progress.item_errors().find(id_failed);
       const std::string reason = logged == progress.item_errors().end() || logged->second.empty()
-                                     ? std::string("export failed")
-                                     : "export failed: " + logged->second;
+                                   ? std::string("export failed")
+                                   : "export failed: " + logged->second;
       failed_items.push_back({{"mailbox", decoded}, {"id", id_failed}, {"reason", reason}});
     }
   }

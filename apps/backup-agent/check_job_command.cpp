@@ -8,10 +8,14 @@ const char* type_name(Job_Definition_Type type)
 {
   switch (type)
   {
-    case JOB_DEFINITION_BACKUP: return "backup";
-    case JOB_DEFINITION_RESTORE: return "restore";
-    case JOB_DEFINITION_STANDBY: return "standby";
-    default: return "none";
+  case JOB_DEFINITION_BACKUP:
+    return "backup";
+  case JOB_DEFINITION_RESTORE:
+    return "restore";
+  case JOB_DEFINITION_STANDBY:
+    return "standby";
+  default:
+    return "none";
   }
 }
 }  // namespace
@@ -40,8 +44,7 @@ void Check_Job_Command::print(const Job_Definition& def, std::ostream& out)
   out << "target: pool " << def.target().id() << ", device " << def.target().device_id() << "\n";
   out << "max_seconds_retry: " << def.max_seconds_retry() << "\n";
   for (const Rate_Control_Entry& r : def.max_rate_limits())
-    out << "rate_limit: " << r.start_time << "-" << r.end_time << " s, " << r.max_bytes_per_second
-        << " bytes/s\n";
+    out << "rate_limit: " << r.start_time << "-" << r.end_time << " s, " << r.max_bytes_per_second << " bytes/s\n";
   if (def.options().get() != nullptr)
     out << "options: " << generate_json(*def.options()) << "\n";
   if (def.source().get() != nullptr)

@@ -193,8 +193,7 @@ bool Restore_Command::path_entry(const EWS_Folders& tree, const std::string& pat
   return true;
 }
 
-bool Restore_Command::item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry,
-                                 std::string& error)
+bool Restore_Command::item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error)
 {
   std::string folder;
   if (!find_item(tree, "", id, folder))
@@ -249,21 +248,23 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
     storages.push_back(entry);
   }
   const std::string tenant = encoded(record.resource_uuid);
-  nlohmann::ordered_json def = {
-      {"type", "restore"},
-      {"uid", uuid_generate_string()},
-      {"id", "restore-" + record.resource_uuid},
-      {"name", "restore of set " + record.uuid},
-      {"host_id", Agent_Config::instance().host_id()},
-      {"module", "exchange"},
-      {"schedule", {{"type", "ondemand"}}},
-      {"options", {{"relocation", request.relocation}, {"is_office365", true}, {"channels", record.channels > 0 ? record.channels : 1}}},
-      {"source",
-       {{"id", record.resource_uuid},
-        {"catalog_id", record.uuid},
-        {"original", "exchange://" + tenant + "/" + encoded(request.from)},
-        {"restore_as", "exchange://" + tenant + "/" + encoded(request.to)},
-        {"storages", storages}}}};
+  nlohmann::ordered_json def = {{"type", "restore"},
+                                {"uid", uuid_generate_string()},
+                                {"id", "restore-" + record.resource_uuid},
+                                {"name", "restore of set " + record.uuid},
+                                {"host_id", Agent_Config::instance().host_id()},
+                                {"module", "exchange"},
+                                {"schedule", {{"type", "ondemand"}}},
+                                {"options",
+                                 {{"relocation", request.relocation},
+                                  {"is_office365", true},
+                                  {"channels", record.channels > 0 ? record.channels : 1}}},
+                                {"source",
+                                 {{"id", record.resource_uuid},
+                                  {"catalog_id", record.uuid},
+                                  {"original", "exchange://" + tenant + "/" + encoded(request.from)},
+                                  {"restore_as", "exchange://" + tenant + "/" + encoded(request.to)},
+                                  {"storages", storages}}}};
   Job_Definition_var job_def;
   Job_Definition_Reader reader(module_.parser_creators());
   if (!reader.read_text(def.dump(), job_def))
@@ -316,12 +317,12 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
     return 1;
   }
   const long seconds = static_cast<long>(
-      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
+    std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
   const std::string failures = act.message;
-  nlohmann::ordered_json summary = {{"set_uuid", record.uuid},   {"from", request.from},
-                                    {"to", request.to},          {"relocation", request.relocation},
-                                    {"entries", storages.size()}, {"bytes", act.size},
-                                    {"duration_seconds", seconds}, {"failures", failures}};
+  nlohmann::ordered_json summary = {
+    {"set_uuid", record.uuid},          {"from", request.from},       {"to", request.to},
+    {"relocation", request.relocation}, {"entries", storages.size()}, {"bytes", act.size},
+    {"duration_seconds", seconds},      {"failures", failures}};
   if (request.json)
     out << summary.dump() << "\n";
   else

@@ -17,10 +17,14 @@ const char* result_name(int result)
 {
   switch (result)
   {
-    case JOB_RESULT_SUCCESS: return "succeeded";
-    case JOB_RESULT_FAILURE: return "failed";
-    case JOB_RESULT_CANCELED: return "was canceled";
-    default: return "ended without an outcome";
+  case JOB_RESULT_SUCCESS:
+    return "succeeded";
+  case JOB_RESULT_FAILURE:
+    return "failed";
+  case JOB_RESULT_CANCELED:
+    return "was canceled";
+  default:
+    return "ended without an outcome";
   }
 }
 }  // namespace
@@ -77,8 +81,11 @@ int Run_Job_Command::report(const Job& job, std::ostream& out, std::ostream& err
     err << "job log: " << job.log_path() << "\n";
   switch (act.result)
   {
-    case JOB_RESULT_FAILURE: return 2;
-    case JOB_RESULT_CANCELED: return 3;
-    default: return 0;
+  case JOB_RESULT_FAILURE:
+    return 2;
+  case JOB_RESULT_CANCELED:
+    return 3;
+  default:
+    return 0;
   }
 }

@@ -11,10 +11,7 @@
 
 namespace
 {
-bool is_space(char c)
-{
-  return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
+bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
 void trim(Secure_String& text)
 {
@@ -103,8 +100,7 @@ bool Secret_Reader::from_file(const std::string& path, Secure_String& secret, st
   return ok;
 }
 
-bool Secret_Reader::from_stdin(const char* prompt, std::ostream& prompt_out, Secure_String& secret,
-                               std::string& error)
+bool Secret_Reader::from_stdin(const char* prompt, std::ostream& prompt_out, Secure_String& secret, std::string& error)
 {
   std::unique_ptr<Echo_Off> quiet;
   if (::isatty(0))

@@ -87,8 +87,9 @@ bool Tenant_Add_Options::parse(const std::vector<std::string>& args, std::string
     const std::string name = args[i].substr(0, equals);
     if (name == "--client-secret" || name == "--secret")
     {
-      error = "the client secret is not taken from the command line, where other users can see it; give "
-              "--secret-file FILE or write it to standard input";
+      error =
+        "the client secret is not taken from the command line, where other users can see it; give "
+        "--secret-file FILE or write it to standard input";
       return false;
     }
     std::string* value = option_value(name);

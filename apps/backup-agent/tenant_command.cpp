@@ -11,8 +11,9 @@
 
 namespace
 {
-const char* const no_state_dir = "the tenant registry is kept in the agent's state directory: give a configuration "
-                                 "with \"state_dir\" (--config FILE)";
+const char* const no_state_dir =
+  "the tenant registry is kept in the agent's state directory: give a configuration "
+  "with \"state_dir\" (--config FILE)";
 
 std::string lower(std::string text)
 {
@@ -42,8 +43,7 @@ int Tenant_Command::run(const std::vector<std::string>& args)
     return remove(rest[0]);
   if (sub == "test")
     return test(rest[0]);
-  err_ << "backup-agent: " << (sub.empty() ? "tenant needs a subcommand" : "unknown tenant subcommand " + sub)
-       << "\n"
+  err_ << "backup-agent: " << (sub.empty() ? "tenant needs a subcommand" : "unknown tenant subcommand " + sub) << "\n"
        << usage();
   return 64;
 }
@@ -69,9 +69,8 @@ int Tenant_Command::add(const std::vector<std::string>& args)
     return fail(no_state_dir, 1);
 
   Secure_String secret;
-  const bool read = options.secret_file.empty()
-                      ? Secret_Reader::from_stdin("client secret: ", err_, secret, error)
-                      : Secret_Reader::from_file(options.secret_file, secret, error);
+  const bool read = options.secret_file.empty() ? Secret_Reader::from_stdin("client secret: ", err_, secret, error)
+                                                : Secret_Reader::from_file(options.secret_file, secret, error);
   if (!read)
     return fail("cannot read the client secret: " + error, 1);
   Office365_Auth_Entry entry = options.entry;

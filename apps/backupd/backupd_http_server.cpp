@@ -13,7 +13,7 @@ namespace
 // What the connection loop learns about the request being served.
 struct Request_State
 {
-  bool parsed = false;     // the request line and headers were read
+  bool parsed = false;  // the request line and headers were read
   bool has_body = false;
   bool body_read = false;  // the body was read to its end
   bool close = false;      // a handler asked for the connection to end
@@ -59,19 +59,18 @@ Backupd_Http_Server::Backupd_Http_Server()
 {
   // The socket the replies go back through is marked before any answer is
   // written: an error answer on a connection that then closes must be complete.
-  set_post_routing_handler([](const httplib::Request&, httplib::Response& res) {
-    if (current_request != nullptr && current_request->must_close())
+  set_post_routing_handler(
+    [](const httplib::Request&, httplib::Response& res)
     {
-      res.set_header("Connection", "close");
-      res.headers.erase("Keep-Alive");
-    }
-  });
+      if (current_request != nullptr && current_request->must_close())
+      {
+        res.set_header("Connection", "close");
+        res.headers.erase("Keep-Alive");
+      }
+    });
 }
 
-bool Backupd_Http_Server::request_has_body()
-{
-  return current_request != nullptr && current_request->has_body;
-}
+bool Backupd_Http_Server::request_has_body() { return current_request != nullptr && current_request->has_body; }
 
 void Backupd_Http_Server::close_after_reply()
 {
@@ -96,9 +95,7 @@ bool Backupd_Http_Server::process_and_close_socket(socket_t sock)
   current_request = &state;
   bool ok = true;
   bool forced_close = false;
-  auto idle_until = [this] {
-    return std::chrono::steady_clock::now() + std::chrono::seconds(keep_alive_timeout_sec_);
-  };
+  auto idle_until = [this] { return std::chrono::steady_clock::now() + std::chrono::seconds(keep_alive_timeout_sec_); };
   auto deadline = idle_until();
   for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET;)
   {
@@ -110,10 +107,12 @@ bool Backupd_Http_Server::process_and_close_socket(socket_t sock)
     }
     state = Request_State();
     bool client_closes = false;
-    ok = process_request(stream, left == 1, client_closes, [&state](httplib::Request& req) {
-      state.parsed = true;
-      state.has_body = has_body(req);
-    });
+    ok = process_request(stream, left == 1, client_closes,
+                         [&state](httplib::Request& req)
+                         {
+                           state.parsed = true;
+                           state.has_body = has_body(req);
+                         });
     --left;
     forced_close = state.must_close();
     if (!ok || client_closes || forced_close)

@@ -107,9 +107,8 @@ static int status_of(int err)
   }
 }
 
-Backupd_Server::Backupd_Server(const std::string& data_dir, Catalog_DB& catalog, const Access_Keys& keys,
-                               int threads)
-    : data_dir_(data_dir), catalog_(catalog), keys_(keys), threads_(threads)
+Backupd_Server::Backupd_Server(const std::string& data_dir, Catalog_DB& catalog, const Access_Keys& keys, int threads)
+  : data_dir_(data_dir), catalog_(catalog), keys_(keys), threads_(threads)
 {
   install_routes();
 }
@@ -215,32 +214,33 @@ void Backupd_Server::install_routes()
   // one connection serves them all.
   server_.set_keep_alive_max_count(KEEP_ALIVE_REQUESTS);
   server_.set_keep_alive_timeout(KEEP_ALIVE_IDLE_SECONDS);
-  server_.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
-    return body_allowed(req, res) && authorised(req, res) ? httplib::Server::HandlerResponse::Unhandled
-                                                          : httplib::Server::HandlerResponse::Handled;
-  });
+  server_.set_pre_routing_handler(
+    [this](const httplib::Request& req, httplib::Response& res)
+    {
+      return body_allowed(req, res) && authorised(req, res) ? httplib::Server::HandlerResponse::Unhandled
+                                                            : httplib::Server::HandlerResponse::Handled;
+    });
   // Every error answer is JSON: the ones the server library makes itself
   // (unknown route, unreadable request) come without a body and get one here.
   // An error answer is never cut to a requested range; the request object is the
   // library's own, not const, so the ranges can be dropped. "Handled" has the
   // library frame the body (Content-Length).
   server_.set_error_handler(httplib::Server::HandlerWithResponse(
-      [](const httplib::Request& req, httplib::Response& res) {
-        const_cast<httplib::Request&>(req).ranges.clear();
-        if (res.body.empty() && !res.has_header("Content-Type"))
-          answer_error(res, res.status, library_error_text(res.status));
-        return httplib::Server::HandlerResponse::Handled;
-      }));
+    [](const httplib::Request& req, httplib::Response& res)
+    {
+      const_cast<httplib::Request&>(req).ranges.clear();
+      if (res.body.empty() && !res.has_header("Content-Type"))
+        answer_error(res, res.status, library_error_text(res.status));
+      return httplib::Server::HandlerResponse::Handled;
+    }));
   // A client that waits for "100 Continue" before sending a body hears at once
   // when the request is refused, and sends nothing.
-  server_.set_expect_100_continue_handler([this](const httplib::Request& req, httplib::Response& res) {
-    return body_allowed(req, res) && authorised(req, res) ? 100 : res.status;
-  });
+  server_.set_expect_100_continue_handler(
+    [this](const httplib::Request& req, httplib::Response& res)
+    { return body_allowed(req, res) && authorised(req, res) ? 100 : res.status; });
   server_.Get(SETS_RESOURCE, [this](const httplib::Request& req, httplib::Response& res) { get_sets(req, res); });
-  server_.Post(SETS_RESOURCE,
-               [this](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader) {
-                 post_set(req, res, reader);
-               });
+  server_.Post(SETS_RESOURCE, [this](const httplib::Request& req, httplib::Response& res,
+                                     const httplib::ContentReader& reader) { post_set(req, res, reader); });
   server_.Delete(std::string(SETS_RESOURCE) + "/([^/]+)",
                  [this](const httplib::Request& req, httplib::Response& res) { delete_set(req, res); });
   server_.Get("/d2/r/v2/pools", [this](const httplib::Request& req, httplib::Response& res) { list_pools(req, res); });
@@ -251,9 +251,8 @@ void Backupd_Server::install_routes()
   server_.Get("/d2/storage/([^/]+)/(.+)",
               [this](const httplib::Request& req, httplib::Response& res) { get_object(req, res); });
   server_.Put("/d2/storage/([^/]+)/(.+)",
-              [this](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader) {
-                put_object(req, res, reader);
-              });
+              [this](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader)
+              { put_object(req, res, reader); });
   server_.Delete("/d2/storage/([^/]+)/(.+)",
                  [this](const httplib::Request& req, httplib::Response& res) { delete_object(req, res); });
 }
@@ -274,18 +273,19 @@ void Backupd_Server::get_sets(const httplib::Request& req, httplib::Response& re
   answer_json(res, 200, answer);
 }
 
-void Backupd_Server::post_set(const httplib::Request&, httplib::Response& res,
-                              const httplib::ContentReader& reader)
+void Backupd_Server::post_set(const httplib::Request&, httplib::Response& res, const httplib::ContentReader& reader)
 {
   // A chunked record has no length up front: the limit is checked as it arrives.
   std::string body;
   bool too_large = false;
-  bool complete = Backupd_Http_Server::read_body(reader, [&](const char* data, size_t len) {
-    too_large = body.size() + len > MAX_RECORD_BYTES;
-    if (!too_large)
-      body.append(data, len);
-    return !too_large;
-  });
+  bool complete = Backupd_Http_Server::read_body(reader,
+                                                 [&](const char* data, size_t len)
+                                                 {
+                                                   too_large = body.size() + len > MAX_RECORD_BYTES;
+                                                   if (!too_large)
+                                                     body.append(data, len);
+                                                   return !too_large;
+                                                 });
   if (too_large)
     return answer_error(res, 413, "a catalog record is limited to " + std::to_string(MAX_RECORD_BYTES) + " bytes");
   if (!complete)
@@ -430,10 +430,12 @@ void Backupd_Server::put_object(const httplib::Request& req, httplib::Response& 
   if (rc != 0)
     return answer_error(res, status_of(rc), std::string("cannot write: ") + strerror(rc));
   int write_error = 0;
-  bool complete = Backupd_Http_Server::read_body(reader, [&](const char* data, size_t len) {
-    write_error = writer.write(data, len);
-    return write_error == 0;
-  });
+  bool complete = Backupd_Http_Server::read_body(reader,
+                                                 [&](const char* data, size_t len)
+                                                 {
+                                                   write_error = writer.write(data, len);
+                                                   return write_error == 0;
+                                                 });
   if (write_error != 0)
     return answer_error(res, status_of(write_error), std::string("cannot write: ") + strerror(write_error));
   if (!complete)
@@ -441,7 +443,8 @@ void Backupd_Server::put_object(const httplib::Request& req, httplib::Response& 
   uint64_t size = writer.bytes_written();
   rc = writer.commit(overwrite);
   if (rc != 0)
-    return answer_error(res, status_of(rc), rc == EEXIST ? "the object exists" : std::string("cannot store: ") + strerror(rc));
+    return answer_error(res, status_of(rc),
+                        rc == EEXIST ? "the object exists" : std::string("cannot store: ") + strerror(rc));
   nlohmann::ordered_json answer;
   answer["name"] = name;
   answer["size"] = size;
@@ -458,7 +461,8 @@ void Backupd_Server::get_object(const httplib::Request& req, httplib::Response& 
   uint64_t size = 0;
   int rc = dir->open_read(name, fd, size);
   if (rc != 0)
-    return answer_error(res, status_of(rc), rc == ENOENT ? "no such object" : std::string("cannot read: ") + strerror(rc));
+    return answer_error(res, status_of(rc),
+                        rc == ENOENT ? "no such object" : std::string("cannot read: ") + strerror(rc));
   if (size == 0)
   {
     ::close(fd);
@@ -466,20 +470,23 @@ void Backupd_Server::get_object(const httplib::Request& req, httplib::Response& 
     return;
   }
   // The descriptor is shared by the provider calls and closed by the releaser.
-  auto file = std::shared_ptr<int>(new int(fd), [](int* p) {
-    ::close(*p);
-    delete p;
-  });
+  auto file = std::shared_ptr<int>(new int(fd),
+                                   [](int* p)
+                                   {
+                                     ::close(*p);
+                                     delete p;
+                                   });
   res.set_content_provider(
-      static_cast<size_t>(size), "application/octet-stream",
-      [file](size_t offset, size_t length, httplib::DataSink& sink) {
-        char buf[64 * 1024];
-        ssize_t n = ::pread(*file, buf, std::min(length, sizeof buf), static_cast<off_t>(offset));
-        if (n <= 0)
-          return false;
-        return sink.write(buf, static_cast<size_t>(n));
-      },
-      [file](bool) {});
+    static_cast<size_t>(size), "application/octet-stream",
+    [file](size_t offset, size_t length, httplib::DataSink& sink)
+    {
+      char buf[64 * 1024];
+      ssize_t n = ::pread(*file, buf, std::min(length, sizeof buf), static_cast<off_t>(offset));
+      if (n <= 0)
+        return false;
+      return sink.write(buf, static_cast<size_t>(n));
+    },
+    [file](bool) {});
 }
 
 void Backupd_Server::list_objects(const httplib::Request& req, httplib::Response& res)
@@ -507,6 +514,7 @@ void Backupd_Server::delete_object(const httplib::Request& req, httplib::Respons
     return;
   int rc = dir->remove(req.matches[2]);
   if (rc != 0)
-    return answer_error(res, status_of(rc), rc == ENOENT ? "no such object" : std::string("cannot remove: ") + strerror(rc));
+    return answer_error(res, status_of(rc),
+                        rc == ENOENT ? "no such object" : std::string("cannot remove: ") + strerror(rc));
   res.status = 204;
 }

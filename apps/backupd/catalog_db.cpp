@@ -11,29 +11,29 @@
 
 // Schema migrations, applied in order; migration i brings the file to version i+1.
 static const char* const MIGRATIONS[] = {
-    // 1: pools and backup-set records. The record is kept as committed (JSON
-    // text); the columns beside it are copies for filtering and sorting.
-    "CREATE TABLE pools ("
-    "  uuid TEXT PRIMARY KEY,"
-    "  name TEXT NOT NULL UNIQUE,"
-    "  host_uuid TEXT NOT NULL,"
-    "  url TEXT NOT NULL,"
-    "  settings TEXT NOT NULL,"
-    "  created INTEGER NOT NULL);"
-    "CREATE TABLE sets ("
-    "  uuid TEXT PRIMARY KEY,"
-    "  module TEXT NOT NULL,"
-    "  resource_uuid TEXT NOT NULL,"
-    "  minor_resource_id TEXT NOT NULL,"
-    "  host_uuid TEXT NOT NULL,"
-    "  instance TEXT NOT NULL,"
-    "  \"database\" TEXT NOT NULL,"
-    "  pool_uuid TEXT NOT NULL,"
-    "  rev INTEGER NOT NULL,"
-    "  backup_start_time INTEGER NOT NULL,"
-    "  committed INTEGER NOT NULL,"
-    "  record TEXT NOT NULL);"
-    "CREATE INDEX sets_by_resource ON sets(module, resource_uuid, minor_resource_id, backup_start_time);",
+  // 1: pools and backup-set records. The record is kept as committed (JSON
+  // text); the columns beside it are copies for filtering and sorting.
+  "CREATE TABLE pools ("
+  "  uuid TEXT PRIMARY KEY,"
+  "  name TEXT NOT NULL UNIQUE,"
+  "  host_uuid TEXT NOT NULL,"
+  "  url TEXT NOT NULL,"
+  "  settings TEXT NOT NULL,"
+  "  created INTEGER NOT NULL);"
+  "CREATE TABLE sets ("
+  "  uuid TEXT PRIMARY KEY,"
+  "  module TEXT NOT NULL,"
+  "  resource_uuid TEXT NOT NULL,"
+  "  minor_resource_id TEXT NOT NULL,"
+  "  host_uuid TEXT NOT NULL,"
+  "  instance TEXT NOT NULL,"
+  "  \"database\" TEXT NOT NULL,"
+  "  pool_uuid TEXT NOT NULL,"
+  "  rev INTEGER NOT NULL,"
+  "  backup_start_time INTEGER NOT NULL,"
+  "  committed INTEGER NOT NULL,"
+  "  record TEXT NOT NULL);"
+  "CREATE INDEX sets_by_resource ON sets(module, resource_uuid, minor_resource_id, backup_start_time);",
 };
 
 namespace
@@ -129,8 +129,7 @@ bool Catalog_DB::open(const std::string& path, std::string& error)
     return false;
   }
   sqlite3_busy_timeout(db_, 10000);
-  return exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;", error) &&
-         migrate(error);
+  return exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;", error) && migrate(error);
 }
 
 int Catalog_DB::schema_version()
@@ -181,10 +180,11 @@ Catalog_DB::Commit_Result Catalog_DB::commit_set(const nlohmann::ordered_json& r
     exec("ROLLBACK", error);
     return existing == record ? COMMIT_EXISTS : COMMIT_CONFLICT;
   }
-  Statement insert(db_,
-                   "INSERT INTO sets (uuid, module, resource_uuid, minor_resource_id, host_uuid, instance, \"database\","
-                   " pool_uuid, rev, backup_start_time, committed, record)"
-                   " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  Statement insert(
+    db_,
+    "INSERT INTO sets (uuid, module, resource_uuid, minor_resource_id, host_uuid, instance, \"database\","
+    " pool_uuid, rev, backup_start_time, committed, record)"
+    " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   const char* columns[] = {"uuid",      "module",   "resource_uuid", "minor_resource_id",
                            "host_uuid", "instance", "database",      "pool_uuid"};
   int i = 1;
@@ -213,8 +213,8 @@ bool Catalog_DB::query_sets(const Catalog_Query& query, nlohmann::ordered_json& 
     where += (where.empty() ? " WHERE \"" : " AND \"") + filter.first + "\" = ?";
   Statement count(db_, "SELECT COUNT(*) FROM sets" + where);
   std::string order = query.descending ? " DESC" : " ASC";
-  Statement rows(db_, "SELECT record FROM sets" + where + " ORDER BY \"" + query.sort + "\"" + order + ", uuid" + order +
-                          " LIMIT ? OFFSET ?");
+  Statement rows(db_, "SELECT record FROM sets" + where + " ORDER BY \"" + query.sort + "\"" + order + ", uuid" +
+                        order + " LIMIT ? OFFSET ?");
   if (!count.ok() || !rows.ok())
   {
     error = sqlite3_errmsg(db_);
@@ -274,8 +274,8 @@ bool Catalog_DB::add_pool(const Pool& pool, std::string& error)
   find.bind(2, pool.name);
   if (find.ok() && find.step() == SQLITE_ROW)
   {
-    error = find.text(0) == pool.uuid ? "a pool with uuid " + pool.uuid + " exists"
-                                      : "a pool named " + pool.name + " exists";
+    error =
+      find.text(0) == pool.uuid ? "a pool with uuid " + pool.uuid + " exists" : "a pool named " + pool.name + " exists";
     return false;
   }
   Statement insert(db_, "INSERT INTO pools (uuid, name, host_uuid, url, settings, created) VALUES (?, ?, ?, ?, ?, ?)");

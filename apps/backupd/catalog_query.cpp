@@ -2,9 +2,9 @@
 
 #include <set>
 
-static const char* const FILTER_KEYS[] = {"module",   "resource_uuid", "minor_resource_id", "host_uuid",
-                                          "instance", "database",      "uuid",              "pool_uuid"};
-static const char* const SORT_KEYS[] = {"backup_start_time", "rev",      "uuid",      "module",   "resource_uuid",
+static const char* const FILTER_KEYS[] = {"module",   "resource_uuid", "minor_resource_id", "host_uuid", "instance",
+                                          "database", "uuid",          "pool_uuid"};
+static const char* const SORT_KEYS[] = {"backup_start_time", "rev",       "uuid",     "module",   "resource_uuid",
                                         "minor_resource_id", "host_uuid", "instance", "database", "committed"};
 
 bool Catalog_Query::is_filter_key(const std::string& key)

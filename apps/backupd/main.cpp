@@ -27,11 +27,11 @@
 namespace
 {
 const char USAGE[] =
-    "usage: backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N]\n"
-    "       backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID] [--url URL]"
-    " [--settings JSON]\n"
-    "       backupd pool list --data DIR\n"
-    "       backupd pool remove --data DIR --name NAME\n";
+  "usage: backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N]\n"
+  "       backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID] [--url URL]"
+  " [--settings JSON]\n"
+  "       backupd pool list --data DIR\n"
+  "       backupd pool remove --data DIR --name NAME\n";
 
 int usage()
 {
@@ -155,8 +155,7 @@ int pool_remove(const std::map<std::string, std::string>& flags)
   struct stat st;
   if (stat(root.c_str(), &st) == 0 && nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS) != 0)
   {
-    std::cerr << "backupd: the pool was removed from the catalog, but not all of " << root
-              << " could be deleted\n";
+    std::cerr << "backupd: the pool was removed from the catalog, but not all of " << root << " could be deleted\n";
     return 1;
   }
   std::cout << "removed pool " << pool.uuid << " (" << pool.name << ")" << std::endl;
@@ -230,11 +229,13 @@ int serve(const std::map<std::string, std::string>& flags)
     return 1;
   }
   std::cout << "backupd listening on " << host << ":" << bound << std::endl;
-  std::thread stopper([&server, stop_signals] {
-    int sig = 0;
-    sigwait(&stop_signals, &sig);
-    server.stop();
-  });
+  std::thread stopper(
+    [&server, stop_signals]
+    {
+      int sig = 0;
+      sigwait(&stop_signals, &sig);
+      server.stop();
+    });
   bool ok = server.run();
   // Wake the stopper when the server ended on its own.
   pthread_kill(stopper.native_handle(), SIGTERM);

@@ -6,10 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-static int to_ms(time_t sec)
-{
-  return sec > 2000000 ? 2000000000 : static_cast<int>(sec * 1000);
-}
+static int to_ms(time_t sec) { return sec > 2000000 ? 2000000000 : static_cast<int>(sec * 1000); }
 
 static bool wait_for(int sock, short events, int timeout_ms)
 {
@@ -35,7 +32,7 @@ static void describe(const sockaddr_storage& addr, socklen_t len, std::string& i
 }
 
 Socket_Stream::Socket_Stream(int sock, time_t read_timeout_sec, time_t write_timeout_sec)
-    : sock_(sock), read_timeout_ms_(to_ms(read_timeout_sec)), write_timeout_ms_(to_ms(write_timeout_sec))
+  : sock_(sock), read_timeout_ms_(to_ms(read_timeout_sec)), write_timeout_ms_(to_ms(write_timeout_sec))
 {
 }
 
@@ -44,15 +41,9 @@ bool Socket_Stream::wait_readable(int timeout_ms) const
   return has_buffered() || wait_for(sock_, POLLIN, timeout_ms);
 }
 
-bool Socket_Stream::is_readable() const
-{
-  return wait_readable(read_timeout_ms_);
-}
+bool Socket_Stream::is_readable() const { return wait_readable(read_timeout_ms_); }
 
-bool Socket_Stream::is_writable() const
-{
-  return wait_for(sock_, POLLOUT, write_timeout_ms_);
-}
+bool Socket_Stream::is_writable() const { return wait_for(sock_, POLLOUT, write_timeout_ms_); }
 
 ssize_t Socket_Stream::read(char* ptr, size_t size)
 {

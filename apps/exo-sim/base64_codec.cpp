@@ -1,17 +1,24 @@
 #include "apps/exo-sim/base64_codec.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-namespace {
+namespace
+{
 const char k_alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 int decode_char(unsigned char c)
 {
-  if (c >= 'A' && c <= 'Z') return c - 'A';
-  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-  if (c >= '0' && c <= '9') return c - '0' + 52;
-  if (c == '+') return 62;
-  if (c == '/') return 63;
+  if (c >= 'A' && c <= 'Z')
+    return c - 'A';
+  if (c >= 'a' && c <= 'z')
+    return c - 'a' + 26;
+  if (c >= '0' && c <= '9')
+    return c - '0' + 52;
+  if (c == '+')
+    return 62;
+  if (c == '/')
+    return 63;
   return -1;
 }
 }  // namespace
@@ -21,7 +28,8 @@ std::string base64_encode(const std::string& bytes)
   std::string out;
   out.reserve((bytes.size() + 2) / 3 * 4);
   size_t i = 0;
-  for (; i + 2 < bytes.size(); i += 3) {
+  for (; i + 2 < bytes.size(); i += 3)
+  {
     uint32_t v = (uint32_t(uint8_t(bytes[i])) << 16) | (uint32_t(uint8_t(bytes[i + 1])) << 8) | uint8_t(bytes[i + 2]);
     out += k_alphabet[(v >> 18) & 63];
     out += k_alphabet[(v >> 12) & 63];
@@ -29,12 +37,15 @@ std::string base64_encode(const std::string& bytes)
     out += k_alphabet[v & 63];
   }
   size_t rest = bytes.size() - i;
-  if (rest == 1) {
+  if (rest == 1)
+  {
     uint32_t v = uint32_t(uint8_t(bytes[i])) << 16;
     out += k_alphabet[(v >> 18) & 63];
     out += k_alphabet[(v >> 12) & 63];
     out += "==";
-  } else if (rest == 2) {
+  }
+  else if (rest == 2)
+  {
     uint32_t v = (uint32_t(uint8_t(bytes[i])) << 16) | (uint32_t(uint8_t(bytes[i + 1])) << 8);
     out += k_alphabet[(v >> 18) & 63];
     out += k_alphabet[(v >> 12) & 63];
@@ -52,20 +63,26 @@ bool base64_decode(const std::string& text, std::string& bytes)
   int bits = 0;
   int quads = 0;
   int pad = 0;
-  for (unsigned char c : text) {
-    if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
-    if (c == '=') {
+  for (unsigned char c : text)
+  {
+    if (c == ' ' || c == '\t' || c == '\r' || c == '\n')
+      continue;
+    if (c == '=')
+    {
       ++pad;
       ++quads;
       continue;
     }
-    if (pad > 0) return false;  // data after padding
+    if (pad > 0)
+      return false;  // data after padding
     int v = decode_char(c);
-    if (v < 0) return false;
+    if (v < 0)
+      return false;
     ++quads;
     acc = (acc << 6) | uint32_t(v);
     bits += 6;
-    if (bits >= 8) {
+    if (bits >= 8)
+    {
       bits -= 8;
       bytes += char((acc >> bits) & 0xff);
     }

@@ -2,7 +2,8 @@
 // Standard base64 (RFC 4648, with padding), as EWS uses for xs:base64Binary and item ids.
 #include <string>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 std::string base64_encode(const std::string& bytes);
 

@@ -14,22 +14,26 @@
 #include "apps/exo-sim/sim_stats.h"
 #include "apps/exo-sim/token_service.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-struct Ews_Request {
+struct Ews_Request
+{
   std::string authorization;
   std::string anchor_mailbox;  // X-AnchorMailbox header
   std::string body;
 };
 
-class Ews_Service {
- public:
+class Ews_Service
+{
+public:
   Ews_Service(Mailbox_Store& store, Token_Service& tokens, Fault_Injector& faults, Sim_Stats& stats);
 
   Sim_Reply handle(const Ews_Request& request);
 
- private:
-  struct Call {
+private:
+  struct Call
+  {
     int mailbox = -1;
     int version = 0;  // rank of the requested schema version
     pugi::xml_node op;

@@ -4,17 +4,20 @@
 
 #include "apps/exo-sim/base64_codec.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 void Export_Stream::add(Part part)
 {
   part.start = size();
-  if (part.length > 0) parts_.push_back(std::move(part));
+  if (part.length > 0)
+    parts_.push_back(std::move(part));
 }
 
 void Export_Stream::add_text(const std::string& text)
 {
-  if (!parts_.empty() && !parts_.back().generated) {  // merge neighbouring text
+  if (!parts_.empty() && !parts_.back().generated)
+  {  // merge neighbouring text
     parts_.back().text += text;
     parts_.back().length += text.size();
     return;
@@ -38,11 +41,14 @@ void Export_Stream::add_generated(uint64_t seed, const std::string& item_id, con
 
 void Export_Stream::cut(uint64_t at, const std::string& tail)
 {
-  while (!parts_.empty() && parts_.back().start >= at) parts_.pop_back();
-  if (!parts_.empty() && parts_.back().start + parts_.back().length > at) {
+  while (!parts_.empty() && parts_.back().start >= at)
+    parts_.pop_back();
+  if (!parts_.empty() && parts_.back().start + parts_.back().length > at)
+  {
     Part& last = parts_.back();
     last.length = at - last.start;
-    if (!last.generated) last.text.resize(size_t(last.length));
+    if (!last.generated)
+      last.text.resize(size_t(last.length));
   }
   Part p;
   p.text = tail;
@@ -67,11 +73,14 @@ void Export_Stream::read_base64(const Part& p, uint64_t from, size_t n, std::str
 
 void Export_Stream::read(uint64_t offset, size_t n, std::string& out) const
 {
-  auto it = std::upper_bound(parts_.begin(), parts_.end(), offset,
-                             [](uint64_t off, const Part& p) { return off < p.start; });
-  if (it != parts_.begin()) --it;
-  for (; it != parts_.end() && n > 0; ++it) {
-    if (offset >= it->start + it->length) continue;
+  auto it =
+    std::upper_bound(parts_.begin(), parts_.end(), offset, [](uint64_t off, const Part& p) { return off < p.start; });
+  if (it != parts_.begin())
+    --it;
+  for (; it != parts_.end() && n > 0; ++it)
+  {
+    if (offset >= it->start + it->length)
+      continue;
     uint64_t within = offset - it->start;
     size_t take = size_t(std::min<uint64_t>(n, it->length - within));
     if (it->generated)

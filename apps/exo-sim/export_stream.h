@@ -10,10 +10,12 @@
 
 #include "apps/exo-sim/item_blob.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-class Export_Stream {
- public:
+class Export_Stream
+{
+public:
   void add_text(const std::string& text);
   // The base64 of the generated blob of (seed, item_id, meta).
   void add_generated(uint64_t seed, const std::string& item_id, const Item_Meta& meta);
@@ -25,8 +27,9 @@ class Export_Stream {
   // Appends bytes [offset, offset + n) of the stream to `out` (fewer at the end).
   void read(uint64_t offset, size_t n, std::string& out) const;
 
- private:
-  struct Part {
+private:
+  struct Part
+  {
     uint64_t start = 0;  // offset of the part in the stream
     uint64_t length = 0;
     std::string text;

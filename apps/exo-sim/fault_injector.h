@@ -10,11 +10,13 @@
 
 #include <nlohmann/json.hpp>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-struct Fault_Settings {
+struct Fault_Settings
+{
   uint64_t fault_seed = 1;
-  double busy_rate = 0;          // ErrorServerBusy SOAP fault, HTTP 500
+  double busy_rate = 0;  // ErrorServerBusy SOAP fault, HTTP 500
   int busy_backoff_ms = 500;
   double ews_503_rate = 0;
   double graph_503_rate = 0;
@@ -27,7 +29,7 @@ struct Fault_Settings {
   double fail_item_rate = 0;
   std::string fail_item_code = "ErrorItemNotFound";
   int latency_ms = 0;
-  int max_concurrency = 0;       // EWS calls in flight per mailbox; 0 = no limit
+  int max_concurrency = 0;  // EWS calls in flight per mailbox; 0 = no limit
 };
 
 nlohmann::ordered_json fault_settings_to_json(const Fault_Settings& settings);
@@ -35,8 +37,9 @@ nlohmann::ordered_json fault_settings_to_json(const Fault_Settings& settings);
 // or an unknown key.
 bool fault_settings_from_json(const nlohmann::ordered_json& json, Fault_Settings& settings, std::string& error);
 
-class Fault_Injector {
- public:
+class Fault_Injector
+{
+public:
   explicit Fault_Injector(const Fault_Settings& settings);
 
   Fault_Settings settings() const;
@@ -53,7 +56,7 @@ class Fault_Injector {
   bool enter_mailbox(const std::string& mailbox);
   void leave_mailbox(const std::string& mailbox);
 
- private:
+private:
   mutable std::mutex mutex_;
   Fault_Settings settings_;
   std::map<std::string, uint64_t> sequence_;

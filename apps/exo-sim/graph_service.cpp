@@ -8,16 +8,19 @@
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/sim_hash.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-namespace {
+namespace
+{
 
 const std::string k_token_prefix("DSpt\x02\x00\x01\x00", 8);  // encodes as "RFNwdAIAAQA..."
 
 std::string lower(std::string s)
 {
   for (auto& c : s)
-    if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    if (c >= 'A' && c <= 'Z')
+      c = char(c - 'A' + 'a');
   return s;
 }
 
@@ -32,10 +35,12 @@ std::vector<std::string> split(const std::string& s, const std::string& sep)
 {
   std::vector<std::string> out;
   size_t pos = 0;
-  while (true) {
+  while (true)
+  {
     size_t at = s.find(sep, pos);
     out.push_back(s.substr(pos, at == std::string::npos ? std::string::npos : at - pos));
-    if (at == std::string::npos) break;
+    if (at == std::string::npos)
+      break;
     pos = at + sep.size();
   }
   return out;
@@ -45,10 +50,14 @@ std::string percent_encode(const std::string& s)
 {
   static const char hex[] = "0123456789ABCDEF";
   std::string out;
-  for (unsigned char c : s) {
-    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~' || c == '$' || c == ',' || c == ':') {
+  for (unsigned char c : s)
+  {
+    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~' || c == '$' || c == ',' || c == ':')
+    {
       out += char(c);
-    } else {
+    }
+    else
+    {
       out += '%';
       out += hex[c >> 4];
       out += hex[c & 15];
@@ -62,29 +71,37 @@ std::string percent_encode(const std::string& s)
 bool token_prefix_match(const std::string& value, const std::string& term)
 {
   std::string v = lower(value), t = lower(term);
-  if (t.empty()) return true;
-  for (size_t i = 0; i < v.size(); ++i) {
+  if (t.empty())
+    return true;
+  for (size_t i = 0; i < v.size(); ++i)
+  {
     bool token_start = i == 0 || !std::isalnum(static_cast<unsigned char>(v[i - 1]));
-    if (token_start && v.compare(i, t.size(), t) == 0) return true;
+    if (token_start && v.compare(i, t.size(), t) == 0)
+      return true;
   }
   return false;
 }
 
-struct Search_Clause {
+struct Search_Clause
+{
   std::string property;
   std::string term;
 };
 
 bool parse_search(const std::string& text, std::vector<Search_Clause>& clauses)
 {
-  for (const auto& part : split(text, " OR ")) {
+  for (const auto& part : split(text, " OR "))
+  {
     std::string p = trim(part);
-    if (p.size() < 2 || p.front() != '"' || p.back() != '"') return false;
+    if (p.size() < 2 || p.front() != '"' || p.back() != '"')
+      return false;
     p = p.substr(1, p.size() - 2);
     auto colon = p.find(':');
-    if (colon == std::string::npos) return false;
+    if (colon == std::string::npos)
+      return false;
     Search_Clause c{p.substr(0, colon), p.substr(colon + 1)};
-    if (c.property != "userPrincipalName" && c.property != "displayName" && c.property != "mail") return false;
+    if (c.property != "userPrincipalName" && c.property != "displayName" && c.property != "mail")
+      return false;
     clauses.push_back(c);
   }
   return !clauses.empty();
@@ -125,9 +142,13 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
 {
   const std::string& crid = request.client_request_id;
   std::string reason;
-  if (!tokens_.check(request.authorization, k_audience_graph, reason)) {
+  if (!tokens_.check(request.authorization, k_audience_graph, reason))
+  {
     Sim_Reply r = error(401, "InvalidAuthenticationToken", reason, crid);
-    r.headers.push_back({"WWW-Authenticate", "Bearer realm=\"\", authorization_uri=\"https://login.microsoftonline.com/common/oauth2/authorize\", client_id=\"00000003-0000-0000-c000-000000000000\""});
+    r.headers.push_back(
+      {"WWW-Authenticate",
+       "Bearer realm=\"\", authorization_uri=\"https://login.microsoftonline.com/common/oauth2/authorize\", "
+       "client_id=\"00000003-0000-0000-c000-000000000000\""});
     return r;
   }
   bool eventual = lower(request.consistency_level) == "eventual";
@@ -140,37 +161,53 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   bool has_search = false;
   std::vector<std::string> query_pairs;  // the query without $skiptoken, to bind tokens to their query
   std::vector<std::pair<std::string, std::string>> carried;
-  for (const auto& kv : request.params) {
+  for (const auto& kv : request.params)
+  {
     std::string key = lower(kv.first);
-    if (key != "$skiptoken") {
+    if (key != "$skiptoken")
+    {
       carried.push_back(kv);
       query_pairs.push_back(key + "=" + kv.second);
     }
-    if (key == "$select") {
-      for (const auto& s : split(kv.second, ",")) select.push_back(trim(s));
-    } else if (key == "$orderby") {
+    if (key == "$select")
+    {
+      for (const auto& s : split(kv.second, ","))
+        select.push_back(trim(s));
+    }
+    else if (key == "$orderby")
+    {
       auto parts = split(trim(kv.second), " ");
       order_by = parts[0];
       if (parts.size() > 2 || (parts.size() == 2 && parts[1] != "asc" && parts[1] != "desc"))
         return error(400, "Request_BadRequest", "Invalid $orderby expression '" + kv.second + "'.", crid);
       descending = parts.size() == 2 && parts[1] == "desc";
-    } else if (key == "$count") {
+    }
+    else if (key == "$count")
+    {
       if (kv.second != "true" && kv.second != "false")
         return error(400, "Request_BadRequest", "Invalid value '" + kv.second + "' for $count.", crid);
       count = kv.second == "true";
-    } else if (key == "$top") {
+    }
+    else if (key == "$top")
+    {
       const std::string& v = kv.second;
       bool digits = !v.empty() && v.size() < 10 && v.find_first_not_of("0123456789") == std::string::npos;
       top = digits ? std::stoi(v) : -1;
       if (top < 1 || top > 999)
         return error(400, "Request_BadRequest",
                      "Invalid page size specified: '" + v + "'. Must be between 1 and 999 inclusive.", crid);
-    } else if (key == "$search") {
+    }
+    else if (key == "$search")
+    {
       search = kv.second;
       has_search = true;
-    } else if (key == "$skiptoken") {
+    }
+    else if (key == "$skiptoken")
+    {
       skiptoken = kv.second;
-    } else if (!key.empty() && key[0] == '$') {
+    }
+    else if (!key.empty() && key[0] == '$')
+    {
       return error(400, "Request_UnsupportedQuery", "Query option '" + kv.first + "' is not supported.", crid);
     }
   }
@@ -192,60 +229,77 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
 
   std::sort(query_pairs.begin(), query_pairs.end());
   std::string query_key;
-  for (const auto& p : query_pairs) query_key += p + "&";
+  for (const auto& p : query_pairs)
+    query_key += p + "&";
   uint64_t bind = hash_text(query_key);
   long offset = 0;
-  if (!skiptoken.empty()) {
+  if (!skiptoken.empty())
+  {
     std::string raw;
     if (!base64_decode(skiptoken, raw) || raw.compare(0, k_token_prefix.size(), k_token_prefix) != 0)
-      return error(400, "Directory_ExpiredPageToken", "The specified page token value has expired or is invalid.", crid);
+      return error(400, "Directory_ExpiredPageToken", "The specified page token value has expired or is invalid.",
+                   crid);
     auto parts = split(raw.substr(k_token_prefix.size()), ":");
     if (parts.size() != 2 || parts[0].empty() || parts[0].find_first_not_of("0123456789") != std::string::npos ||
         parts[1] != std::to_string(bind))
-      return error(400, "Directory_ExpiredPageToken", "The specified page token value has expired or is invalid.", crid);
+      return error(400, "Directory_ExpiredPageToken", "The specified page token value has expired or is invalid.",
+                   crid);
     offset = std::stol(parts[0]);
   }
 
   std::vector<nlohmann::ordered_json> users;
-  for (int m = 0; m < store_.mailbox_count(); ++m) {
+  for (int m = 0; m < store_.mailbox_count(); ++m)
+  {
     nlohmann::ordered_json u = store_.graph_user(m);
     bool match = clauses.empty();
     for (const auto& c : clauses)
-      if (token_prefix_match(u[c.property].get<std::string>(), c.term)) match = true;
-    if (match) users.push_back(std::move(u));
+      if (token_prefix_match(u[c.property].get<std::string>(), c.term))
+        match = true;
+    if (match)
+      users.push_back(std::move(u));
   }
-  std::stable_sort(users.begin(), users.end(), [&](const nlohmann::ordered_json& a, const nlohmann::ordered_json& b) {
-    std::string x = lower(a[order_by].get<std::string>()), y = lower(b[order_by].get<std::string>());
-    return descending ? y < x : x < y;
-  });
+  std::stable_sort(users.begin(), users.end(),
+                   [&](const nlohmann::ordered_json& a, const nlohmann::ordered_json& b)
+                   {
+                     std::string x = lower(a[order_by].get<std::string>()), y = lower(b[order_by].get<std::string>());
+                     return descending ? y < x : x < y;
+                   });
 
   nlohmann::ordered_json out;
   std::string context = "https://graph.microsoft.com/v1.0/$metadata#users";
-  if (!select.empty()) {
+  if (!select.empty())
+  {
     context += "(";
-    for (size_t k = 0; k < select.size(); ++k) context += (k ? "," : "") + select[k];
+    for (size_t k = 0; k < select.size(); ++k)
+      context += (k ? "," : "") + select[k];
     context += ")";
   }
   out["@odata.context"] = context;
-  if (count && eventual && skiptoken.empty()) out["@odata.count"] = users.size();
+  if (count && eventual && skiptoken.empty())
+    out["@odata.count"] = users.size();
   long end = std::min<long>(long(users.size()), offset + top);
-  if (end < long(users.size())) {
+  if (end < long(users.size()))
+  {
     std::string link = "http://" + request.host + "/v1.0/users?";
-    for (const auto& kv : carried) link += percent_encode(kv.first) + "=" + percent_encode(kv.second) + "&";
+    for (const auto& kv : carried)
+      link += percent_encode(kv.first) + "=" + percent_encode(kv.second) + "&";
     std::string token = base64_encode(k_token_prefix + std::to_string(end) + ":" + std::to_string(bind));
     link += "$skiptoken=" + percent_encode(token);
     out["@odata.nextLink"] = link;
   }
   out["value"] = nlohmann::ordered_json::array();
-  for (long k = offset; k < end; ++k) {
-    if (select.empty()) {  // the default property set, which leaves proxyAddresses out
+  for (long k = offset; k < end; ++k)
+  {
+    if (select.empty())
+    {  // the default property set, which leaves proxyAddresses out
       nlohmann::ordered_json u = users[size_t(k)];
       u.erase("proxyAddresses");
       out["value"].push_back(u);
       continue;
     }
     nlohmann::ordered_json u;
-    for (const auto& s : select) u[s] = users[size_t(k)][s];
+    for (const auto& s : select)
+      u[s] = users[size_t(k)][s];
     out["value"].push_back(u);
   }
   Sim_Reply r;

@@ -9,9 +9,11 @@
 #include "apps/exo-sim/sim_reply.h"
 #include "apps/exo-sim/token_service.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-struct Graph_Request {
+struct Graph_Request
+{
   std::vector<std::pair<std::string, std::string>> params;  // decoded query pairs, in order
   std::string authorization;
   std::string consistency_level;
@@ -19,8 +21,9 @@ struct Graph_Request {
   std::string client_request_id;
 };
 
-class Graph_Service {
- public:
+class Graph_Service
+{
+public:
   Graph_Service(Mailbox_Store& store, Token_Service& tokens);
 
   Sim_Reply list_users(const Graph_Request& request);
@@ -29,7 +32,7 @@ class Graph_Service {
   static Sim_Reply error(int status, const std::string& code, const std::string& message,
                          const std::string& client_request_id);
 
- private:
+private:
   Mailbox_Store& store_;
   Token_Service& tokens_;
 };

@@ -11,7 +11,8 @@
 // is which forms exist and that ConvertId maps between them without looking the object up.
 #include <string>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 // True for the six IdFormatType names above.
 bool id_format_known(const std::string& format);

@@ -6,18 +6,21 @@
 #include <cstdint>
 #include <string>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-struct Item_Meta {
+struct Item_Meta
+{
   std::string item_class = "IPM.Note";
   std::string subject;
-  int64_t created = 0;   // seconds since the epoch, UTC
+  int64_t created = 0;  // seconds since the epoch, UTC
   int64_t modified = 0;
-  int64_t size = 0;      // bytes of the exported blob
+  int64_t size = 0;  // bytes of the exported blob
 };
 
-class Item_Blob {
- public:
+class Item_Blob
+{
+public:
   // The blob of `meta` for `item_id`; its length is max(meta.size, header length).
   static std::string make(uint64_t seed, const std::string& item_id, const Item_Meta& meta);
   // Bytes [offset, offset + n) of that blob, into `out` (which must hold n bytes), without

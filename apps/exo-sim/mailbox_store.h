@@ -15,15 +15,27 @@
 #include "apps/exo-sim/item_blob.h"
 #include "apps/exo-sim/sim_options.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-enum class Lookup { ok, malformed, not_found };
+enum class Lookup
+{
+  ok,
+  malformed,
+  not_found
+};
 
 // How an address names a mailbox: by the user's principal name only, by the primary SMTP address
 // only, or by any of the mailbox's SMTP addresses (primary or proxy).
-enum class Address_Form { principal_name, primary_smtp, any_smtp };
+enum class Address_Form
+{
+  principal_name,
+  primary_smtp,
+  any_smtp
+};
 
-struct Folder_View {
+struct Folder_View
+{
   std::string id;
   std::string change_key;
   std::string parent_id;
@@ -34,15 +46,17 @@ struct Folder_View {
   bool hidden = false;  // PR_ATTR_HIDDEN
 };
 
-struct Item_View {
+struct Item_View
+{
   std::string id;
   std::string change_key;
   std::string parent_id;
   Item_Meta meta;
 };
 
-class Mailbox_Store {
- public:
+class Mailbox_Store
+{
+public:
   Mailbox_Store(uint64_t seed, const Data_Profile& profile, const Tenant_Config& tenant);
 
   uint64_t seed() const { return seed_; }
@@ -87,8 +101,9 @@ class Mailbox_Store {
   bool save(const std::string& dir, std::string& error);
   bool load(const std::string& dir, std::string& error);
 
- private:
-  struct Folder {
+private:
+  struct Folder
+  {
     int parent = -1;
     std::string name;
     std::string folder_class;
@@ -100,16 +115,18 @@ class Mailbox_Store {
     std::vector<int> children;
     std::vector<int64_t> uploads;  // serials, in upload order
   };
-  struct Upload {
+  struct Upload
+  {
     int folder = 0;
     bool associated = false;
     int version = 0;
     Item_Meta meta;
     std::string blob;
   };
-  struct Mailbox {
-    std::string smtp;  // primary SMTP address
-    std::string upn;   // user principal name
+  struct Mailbox
+  {
+    std::string smtp;                  // primary SMTP address
+    std::string upn;                   // user principal name
     std::vector<std::string> proxies;  // the other SMTP addresses
     std::string given_name;
     std::string surname;

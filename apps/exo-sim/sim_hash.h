@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <string>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 inline uint64_t mix64(uint64_t x)
 {
@@ -21,7 +22,8 @@ inline uint64_t mix64(uint64_t a, uint64_t b, uint64_t c, uint64_t d) { return m
 inline uint64_t hash_text(const std::string& s)
 {
   uint64_t h = 0xcbf29ce484222325ULL;  // FNV-1a, then mixed
-  for (unsigned char c : s) {
+  for (unsigned char c : s)
+  {
     h ^= c;
     h *= 0x100000001b3ULL;
   }

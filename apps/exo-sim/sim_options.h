@@ -7,37 +7,42 @@
 
 #include "apps/exo-sim/fault_injector.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 // Shape of the generated mailboxes.
-struct Data_Profile {
+struct Data_Profile
+{
   std::string name = "small";
   int mailboxes = 5;
-  int depth = 2;          // levels of generated folders below Inbox
-  int fanout = 2;         // subfolders per generated folder
-  int items = 12;         // mean items per generated folder
-  int page_size = 100;    // size of the "Exactly one page" folder
-  int large_items = 1;    // items in the "Large items" folder
-  int large_item_mib = 3; // size of each of them
-  int large_item_max_mib = 0;  // when larger: sizes spread from large_item_mib up to this
-  int renamed_users = 0;  // extra users whose user principal name is not their primary SMTP address
+  int depth = 2;                // levels of generated folders below Inbox
+  int fanout = 2;               // subfolders per generated folder
+  int items = 12;               // mean items per generated folder
+  int page_size = 100;          // size of the "Exactly one page" folder
+  int large_items = 1;          // items in the "Large items" folder
+  int large_item_mib = 3;       // size of each of them
+  int large_item_max_mib = 0;   // when larger: sizes spread from large_item_mib up to this
+  int renamed_users = 0;        // extra users whose user principal name is not their primary SMTP address
   bool hidden_folders = false;  // hidden system folders under the message folder root
 };
 
 // Fills `profile` with the named preset; false for an unknown name.
 bool data_profile_preset(const std::string& name, Data_Profile& profile);
 
-struct Registration {
+struct Registration
+{
   std::string client_id;
   std::string client_secret;
 };
 
-struct Basic_Account {
+struct Basic_Account
+{
   std::string user;  // a mailbox address
   std::string password;
 };
 
-struct Tenant_Config {
+struct Tenant_Config
+{
   std::string tenant_id = "8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04";
   std::string domain = "demo.exosim.test";
   // The tenant's initial domain: every mailbox has a proxy address there, and some users
@@ -47,7 +52,8 @@ struct Tenant_Config {
   std::vector<Basic_Account> basic_accounts;
 };
 
-struct Sim_Options {
+struct Sim_Options
+{
   std::string listen = "127.0.0.1";
   int port = 0;
   uint64_t seed = 1;

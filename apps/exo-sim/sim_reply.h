@@ -7,9 +7,11 @@
 
 #include "apps/exo-sim/export_stream.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-struct Sim_Reply {
+struct Sim_Reply
+{
   int status = 200;
   std::string content_type = "application/json; charset=utf-8";
   std::string body;

@@ -5,9 +5,11 @@
 #include <chrono>
 #include <thread>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-namespace {
+namespace
+{
 
 double now_ms()
 {
@@ -23,11 +25,11 @@ bool file_exists(const std::string& path)
 }  // namespace
 
 Sim_Server::Sim_Server(const Sim_Options& options, std::FILE* log)
-    : options_(options),
-      store_(new Mailbox_Store(options.seed, options.profile, options.tenant)),
-      tokens_(options.tenant, options.token_lifetime),
-      faults_(options.faults),
-      stats_(log)
+  : options_(options),
+    store_(new Mailbox_Store(options.seed, options.profile, options.tenant)),
+    tokens_(options.tenant, options.token_lifetime),
+    faults_(options.faults),
+    stats_(log)
 {
   graph_.reset(new Graph_Service(*store_, tokens_));
   ews_.reset(new Ews_Service(*store_, tokens_, faults_, stats_));
@@ -45,15 +47,18 @@ Sim_Server::~Sim_Server() { stop(); }
 
 bool Sim_Server::load_state(std::string& error)
 {
-  if (options_.state_dir.empty() || !file_exists(options_.state_dir + "/state.json")) return true;
-  if (!store_->load(options_.state_dir, error)) return false;
+  if (options_.state_dir.empty() || !file_exists(options_.state_dir + "/state.json"))
+    return true;
+  if (!store_->load(options_.state_dir, error))
+    return false;
   tokens_.set_tenant(store_->tenant());
   return true;
 }
 
 bool Sim_Server::save_state(std::string& error)
 {
-  if (options_.state_dir.empty()) {
+  if (options_.state_dir.empty())
+  {
     error = "no state directory configured (--state-dir)";
     return false;
   }
@@ -64,7 +69,8 @@ int Sim_Server::bind()
 {
   port_ = options_.port == 0 ? server_.bind_to_any_port(options_.listen.c_str())
                              : (server_.bind_to_port(options_.listen.c_str(), options_.port) ? options_.port : -1);
-  if (port_ > 0) {
+  if (port_ > 0)
+  {
     std::string p = ":" + std::to_string(port_);
     tokens_.set_own_bases({"http://127.0.0.1" + p, "http://localhost" + p, "http://" + options_.listen + p});
   }
@@ -78,7 +84,8 @@ void Sim_Server::stop() { server_.stop(); }
 void Sim_Server::add_latency()
 {
   int ms = faults_.settings().latency_ms;
-  if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+  if (ms > 0)
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
 bool Sim_Server::graph_throttled(Sim_Reply& reply, const std::string& crid)
@@ -86,7 +93,8 @@ bool Sim_Server::graph_throttled(Sim_Reply& reply, const std::string& crid)
   Fault_Settings s = faults_.settings();
   bool is_429 = faults_.roll("graph_429", s.graph_429_rate);
   bool is_503 = !is_429 && faults_.roll("graph_503", s.graph_503_rate);
-  if (!is_429 && !is_503) return false;
+  if (!is_429 && !is_503)
+    return false;
   stats_.count(is_429 ? "faults.graph_429" : "faults.graph_503");
   reply = is_429 ? Graph_Service::error(429, "TooManyRequests", "Too many requests.", crid)
                  : Graph_Service::error(503, "ServiceUnavailable", "Service unavailable.", crid);
@@ -97,9 +105,11 @@ bool Sim_Server::graph_throttled(Sim_Reply& reply, const std::string& crid)
 void Sim_Server::send(const Sim_Reply& reply, httplib::Response& res, double started_ms)
 {
   res.status = reply.status;
-  for (const auto& h : reply.headers) res.headers.emplace(h.first, h.second);
+  for (const auto& h : reply.headers)
+    res.headers.emplace(h.first, h.second);
   std::shared_ptr<const Export_Stream> stream = reply.stream;
-  if (!stream && reply.drop) {
+  if (!stream && reply.drop)
+  {
     auto text = std::make_shared<Export_Stream>();
     text->add_text(reply.body);
     stream = text;
@@ -107,16 +117,22 @@ void Sim_Server::send(const Sim_Reply& reply, httplib::Response& res, double sta
   uint64_t total = stream ? stream->size() : reply.body.size();
   // A dropped connection declares the full length, sends half, then fails the write.
   uint64_t end = reply.drop ? total / 2 : total;
-  if (stream) {
+  if (stream)
+  {
     const size_t chunk = 256 * 1024;
     res.set_content_provider(static_cast<size_t>(total), reply.content_type,
-                             [stream, end, chunk](size_t offset, size_t, httplib::DataSink& sink) {
-                               if (offset >= end) return false;
+                             [stream, end, chunk](size_t offset, size_t, httplib::DataSink& sink)
+                             {
+                               if (offset >= end)
+                                 return false;
                                std::string piece;
-                               stream->read(offset, static_cast<size_t>(std::min<uint64_t>(chunk, end - offset)), piece);
+                               stream->read(offset, static_cast<size_t>(std::min<uint64_t>(chunk, end - offset)),
+                                            piece);
                                return sink.write(piece.data(), piece.size());
                              });
-  } else {
+  }
+  else
+  {
     res.set_content(reply.body, reply.content_type.c_str());
   }
   stats_.record(reply, static_cast<size_t>(end), now_ms() - started_ms);
@@ -124,88 +140,109 @@ void Sim_Server::send(const Sim_Reply& reply, httplib::Response& res, double sta
 
 void Sim_Server::install_routes()
 {
-  server_.Post(R"(/([^/]+)/oauth2/v2\.0/token)", [this](const httplib::Request& req, httplib::Response& res) {
-    double t0 = now_ms();
-    add_latency();
-    Sim_Reply r = tokens_.issue(req.matches[1], req.body, req.get_header_value("Authorization"));
-    r.service = "token";
-    r.op = "token";
-    if (r.status == 200) stats_.count("tokens_issued");
-    send(r, res, t0);
-  });
-  server_.Get("/v1.0/users", [this](const httplib::Request& req, httplib::Response& res) {
-    double t0 = now_ms();
-    add_latency();
-    Graph_Request g;
-    std::string target = req.target;
-    auto q = target.find('?');
-    std::string query = q == std::string::npos ? "" : target.substr(q + 1);
-    size_t pos = 0;
-    while (!query.empty() && pos <= query.size()) {  // decoded pairs in request order
-      size_t amp = query.find('&', pos);
-      std::string pair = query.substr(pos, amp == std::string::npos ? std::string::npos : amp - pos);
-      if (!pair.empty()) {
-        size_t eq = pair.find('=');
-        g.params.push_back({url_decode(pair.substr(0, eq), true),
-                            eq == std::string::npos ? "" : url_decode(pair.substr(eq + 1), true)});
-      }
-      if (amp == std::string::npos) break;
-      pos = amp + 1;
-    }
-    g.authorization = req.get_header_value("Authorization");
-    g.consistency_level = req.get_header_value("ConsistencyLevel");
-    g.host = req.get_header_value("Host");
-    g.client_request_id = req.get_header_value("client-request-id");
-    Sim_Reply r;
-    if (!graph_throttled(r, g.client_request_id)) r = graph_->list_users(g);
-    r.service = "graph";
-    r.op = "users";
-    send(r, res, t0);
-  });
-  auto ews = [this](const httplib::Request& req, httplib::Response& res) {
+  server_.Post(R"(/([^/]+)/oauth2/v2\.0/token)",
+               [this](const httplib::Request& req, httplib::Response& res)
+               {
+                 double t0 = now_ms();
+                 add_latency();
+                 Sim_Reply r = tokens_.issue(req.matches[1], req.body, req.get_header_value("Authorization"));
+                 r.service = "token";
+                 r.op = "token";
+                 if (r.status == 200)
+                   stats_.count("tokens_issued");
+                 send(r, res, t0);
+               });
+  server_.Get("/v1.0/users",
+              [this](const httplib::Request& req, httplib::Response& res)
+              {
+                double t0 = now_ms();
+                add_latency();
+                Graph_Request g;
+                std::string target = req.target;
+                auto q = target.find('?');
+                std::string query = q == std::string::npos ? "" : target.substr(q + 1);
+                size_t pos = 0;
+                while (!query.empty() && pos <= query.size())
+                {  // decoded pairs in request order
+                  size_t amp = query.find('&', pos);
+                  std::string pair = query.substr(pos, amp == std::string::npos ? std::string::npos : amp - pos);
+                  if (!pair.empty())
+                  {
+                    size_t eq = pair.find('=');
+                    g.params.push_back({url_decode(pair.substr(0, eq), true),
+                                        eq == std::string::npos ? "" : url_decode(pair.substr(eq + 1), true)});
+                  }
+                  if (amp == std::string::npos)
+                    break;
+                  pos = amp + 1;
+                }
+                g.authorization = req.get_header_value("Authorization");
+                g.consistency_level = req.get_header_value("ConsistencyLevel");
+                g.host = req.get_header_value("Host");
+                g.client_request_id = req.get_header_value("client-request-id");
+                Sim_Reply r;
+                if (!graph_throttled(r, g.client_request_id))
+                  r = graph_->list_users(g);
+                r.service = "graph";
+                r.op = "users";
+                send(r, res, t0);
+              });
+  auto ews = [this](const httplib::Request& req, httplib::Response& res)
+  {
     double t0 = now_ms();  // EWS spends its latency inside the mailbox's concurrency slot
     Ews_Request e{req.get_header_value("Authorization"), req.get_header_value("X-AnchorMailbox"), req.body};
     Sim_Reply r = ews_->handle(e);
     r.service = "ews";
-    if (r.op.empty()) r.op = "ews";
+    if (r.op.empty())
+      r.op = "ews";
     send(r, res, t0);
   };
   server_.Post("/EWS/Exchange.asmx", ews);
   server_.Post("/ews/exchange.asmx", ews);
 
-  server_.Get("/_sim/status", [this](const httplib::Request&, httplib::Response& res) {
-    nlohmann::ordered_json j = stats_.to_json();
-    j["mailboxes"] = store_->mailbox_count();
-    j["seed"] = store_->seed();
-    j["profile"] = store_->profile().name;
-    res.set_content(j.dump(2) + "\n", "application/json");
-  });
-  server_.Post("/_sim/reset", [this](const httplib::Request&, httplib::Response& res) {
-    stats_.reset();
-    res.set_content("{}\n", "application/json");
-  });
-  server_.Get("/_sim/faults", [this](const httplib::Request&, httplib::Response& res) {
-    res.set_content(fault_settings_to_json(faults_.settings()).dump(2) + "\n", "application/json");
-  });
-  server_.Post("/_sim/faults", [this](const httplib::Request& req, httplib::Response& res) {
-    auto j = nlohmann::ordered_json::parse(req.body, nullptr, false);
-    Fault_Settings s = faults_.settings();
-    std::string error;
-    if (j.is_discarded() || !fault_settings_from_json(j, s, error)) {
-      res.status = 400;
-      res.set_content(nlohmann::ordered_json{{"error", j.is_discarded() ? "body is not JSON" : error}}.dump() + "\n",
-                      "application/json");
-      return;
-    }
-    faults_.set_settings(s);
-    res.set_content(fault_settings_to_json(s).dump(2) + "\n", "application/json");
-  });
-  server_.Post("/_sim/save", [this](const httplib::Request&, httplib::Response& res) {
-    std::string error;
-    bool ok = save_state(error);
-    res.status = ok ? 200 : 400;
-    res.set_content(ok ? "{}\n" : nlohmann::ordered_json{{"error", error}}.dump() + "\n", "application/json");
-  });
+  server_.Get("/_sim/status",
+              [this](const httplib::Request&, httplib::Response& res)
+              {
+                nlohmann::ordered_json j = stats_.to_json();
+                j["mailboxes"] = store_->mailbox_count();
+                j["seed"] = store_->seed();
+                j["profile"] = store_->profile().name;
+                res.set_content(j.dump(2) + "\n", "application/json");
+              });
+  server_.Post("/_sim/reset",
+               [this](const httplib::Request&, httplib::Response& res)
+               {
+                 stats_.reset();
+                 res.set_content("{}\n", "application/json");
+               });
+  server_.Get("/_sim/faults", [this](const httplib::Request&, httplib::Response& res)
+              { res.set_content(fault_settings_to_json(faults_.settings()).dump(2) + "\n", "application/json"); });
+  server_.Post("/_sim/faults",
+               [this](const httplib::Request& req, httplib::Response& res)
+               {
+                 auto j = nlohmann::ordered_json::parse(req.body, nullptr, false);
+                 Fault_Settings s = faults_.settings();
+                 std::string error;
+                 if (j.is_discarded() || !fault_settings_from_json(j, s, error))
+                 {
+                   res.status = 400;
+                   res.set_content(
+                     nlohmann::ordered_json{{"error", j.is_discarded() ? "body is not JSON" : error}}.dump() + "\n",
+                     "application/json");
+                   return;
+                 }
+                 faults_.set_settings(s);
+                 res.set_content(fault_settings_to_json(s).dump(2) + "\n", "application/json");
+               });
+  server_.Post(
+    "/_sim/save",
+    [this](const httplib::Request&, httplib::Response& res)
+    {
+      std::string error;
+      bool ok = save_state(error);
+      res.status = ok ? 200 : 400;
+      res.set_content(ok ? "{}\n" : nlohmann::ordered_json{{"error", error}}.dump() + "\n", "application/json");
+    });
 }
 
 }  // namespace exo_sim

@@ -15,10 +15,12 @@
 #include "apps/exo-sim/sim_stats.h"
 #include "apps/exo-sim/token_service.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-class Sim_Server {
- public:
+class Sim_Server
+{
+public:
   // `log` receives the request log (not owned; may be null).
   Sim_Server(const Sim_Options& options, std::FILE* log);
   ~Sim_Server();
@@ -40,7 +42,7 @@ class Sim_Server {
   Sim_Stats& stats() { return stats_; }
   Fault_Injector& faults() { return faults_; }
 
- private:
+private:
   void install_routes();
   void send(const Sim_Reply& reply, httplib::Response& res, double started_ms);
   bool graph_throttled(Sim_Reply& reply, const std::string& client_request_id);

@@ -2,7 +2,8 @@
 
 #include <ctime>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 Sim_Stats::Sim_Stats(std::FILE* log) : log_(log) {}
 
@@ -27,9 +28,11 @@ void Sim_Stats::record(const Sim_Reply& reply, size_t bytes, double ms)
   std::lock_guard<std::mutex> lock(mutex_);
   counters_["calls." + (reply.op.empty() ? reply.service : reply.op)] += 1;
   counters_["http_status." + std::to_string(reply.status)] += 1;
-  if (!reply.code.empty()) counters_["codes." + reply.code] += 1;
+  if (!reply.code.empty())
+    counters_["codes." + reply.code] += 1;
   counters_["bytes_out"] += long(bytes);
-  if (log_) {
+  if (log_)
+  {
     std::fprintf(log_, "%s\n", text.c_str());
     std::fflush(log_);
   }
@@ -52,11 +55,13 @@ nlohmann::ordered_json Sim_Stats::to_json() const
 {
   std::lock_guard<std::mutex> lock(mutex_);
   nlohmann::ordered_json j;
-  for (const char* group : {"calls", "http_status", "codes", "faults"}) j[group] = nlohmann::ordered_json::object();
+  for (const char* group : {"calls", "http_status", "codes", "faults"})
+    j[group] = nlohmann::ordered_json::object();
   for (const char* flat : {"items_found", "items_exported", "items_uploaded", "folders_created", "bytes_out",
                            "anchor_mailbox_missing", "tokens_issued"})
     j[flat] = 0;
-  for (const auto& kv : counters_) {
+  for (const auto& kv : counters_)
+  {
     auto dot = kv.first.find('.');
     if (dot == std::string::npos)
       j[kv.first] = kv.second;

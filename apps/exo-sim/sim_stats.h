@@ -11,10 +11,12 @@
 
 #include "apps/exo-sim/sim_reply.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-class Sim_Stats {
- public:
+class Sim_Stats
+{
+public:
   // `log` receives one line per call; null for none. Not owned.
   explicit Sim_Stats(std::FILE* log);
 
@@ -27,7 +29,7 @@ class Sim_Stats {
   nlohmann::ordered_json to_json() const;
   void reset();
 
- private:
+private:
   mutable std::mutex mutex_;
   std::FILE* log_;
   std::map<std::string, long> counters_;

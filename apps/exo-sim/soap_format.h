@@ -6,7 +6,8 @@
 #include <utility>
 #include <vector>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 std::string xml_escape(const std::string& text);
 

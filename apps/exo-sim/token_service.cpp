@@ -8,22 +8,28 @@
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/sim_hash.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-namespace {
+namespace
+{
 
 int hex_value(char c)
 {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'a' && c <= 'f')
+    return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F')
+    return c - 'A' + 10;
   return -1;
 }
 
 std::string lower(std::string s)
 {
   for (auto& c : s)
-    if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    if (c >= 'A' && c <= 'Z')
+      c = char(c - 'A' + 'a');
   return s;
 }
 
@@ -41,14 +47,20 @@ std::string random_guid(std::mt19937_64& rng)
 std::string url_decode(const std::string& text, bool plus_is_space)
 {
   std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
+  for (size_t i = 0; i < text.size(); ++i)
+  {
     char c = text[i];
-    if (c == '+' && plus_is_space) {
+    if (c == '+' && plus_is_space)
+    {
       out += ' ';
-    } else if (c == '%' && i + 2 < text.size() && hex_value(text[i + 1]) >= 0 && hex_value(text[i + 2]) >= 0) {
+    }
+    else if (c == '%' && i + 2 < text.size() && hex_value(text[i + 1]) >= 0 && hex_value(text[i + 2]) >= 0)
+    {
       out += char(hex_value(text[i + 1]) * 16 + hex_value(text[i + 2]));
       i += 2;
-    } else {
+    }
+    else
+    {
       out += c;
     }
   }
@@ -59,23 +71,26 @@ std::map<std::string, std::string> parse_form(const std::string& body)
 {
   std::map<std::string, std::string> out;
   size_t pos = 0;
-  while (pos <= body.size()) {
+  while (pos <= body.size())
+  {
     size_t amp = body.find('&', pos);
     std::string pair = body.substr(pos, amp == std::string::npos ? std::string::npos : amp - pos);
-    if (!pair.empty()) {
+    if (!pair.empty())
+    {
       size_t eq = pair.find('=');
       std::string key = url_decode(pair.substr(0, eq), true);
       std::string value = eq == std::string::npos ? "" : url_decode(pair.substr(eq + 1), true);
       out.emplace(key, value);
     }
-    if (amp == std::string::npos) break;
+    if (amp == std::string::npos)
+      break;
     pos = amp + 1;
   }
   return out;
 }
 
 Token_Service::Token_Service(const Tenant_Config& tenant, int lifetime_seconds)
-    : tenant_(tenant), lifetime_(lifetime_seconds)
+  : tenant_(tenant), lifetime_(lifetime_seconds)
 {
 }
 
@@ -131,7 +146,8 @@ int Token_Service::audience_of_scope(const std::string& scope) const
     return k_audience_ews;
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& base : own_bases_)
-    if (resource == lower(base) || resource == lower(base) + "/") return k_audience_graph | k_audience_ews;
+    if (resource == lower(base) || resource == lower(base) + "/")
+      return k_audience_graph | k_audience_ews;
   return 0;
 }
 
@@ -139,16 +155,21 @@ std::string Token_Service::new_token()
 {
   thread_local std::mt19937_64 rng(std::random_device{}());
   std::string raw;
-  for (int k = 0; k < 5; ++k) {
+  for (int k = 0; k < 5; ++k)
+  {
     uint64_t v = rng();
     raw.append(reinterpret_cast<const char*>(&v), sizeof v);
   }
   std::string token = base64_encode(raw);
-  for (auto& c : token) {  // base64url, no padding
-    if (c == '+') c = '-';
-    if (c == '/') c = '_';
+  for (auto& c : token)
+  {  // base64url, no padding
+    if (c == '+')
+      c = '-';
+    if (c == '/')
+      c = '_';
   }
-  while (!token.empty() && token.back() == '=') token.pop_back();
+  while (!token.empty() && token.back() == '=')
+    token.pop_back();
   return token;
 }
 
@@ -164,11 +185,14 @@ Sim_Reply Token_Service::issue(const std::string& tenant, const std::string& for
   std::string client_id = form["client_id"];
   std::string secret = form["client_secret"];
   // HTTP basic client authentication (client_id:client_secret, each form-encoded).
-  if (authorization.compare(0, 6, "Basic ") == 0) {
+  if (authorization.compare(0, 6, "Basic ") == 0)
+  {
     std::string pair;
-    if (base64_decode(authorization.substr(6), pair)) {
+    if (base64_decode(authorization.substr(6), pair))
+    {
       auto colon = pair.find(':');
-      if (colon != std::string::npos) {
+      if (colon != std::string::npos)
+      {
         client_id = url_decode(pair.substr(0, colon), true);
         secret = url_decode(pair.substr(colon + 1), true);
       }
@@ -176,14 +200,16 @@ Sim_Reply Token_Service::issue(const std::string& tenant, const std::string& for
   }
   if (lower(tenant) != lower(tenant_config.tenant_id) && lower(tenant) != lower(tenant_config.domain))
     return error(400, "invalid_request", 90002,
-                 "Tenant '" + tenant + "' not found. Check to make sure you have the correct tenant ID and are "
-                 "signing into the correct cloud.");
+                 "Tenant '" + tenant +
+                   "' not found. Check to make sure you have the correct tenant ID and are "
+                   "signing into the correct cloud.");
   if (form["grant_type"] != "client_credentials")
-    return error(400, "unsupported_grant_type", 70003, "The app requested an unsupported grant type '" +
-                                                           form["grant_type"] + "'.");
+    return error(400, "unsupported_grant_type", 70003,
+                 "The app requested an unsupported grant type '" + form["grant_type"] + "'.");
   const Registration* reg = nullptr;
   for (const auto& r : tenant_config.registrations)
-    if (lower(r.client_id) == lower(client_id)) reg = &r;
+    if (lower(r.client_id) == lower(client_id))
+      reg = &r;
   if (!reg)
     return error(400, "unauthorized_client", 700016,
                  "Application with identifier '" + client_id + "' was not found in the directory '" + tenant + "'.");
@@ -193,12 +219,14 @@ Sim_Reply Token_Service::issue(const std::string& tenant, const std::string& for
   if (secret != reg->client_secret)
     return error(401, "invalid_client", 7000215,
                  "Invalid client secret provided. Ensure the secret being sent in the request is the client secret "
-                 "value, not the client secret ID, for a secret added to app '" + reg->client_id + "'.");
+                 "value, not the client secret ID, for a secret added to app '" +
+                   reg->client_id + "'.");
   int audience = audience_of_scope(form["scope"]);
   if (audience == 0)
     return error(400, "invalid_scope", 1002012,
-                 "The provided value for scope " + form["scope"] + " is not valid. Client credential flows must have "
-                 "a scope value with /.default suffixed to the resource identifier (application ID URI).");
+                 "The provided value for scope " + form["scope"] +
+                   " is not valid. Client credential flows must have "
+                   "a scope value with /.default suffixed to the resource identifier (application ID URI).");
   std::string token = new_token();
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -219,22 +247,26 @@ Sim_Reply Token_Service::issue(const std::string& tenant, const std::string& for
 
 bool Token_Service::check(const std::string& authorization, int audience, std::string& reason)
 {
-  if (authorization.compare(0, 7, "Bearer ") != 0) {
+  if (authorization.compare(0, 7, "Bearer ") != 0)
+  {
     reason = "Access token is empty.";
     return false;
   }
   std::string token = authorization.substr(7);
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = tokens_.find(token);
-  if (it == tokens_.end()) {
+  if (it == tokens_.end())
+  {
     reason = "Invalid access token.";
     return false;
   }
-  if (it->second.expires < std::chrono::steady_clock::now()) {
+  if (it->second.expires < std::chrono::steady_clock::now())
+  {
     reason = "Lifetime validation failed, the token is expired.";
     return false;
   }
-  if ((it->second.audience & audience) == 0) {
+  if ((it->second.audience & audience) == 0)
+  {
     reason = "Invalid audience.";
     return false;
   }

@@ -11,12 +11,18 @@
 #include "apps/exo-sim/sim_options.h"
 #include "apps/exo-sim/sim_reply.h"
 
-namespace exo_sim {
+namespace exo_sim
+{
 
-enum Token_Audience { k_audience_graph = 1, k_audience_ews = 2 };
+enum Token_Audience
+{
+  k_audience_graph = 1,
+  k_audience_ews = 2
+};
 
-class Token_Service {
- public:
+class Token_Service
+{
+public:
   Token_Service(const Tenant_Config& tenant, int lifetime_seconds);
 
   // Base URLs of this simulator ("http://127.0.0.1:PORT"); a scope naming one of them gets both
@@ -32,8 +38,9 @@ class Token_Service {
   // `reason` says why (never containing the token).
   bool check(const std::string& authorization, int audience, std::string& reason);
 
- private:
-  struct Grant {
+private:
+  struct Grant
+  {
     int audience = 0;
     std::chrono::steady_clock::time_point expires;
   };

@@ -2,7 +2,8 @@
 
 #include <cstring>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 const char* const k_ns_soap = "http://schemas.xmlsoap.org/soap/envelope/";
 const char* const k_ns_messages = "http://schemas.microsoft.com/exchange/services/2006/messages";
@@ -21,9 +22,11 @@ std::string xml_namespace(const pugi::xml_node& node)
   std::string name = node.name();
   auto colon = name.find(':');
   std::string attr = colon == std::string::npos ? "xmlns" : "xmlns:" + name.substr(0, colon);
-  for (pugi::xml_node n = node; n && n.type() == pugi::node_element; n = n.parent()) {
+  for (pugi::xml_node n = node; n && n.type() == pugi::node_element; n = n.parent())
+  {
     pugi::xml_attribute a = n.attribute(attr.c_str());
-    if (a) return a.value();
+    if (a)
+      return a.value();
   }
   return "";
 }
@@ -36,7 +39,8 @@ bool xml_is(const pugi::xml_node& node, const char* ns, const char* local)
 pugi::xml_node xml_child(const pugi::xml_node& parent, const char* ns, const char* local)
 {
   for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling())
-    if (xml_is(c, ns, local)) return c;
+    if (xml_is(c, ns, local))
+      return c;
   return pugi::xml_node();
 }
 
@@ -44,7 +48,8 @@ std::vector<pugi::xml_node> xml_children(const pugi::xml_node& parent, const cha
 {
   std::vector<pugi::xml_node> out;
   for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling())
-    if (xml_is(c, ns, local)) out.push_back(c);
+    if (xml_is(c, ns, local))
+      out.push_back(c);
   return out;
 }
 
@@ -52,7 +57,8 @@ std::vector<pugi::xml_node> xml_elements(const pugi::xml_node& parent)
 {
   std::vector<pugi::xml_node> out;
   for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling())
-    if (c.type() == pugi::node_element) out.push_back(c);
+    if (c.type() == pugi::node_element)
+      out.push_back(c);
   return out;
 }
 

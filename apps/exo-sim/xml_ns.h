@@ -7,7 +7,8 @@
 
 #include <pugixml.hpp>
 
-namespace exo_sim {
+namespace exo_sim
+{
 
 extern const char* const k_ns_soap;
 extern const char* const k_ns_messages;

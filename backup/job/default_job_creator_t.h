@@ -18,14 +18,14 @@ public:
     Job* job = nullptr;
     switch (definition->type())
     {
-      case JOB_DEFINITION_BACKUP:
-        job = new (std::nothrow) Backup_Job(definition);
-        break;
-      case JOB_DEFINITION_RESTORE:
-        job = new (std::nothrow) Restore_Job(definition);
-        break;
-      default:
-        return ACE_Intrusive_Auto_Ptr<Job>();
+    case JOB_DEFINITION_BACKUP:
+      job = new (std::nothrow) Backup_Job(definition);
+      break;
+    case JOB_DEFINITION_RESTORE:
+      job = new (std::nothrow) Restore_Job(definition);
+      break;
+    default:
+      return ACE_Intrusive_Auto_Ptr<Job>();
     }
     if (job == nullptr)
       errno = ENOMEM;

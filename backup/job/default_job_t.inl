@@ -45,9 +45,9 @@ int Default_Job_T<Executor>::start_i(const Action_Options* opts)
   run_opts->job = this;
   if (opts != nullptr)
     run_opts->opts = *opts;
-  const int result = ACE_Thread_Manager::instance()->spawn(
-    &Default_Job_T::run, run_opts, default_job_detail::JOB_THREAD_FLAGS, &thr_id_, nullptr,
-    default_job_detail::JOB_THREAD_PRIORITY, -1);
+  const int result =
+    ACE_Thread_Manager::instance()->spawn(&Default_Job_T::run, run_opts, default_job_detail::JOB_THREAD_FLAGS, &thr_id_,
+                                          nullptr, default_job_detail::JOB_THREAD_PRIORITY, -1);
   if (result == -1)
   {
     delete run_opts;

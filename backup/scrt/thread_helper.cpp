@@ -91,8 +91,7 @@ void Thread_Helper::handle_starting() {}
 void set_thread_name(const char* name, unsigned long thread)
 {
   // Looked up at run time: platforms without thread names simply have no symbol.
-  Set_Name_Function set_name =
-    reinterpret_cast<Set_Name_Function>(::dlsym(RTLD_DEFAULT, "pthread_setname_np"));
+  Set_Name_Function set_name = reinterpret_cast<Set_Name_Function>(::dlsym(RTLD_DEFAULT, "pthread_setname_np"));
   if (set_name == nullptr)
     return;
   int result = set_name(thread, name);

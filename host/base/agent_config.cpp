@@ -18,8 +18,7 @@ std::string string_member(const json& obj, const char* key)
 
 // Flattens {"ews": {"paging_size": 100}} into "ews.paging_size" = 100. Every leaf
 // must be an integer; false (and `error` naming the setting) otherwise.
-bool collect_settings(const json& obj, const std::string& prefix, std::map<std::string, long>& out,
-                      std::string& error)
+bool collect_settings(const json& obj, const std::string& prefix, std::map<std::string, long>& out, std::string& error)
 {
   for (auto it = obj.begin(); it != obj.end(); ++it)
   {
@@ -87,9 +86,8 @@ bool Agent_Config::load_text(const std::string& text, std::string& error)
         return false;
       }
       const std::string password = string_member(a, "password");
-      accounts.push_back(Account{string_member(a, "module"), string_member(a, "type"),
-                                 string_member(a, "uid"), string_member(a, "username"),
-                                 Secure_String(password.begin(), password.end())});
+      accounts.push_back(Account{string_member(a, "module"), string_member(a, "type"), string_member(a, "uid"),
+                                 string_member(a, "username"), Secure_String(password.begin(), password.end())});
     }
   }
   std::map<std::string, long> settings;
@@ -177,8 +175,8 @@ long Agent_Config::setting(const std::string& name, long fallback) const
   return it == settings_.end() ? fallback : it->second;
 }
 
-bool Agent_Config::find_account(const std::string& module, const std::string& type,
-                                const std::string& uid, Account& out) const
+bool Agent_Config::find_account(const std::string& module, const std::string& type, const std::string& uid,
+                                Account& out) const
 {
   ACE_Guard<ACE_Thread_Mutex> guard(lock_);
   for (const Account& a : accounts_)

@@ -48,8 +48,7 @@ public:
   long setting(const std::string& name, long fallback) const;
 
   // The stored account of (module, type, uid); false when there is none.
-  bool find_account(const std::string& module, const std::string& type, const std::string& uid,
-                    Account& out) const;
+  bool find_account(const std::string& module, const std::string& type, const std::string& uid, Account& out) const;
 
 private:
   Agent_Config();

@@ -22,9 +22,9 @@ enum Host_Status_Kind
 struct [[nodiscard]] Host_Status
 {
   Host_Status_Kind kind = HOST_STATUS_OK;
-  std::string code;         // the service's code ("ErrorServerBusy", "HTTP 503", ...), may be empty
-  std::string message;      // what happened, for people
-  long retry_after_ms = -1; // the wait the server asked for, -1 when it gave none
+  std::string code;          // the service's code ("ErrorServerBusy", "HTTP 503", ...), may be empty
+  std::string message;       // what happened, for people
+  long retry_after_ms = -1;  // the wait the server asked for, -1 when it gave none
 
   bool ok() const { return kind == HOST_STATUS_OK; }
   // Worth another attempt after a wait.

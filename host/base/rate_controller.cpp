@@ -3,9 +3,7 @@
 #include <ctime>
 #include <thread>
 
-Rate_Controller::Rate_Controller(const std::vector<Rate_Control_Entry>& entries) : entries_(entries)
-{
-}
+Rate_Controller::Rate_Controller(const std::vector<Rate_Control_Entry>& entries) : entries_(entries) {}
 
 void Rate_Controller::set_entries(const std::vector<Rate_Control_Entry>& entries)
 {
@@ -55,7 +53,7 @@ void Rate_Controller::throttle(size_t bytes)
     if (limit == 0)
       return;
     auto cost = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(static_cast<double>(bytes) / static_cast<double>(limit)));
+      std::chrono::duration<double>(static_cast<double>(bytes) / static_cast<double>(limit)));
     next_free_ += cost;
     wake = next_free_;
   }

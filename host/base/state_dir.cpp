@@ -9,7 +9,7 @@ bool make_dirs(const std::string& dir, unsigned int mode)
 {
   if (dir.empty())
     return false;
-  for (size_t pos = dir.find('/', 1); ; pos = dir.find('/', pos + 1))
+  for (size_t pos = dir.find('/', 1);; pos = dir.find('/', pos + 1))
   {
     const std::string part = dir.substr(0, pos);
     if (::mkdir(part.c_str(), mode) != 0 && errno != EEXIST)

@@ -5,21 +5,18 @@
 #include <nlohmann/json.hpp>
 
 Catalog_Operator::Catalog_Operator(int timeout_seconds, int max_seconds_retry)
-    : timeout_seconds_(timeout_seconds), max_seconds_retry_(max_seconds_retry)
+  : timeout_seconds_(timeout_seconds), max_seconds_retry_(max_seconds_retry)
 {
 }
 
-bool Catalog_Operator::commit(const Exchange_Backup_Set& record)
-{
-  return commit(record.to_json());
-}
+bool Catalog_Operator::commit(const Exchange_Backup_Set& record) { return commit(record.to_json()); }
 
 bool Catalog_Operator::commit(const nlohmann::ordered_json& record)
 {
   created_ = false;
   std::string uuid = record.is_object() && record.contains("uuid") && record["uuid"].is_string()
-                         ? record["uuid"].get<std::string>()
-                         : std::string();
+                       ? record["uuid"].get<std::string>()
+                       : std::string();
   if (uuid.empty())
   {
     error_ = "the record has no uuid";

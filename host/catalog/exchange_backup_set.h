@@ -11,7 +11,7 @@
 // order) is documented in docs/backupd.md; backupd keeps it as committed.
 struct Exchange_Backup_Set
 {
-  std::string uuid;               // the set's own id, new for every backup
+  std::string uuid;  // the set's own id, new for every backup
   std::string module = "exchange";
   std::string resource_uuid;      // the job source id
   std::string minor_resource_id;  // the job definition id
@@ -20,18 +20,18 @@ struct Exchange_Backup_Set
   std::string database;           // on-premises database, empty for Exchange Online
   std::string backup_method;      // "ews", …
   std::string incarnation;
-  std::string pool_uuid;          // the job target
+  std::string pool_uuid;  // the job target
   std::string device_uuid;
-  std::string uri;                // "host id/job definition id" under the pool URL
+  std::string uri;  // "host id/job definition id" under the pool URL
   int rev = 0;
-  std::string agent;              // the stream's agent string
+  std::string agent;  // the stream's agent string
   int channels = 1;
   std::string definition_name;
   std::string definition_uid;
   std::string subtype;
-  std::vector<std::string> files;             // the stream's data files
-  std::vector<std::string> catalogs;          // the stream's catalog files
-  std::vector<std::string> index_files;       // the mailbox index files
+  std::vector<std::string> files;        // the stream's data files
+  std::vector<std::string> catalogs;     // the stream's catalog files
+  std::vector<std::string> index_files;  // the mailbox index files
   std::vector<std::string> failed_mailboxes;
   uint64_t size = 0;
   uint64_t set_size = 0;

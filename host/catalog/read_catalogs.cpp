@@ -14,8 +14,8 @@ bool failed(Host_Status* status, const Host_Status& why)
 }
 }  // namespace
 
-bool read_catalogs(const char* resource, nlohmann::ordered_json& result, int timeout_seconds,
-                   int max_seconds_retry, Host_Status* status)
+bool read_catalogs(const char* resource, nlohmann::ordered_json& result, int timeout_seconds, int max_seconds_retry,
+                   Host_Status* status)
 {
   if (resource == nullptr || resource[0] != '/')
   {

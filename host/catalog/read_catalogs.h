@@ -12,7 +12,7 @@
 // for `max_seconds_retry`. False on failure or when the answer is not JSON;
 // `result` is then left as it was. A failure is logged here (callers need not
 // log it again) and, when `status` is given, classified into it.
-bool read_catalogs(const char* resource, nlohmann::ordered_json& result, int timeout_seconds,
-                   int max_seconds_retry, Host_Status* status = nullptr);
+bool read_catalogs(const char* resource, nlohmann::ordered_json& result, int timeout_seconds, int max_seconds_retry,
+                   Host_Status* status = nullptr);
 
 #endif

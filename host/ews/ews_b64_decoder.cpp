@@ -17,10 +17,7 @@ int sextet(char c)
   return -1;
 }
 
-bool is_space(char c)
-{
-  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 }  // namespace
 
 EWS_b64_Decoder::EWS_b64_Decoder(size_t expected) : bytes_(new std::vector<unsigned char>())
@@ -58,10 +55,7 @@ bool EWS_b64_Decoder::feed(const char* text, size_t len)
   return !failed_;
 }
 
-bool EWS_b64_Decoder::finish() const
-{
-  return !failed_ && symbols_ % 4 == 0 && padding_ <= 2;
-}
+bool EWS_b64_Decoder::finish() const { return !failed_ && symbols_ % 4 == 0 && padding_ <= 2; }
 
 EWS_b64_Data EWS_b64_Decoder::take()
 {

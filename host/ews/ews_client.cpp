@@ -65,7 +65,8 @@ void nest(EWS_Folders& flat, const std::vector<std::string>& parent_ids, EWS_Fol
   }
   // Builds bottom-up so that each folder is moved once, with its subtree complete.
   std::vector<bool> done(flat.size(), false);
-  std::function<void(size_t)> build = [&](size_t i) {
+  std::function<void(size_t)> build = [&](size_t i)
+  {
     for (size_t c : children[i])
     {
       if (done[c])
@@ -125,10 +126,7 @@ void EWS_Client::set_transport(std::unique_ptr<EWS_Transport> transport)
     transport_->set_mailbox(mailbox_);
 }
 
-void EWS_Client::set_log_callback(const std::shared_ptr<ACE_Log_Msg_Callback>& callback)
-{
-  log_callback_ = callback;
-}
+void EWS_Client::set_log_callback(const std::shared_ptr<ACE_Log_Msg_Callback>& callback) { log_callback_ = callback; }
 
 void EWS_Client::cancel()
 {
@@ -145,15 +143,9 @@ void EWS_Client::resume()
   cancelled_ = false;
 }
 
-void EWS_Client::set_cancel_predicate(const std::function<bool()>& predicate)
-{
-  cancel_predicate_ = predicate;
-}
+void EWS_Client::set_cancel_predicate(const std::function<bool()>& predicate) { cancel_predicate_ = predicate; }
 
-bool EWS_Client::cancelled() const
-{
-  return cancelled_ || (cancel_predicate_ && cancel_predicate_());
-}
+bool EWS_Client::cancelled() const { return cancelled_ || (cancel_predicate_ && cancel_predicate_()); }
 
 bool EWS_Client::sleep_unless_cancelled(long ms)
 {
@@ -186,10 +178,7 @@ bool EWS_Client::impersonate(const std::string& mailbox)
   return true;
 }
 
-EWS_Transport_Limits EWS_Client::limits() const
-{
-  return transport_ ? transport_->limits() : EWS_Transport_Limits();
-}
+EWS_Transport_Limits EWS_Client::limits() const { return transport_ ? transport_->limits() : EWS_Transport_Limits(); }
 
 bool EWS_Client::refresh_credentials()
 {
@@ -260,7 +249,8 @@ bool EWS_Client::run(const char* operation, Attempt_T attempt)
   // one minute at most between attempts.
   Retry_Policy policy(EWS_Params::retry_budget(), Retry_Policy::RETRY_TRANSIENT, EWS_Params::retry_base_delay_ms(),
                       60000);
-  const Host_Status cancelled_status = Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the client was cancelled");
+  const Host_Status cancelled_status =
+    Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the client was cancelled");
   bool renewed = false;
   for (;;)
   {
@@ -319,10 +309,12 @@ bool EWS_Client::list_folders_i(const EWS_Folder_Ref& parent, EWS_Folders& out, 
   {
     EWS_Folder_Page page;
     const int size = std::min(EWS_Params::paging_size(), limits().max_page_size);
-    if (!run("FindFolder", [&] {
-          page = EWS_Folder_Page();
-          return transport_->find_folders(parent, !shallow, at, size, page);
-        }))
+    if (!run("FindFolder",
+             [&]
+             {
+               page = EWS_Folder_Page();
+               return transport_->find_folders(parent, !shallow, at, size, page);
+             }))
       return false;
     const size_t got = page.folders.size();
     std::move(page.folders.begin(), page.folders.end(), std::back_inserter(flat));
@@ -351,10 +343,12 @@ bool EWS_Client::list_items(const std::string& folder_id, const EWS_Item_Appende
   {
     EWS_Item_Page page;
     const int max = std::min({limit - got, EWS_Params::paging_size(), limits().max_page_size});
-    if (!run("FindItem", [&] {
-          page = EWS_Item_Page();
-          return transport_->find_items(folder_id, at, max, page);
-        }))
+    if (!run("FindItem",
+             [&]
+             {
+               page = EWS_Item_Page();
+               return transport_->find_items(folder_id, at, max, page);
+             }))
       return false;
     const int count = static_cast<int>(std::min<size_t>(page.items.size(), static_cast<size_t>(limit - got)));
     for (int i = 0; i < count; ++i)
@@ -396,26 +390,28 @@ Host_Status not_answered()
 
 bool EWS_Client::export_batch(EWS_Export_Requests& requests, size_t begin, size_t end)
 {
-  const bool ok = run("ExportItems", [&] {
-    // Sends what is still missing: everything at first, later only the items
-    // that were not answered or were refused for reasons that pass.
-    std::vector<EWS_Export_Request*> pending;
-    for (size_t i = begin; i < end; ++i)
-      if (requests[i].status.retryable())
-      {
-        requests[i].status = not_answered();
-        pending.push_back(&requests[i]);
-      }
-    if (pending.empty())
-      return Host_Status();
-    const Host_Status call = transport_->export_items(pending);
-    if (!call.ok())
-      return call;
-    std::vector<const Host_Status*> statuses;
-    for (const EWS_Export_Request* r : pending)
-      statuses.push_back(&r->status);
-    return pending_status(statuses);
-  });
+  const bool ok = run("ExportItems",
+                      [&]
+                      {
+                        // Sends what is still missing: everything at first, later only the items
+                        // that were not answered or were refused for reasons that pass.
+                        std::vector<EWS_Export_Request*> pending;
+                        for (size_t i = begin; i < end; ++i)
+                          if (requests[i].status.retryable())
+                          {
+                            requests[i].status = not_answered();
+                            pending.push_back(&requests[i]);
+                          }
+                        if (pending.empty())
+                          return Host_Status();
+                        const Host_Status call = transport_->export_items(pending);
+                        if (!call.ok())
+                          return call;
+                        std::vector<const Host_Status*> statuses;
+                        for (const EWS_Export_Request* r : pending)
+                          statuses.push_back(&r->status);
+                        return pending_status(statuses);
+                      });
   if (ok)
     return true;
   // The batch failed as a whole: what is still open fails with it.
@@ -449,8 +445,8 @@ bool EWS_Client::export_items(EWS_Export_Requests& requests)
   {
     if (r.status.retryable() || r.status.ok())
       continue;
-    LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", r.id.c_str(),
-            mailbox_.name.c_str(), r.status.text().c_str());
+    LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", r.id.c_str(), mailbox_.name.c_str(),
+            r.status.text().c_str());
   }
   for (EWS_Export_Request& r : requests)
     if (r.status.retryable())
@@ -467,34 +463,36 @@ bool EWS_Client::create_folder(const std::string& parent_id, EWS_Folder_Creation
   return run("CreateFolder", [&] { return transport_->create_folder(parent, request); });
 }
 
-bool EWS_Client::upload_batch(const std::string& parent_id, const std::vector<ustring>& items, size_t begin,
-                              size_t end, std::vector<Host_Status>& statuses)
+bool EWS_Client::upload_batch(const std::string& parent_id, const std::vector<ustring>& items, size_t begin, size_t end,
+                              std::vector<Host_Status>& statuses)
 {
-  const bool ok = run("UploadItems", [&] {
-    std::vector<const ustring*> pending;
-    std::vector<size_t> where;
-    for (size_t i = begin; i < end; ++i)
-      if (statuses[i].retryable())
-      {
-        pending.push_back(&items[i]);
-        where.push_back(i);
-      }
-    if (pending.empty())
-      return Host_Status();
-    std::vector<EWS_Upload_Result> results;
-    const Host_Status call = transport_->upload_items(parent_id, pending, results);
-    if (!call.ok())
-      return call;
-    std::vector<const Host_Status*> open;
-    for (size_t k = 0; k < where.size(); ++k)
-    {
-      statuses[where[k]] = k < results.size() ? results[k].status : not_answered();
-      if (k < results.size())
-        uploaded_ids_[where[k]] = results[k].id;
-      open.push_back(&statuses[where[k]]);
-    }
-    return pending_status(open);
-  });
+  const bool ok = run("UploadItems",
+                      [&]
+                      {
+                        std::vector<const ustring*> pending;
+                        std::vector<size_t> where;
+                        for (size_t i = begin; i < end; ++i)
+                          if (statuses[i].retryable())
+                          {
+                            pending.push_back(&items[i]);
+                            where.push_back(i);
+                          }
+                        if (pending.empty())
+                          return Host_Status();
+                        std::vector<EWS_Upload_Result> results;
+                        const Host_Status call = transport_->upload_items(parent_id, pending, results);
+                        if (!call.ok())
+                          return call;
+                        std::vector<const Host_Status*> open;
+                        for (size_t k = 0; k < where.size(); ++k)
+                        {
+                          statuses[where[k]] = k < results.size() ? results[k].status : not_answered();
+                          if (k < results.size())
+                            uploaded_ids_[where[k]] = results[k].id;
+                          open.push_back(&statuses[where[k]]);
+                        }
+                        return pending_status(open);
+                      });
   if (ok)
     return true;
   for (size_t i = begin; i < end; ++i)

@@ -44,10 +44,7 @@ EWS_Export_Stream::EWS_Export_Stream(const std::vector<EWS_Export_Request*>& req
   XML_SetCharacterDataHandler(parser_, &EWS_Export_Stream::on_text);
 }
 
-EWS_Export_Stream::~EWS_Export_Stream()
-{
-  XML_ParserFree(parser_);
-}
+EWS_Export_Stream::~EWS_Export_Stream() { XML_ParserFree(parser_); }
 
 bool EWS_Export_Stream::feed(const char* data, size_t len)
 {
@@ -110,8 +107,9 @@ void EWS_Export_Stream::start(const std::string& ns, const std::string& local, c
       message_depth_ = depth_;
       message_ = EWS_Soap_Message();
       message_.response_class = attribute(attributes, "ResponseClass");
-      const size_t expected =
-        answered_ < requests_.size() && requests_[answered_]->size > 0 ? static_cast<size_t>(requests_[answered_]->size) : 0;
+      const size_t expected = answered_ < requests_.size() && requests_[answered_]->size > 0
+                                ? static_cast<size_t>(requests_[answered_]->size)
+                                : 0;
       decoder_.reset(new EWS_b64_Decoder(expected));
       saw_data_ = false;
     }

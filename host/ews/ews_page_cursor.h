@@ -18,10 +18,7 @@ struct EWS_Page_Cursor
     c.offset = offset;
     return c;
   }
-  bool operator==(const EWS_Page_Cursor& other) const
-  {
-    return offset == other.offset && next_link == other.next_link;
-  }
+  bool operator==(const EWS_Page_Cursor& other) const { return offset == other.offset && next_link == other.next_link; }
   bool operator!=(const EWS_Page_Cursor& other) const { return !(*this == other); }
 };
 

@@ -39,56 +39,26 @@ const Param& param(const std::atomic<int>& value)
   return params[0];
 }
 
-int clamped(const Param& p, long long value)
-{
-  return static_cast<int>(std::clamp<long long>(value, p.min, p.max));
-}
+int clamped(const Param& p, long long value) { return static_cast<int>(std::clamp<long long>(value, p.min, p.max)); }
 
-void set(std::atomic<int>& value, long long requested)
-{
-  value = clamped(param(value), requested);
-}
+void set(std::atomic<int>& value, long long requested) { value = clamped(param(value), requested); }
 }  // namespace
 
-int EWS_Params::paging_size()
-{
-  return paging;
-}
+int EWS_Params::paging_size() { return paging; }
 
-int EWS_Params::batch_size()
-{
-  return batch;
-}
+int EWS_Params::batch_size() { return batch; }
 
-int EWS_Params::retry_budget()
-{
-  return budget;
-}
+int EWS_Params::retry_budget() { return budget; }
 
-int EWS_Params::retry_base_delay_ms()
-{
-  return base_delay;
-}
+int EWS_Params::retry_base_delay_ms() { return base_delay; }
 
-void EWS_Params::set_paging_size(int value)
-{
-  set(paging, value);
-}
+void EWS_Params::set_paging_size(int value) { set(paging, value); }
 
-void EWS_Params::set_batch_size(int value)
-{
-  set(batch, value);
-}
+void EWS_Params::set_batch_size(int value) { set(batch, value); }
 
-void EWS_Params::set_retry_budget(int seconds)
-{
-  set(budget, seconds);
-}
+void EWS_Params::set_retry_budget(int seconds) { set(budget, seconds); }
 
-void EWS_Params::set_retry_base_delay_ms(int ms)
-{
-  set(base_delay, ms);
-}
+void EWS_Params::set_retry_base_delay_ms(int ms) { set(base_delay, ms); }
 
 bool EWS_Params::configure(const nlohmann::ordered_json& ews, std::string& error)
 {
@@ -110,9 +80,10 @@ bool EWS_Params::configure(const nlohmann::ordered_json& ews, std::string& error
   {
     const auto it = ews.find(p.key);
     if (it != ews.end())
-      *p.value = clamped(p, it->is_number_unsigned()
-                              ? static_cast<long long>(std::min<unsigned long long>(it->get<unsigned long long>(), p.max))
-                              : it->get<long long>());
+      *p.value =
+        clamped(p, it->is_number_unsigned()
+                     ? static_cast<long long>(std::min<unsigned long long>(it->get<unsigned long long>(), p.max))
+                     : it->get<long long>());
   }
   return true;
 }

@@ -5,7 +5,6 @@
 #include "host/ews/ews_xml.h"
 #include "host/http/http_status.h"
 
-
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
@@ -82,7 +81,6 @@ EWS_Item read_item(const pugi::xml_node& element)
   return item;
 }
 
-
 std::string basic_credentials(const EWS_Credentials& c)
 {
   const std::string pair = c.user + ":" + c.password;
@@ -91,7 +89,8 @@ std::string basic_credentials(const EWS_Credentials& c)
 }  // namespace
 
 EWS_Soap_Transport::EWS_Soap_Transport(const HTTP_Session_Ptr& session, const std::string& path, int transfer_timeout)
-  : session_(session), path_(path.empty() ? "/EWS/Exchange.asmx" : path),
+  : session_(session),
+    path_(path.empty() ? "/EWS/Exchange.asmx" : path),
     transfer_timeout_(transfer_timeout > 0 ? transfer_timeout : 300)
 {
 }
@@ -99,8 +98,8 @@ EWS_Soap_Transport::EWS_Soap_Transport(const HTTP_Session_Ptr& session, const st
 EWS_Transport_Limits EWS_Soap_Transport::limits() const
 {
   EWS_Transport_Limits l;
-  l.max_page_size = 1000;      // EWSFindCountLimit: a larger page has no effect
-  l.max_export_items = 100;    // Microsoft's recommended cap for ExportItems
+  l.max_page_size = 1000;    // EWSFindCountLimit: a larger page has no effect
+  l.max_export_items = 100;  // Microsoft's recommended cap for ExportItems
   l.max_upload_items = 100;
   l.max_request_bytes = max_request_bytes;
   return l;
@@ -318,16 +317,18 @@ Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Reques
   bool cancelled = false;
   HTTP_Response response;
   // Only a 2xx body reaches the sink; a fault's body stays in response.body().
-  response.set_body_sink([&](const char* data, size_t size, long) {
-    if (cancel_check_ && cancel_check_())
+  response.set_body_sink(
+    [&](const char* data, size_t size, long)
     {
-      cancelled = true;
-      return false;
-    }
-    // Past a damaged spot the rest is read and dropped; the items before it stand.
-    stream.feed(data, size);
-    return true;
-  });
+      if (cancel_check_ && cancel_check_())
+      {
+        cancelled = true;
+        return false;
+      }
+      // Past a damaged spot the rest is read and dropped; the items before it stand.
+      stream.feed(data, size);
+      return true;
+    });
   const bool sent = session_->perform(http, response);
   http.headers().clear();
   if (cancelled)

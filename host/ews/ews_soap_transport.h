@@ -55,8 +55,7 @@ private:
   // item data in the request lengthen its time limit.
   Host_Status call(const pugi::xml_document& request, const char* operation, pugi::xml_document& answer,
                    pugi::xml_node& messages, long long bytes = 0);
-  Host_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer,
-                                bool parsed) const;
+  Host_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer, bool parsed) const;
 
   HTTP_Session_Ptr session_;
   std::string path_;

@@ -66,10 +66,10 @@ struct EWS_Mailbox
 // A single item larger than `max_request_bytes` still goes, alone.
 struct EWS_Transport_Limits
 {
-  int max_page_size = 1000;             // items or folders per listing page
-  int max_export_items = 100;           // item ids per export request
-  int max_upload_items = 100;           // items per upload request
-  long long max_request_bytes = 0;      // item bytes per export or upload request
+  int max_page_size = 1000;         // items or folders per listing page
+  int max_export_items = 100;       // item ids per export request
+  int max_upload_items = 100;       // items per upload request
+  long long max_request_bytes = 0;  // item bytes per export or upload request
 };
 
 // The result of uploading one item: its new id, or why it was refused.

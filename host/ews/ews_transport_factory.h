@@ -11,9 +11,9 @@
 // What a transport needs to reach its service.
 struct EWS_Transport_Settings
 {
-  std::string endpoint;     // the service URL (for SOAP the EWS URL)
-  int connect_timeout = 120;  // seconds
-  int transfer_timeout = 300; // seconds for a request carrying no item data
+  std::string endpoint;        // the service URL (for SOAP the EWS URL)
+  int connect_timeout = 120;   // seconds
+  int transfer_timeout = 300;  // seconds for a request carrying no item data
 };
 
 // Makes transports by name. "ews" (EWS over SOAP) is always known; other

@@ -3,16 +3,16 @@
 namespace
 {
 const char* const distinguished_names[] = {
-  "calendar", "contacts", "deleteditems", "drafts",   "inbox",        "journal",      "notes",         "outbox",
-  "sentitems", "tasks",   "msgfolderroot", "publicfoldersroot", "root", "junkemail", "searchfolders", "voicemail",
+  "calendar", "contacts",  "deleteditems",  "drafts",    "inbox",         "journal",
+  "notes",    "outbox",    "sentitems",     "tasks",     "msgfolderroot", "publicfoldersroot",
+  "root",     "junkemail", "searchfolders", "voicemail",
 };
 
 const char* const folder_elements[] = {"Folder", "CalendarFolder", "ContactsFolder", "SearchFolder", "TasksFolder"};
 
 const char* const item_elements[] = {
-  "Item",       "Message",         "CalendarItem",    "Contact",
-  "DistributionList", "MeetingMessage", "MeetingRequest", "MeetingResponse",
-  "MeetingCancellation", "Task",   "PostItem",
+  "Item",           "Message",         "CalendarItem",        "Contact", "DistributionList", "MeetingMessage",
+  "MeetingRequest", "MeetingResponse", "MeetingCancellation", "Task",    "PostItem",
 };
 }  // namespace
 

@@ -13,17 +13,15 @@ struct Kept_Mark
 };
 
 const Kept_Mark kept_marks[] = {
-  {':', HTTP_KEEP_COLON},        {'(', HTTP_KEEP_LEFT_PAREN},   {')', HTTP_KEEP_RIGHT_PAREN},
-  {'\'', HTTP_KEEP_APOSTROPHE},  {'*', HTTP_KEEP_ASTERISK},     {'!', HTTP_KEEP_EXCLAMATION},
-  {'#', HTTP_KEEP_HASH},         {'$', HTTP_KEEP_DOLLAR},       {'&', HTTP_KEEP_AMPERSAND},
-  {'+', HTTP_KEEP_PLUS},         {',', HTTP_KEEP_COMMA},        {';', HTTP_KEEP_SEMICOLON},
-  {'=', HTTP_KEEP_EQUALS},       {'?', HTTP_KEEP_QUESTION},     {'@', HTTP_KEEP_AT},
+  {':', HTTP_KEEP_COLON},     {'(', HTTP_KEEP_LEFT_PAREN},  {')', HTTP_KEEP_RIGHT_PAREN}, {'\'', HTTP_KEEP_APOSTROPHE},
+  {'*', HTTP_KEEP_ASTERISK},  {'!', HTTP_KEEP_EXCLAMATION}, {'#', HTTP_KEEP_HASH},        {'$', HTTP_KEEP_DOLLAR},
+  {'&', HTTP_KEEP_AMPERSAND}, {'+', HTTP_KEEP_PLUS},        {',', HTTP_KEEP_COMMA},       {';', HTTP_KEEP_SEMICOLON},
+  {'=', HTTP_KEEP_EQUALS},    {'?', HTTP_KEEP_QUESTION},    {'@', HTTP_KEEP_AT},
 };
 
 bool is_unreserved(unsigned char c)
 {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '_' || c == '.';
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
 }
 
 bool is_kept(unsigned char c, unsigned int flags)
@@ -72,21 +70,21 @@ bool http_encode_string_i(const char* text, int mode, std::string& out)
   unsigned int flags = 0;
   switch (mode)
   {
-    case HTTP_ENCODE_MODE_NAME:
-      flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX;
-      break;
-    case HTTP_ENCODE_MODE_PATH:
-      flags = HTTP_ENCODE_UPPER_HEX;
-      break;
-    case HTTP_ENCODE_MODE_QUERY_COMPONENT:
-      flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX;
-      break;
-    case HTTP_ENCODE_MODE_FORM:
-      flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX | HTTP_ENCODE_SPACE_AS_PLUS;
-      break;
-    default:
-      out.clear();
-      return false;
+  case HTTP_ENCODE_MODE_NAME:
+    flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX;
+    break;
+  case HTTP_ENCODE_MODE_PATH:
+    flags = HTTP_ENCODE_UPPER_HEX;
+    break;
+  case HTTP_ENCODE_MODE_QUERY_COMPONENT:
+    flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX;
+    break;
+  case HTTP_ENCODE_MODE_FORM:
+    flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX | HTTP_ENCODE_SPACE_AS_PLUS;
+    break;
+  default:
+    out.clear();
+    return false;
   }
   return http_encode_string(text, text ? std::strlen(text) : 0, flags, out);
 }

@@ -29,7 +29,7 @@ const std::string* HTTP_Headers::get(const std::string& name) const
 
 void HTTP_Headers::remove(const std::string& name)
 {
-  fields_.erase(std::remove_if(fields_.begin(), fields_.end(),
-                               [&](const Field& f) { return same_name(f.first, name); }),
-                fields_.end());
+  fields_.erase(
+    std::remove_if(fields_.begin(), fields_.end(), [&](const Field& f) { return same_name(f.first, name); }),
+    fields_.end());
 }

@@ -4,10 +4,7 @@
 
 #include <cstring>
 
-HTTP_Query_String_Iterator::HTTP_Query_String_Iterator(const char* query) : next_(nullptr), rest_(query)
-{
-  advance();
-}
+HTTP_Query_String_Iterator::HTTP_Query_String_Iterator(const char* query) : next_(nullptr), rest_(query) { advance(); }
 
 HTTP_Query_String_Iterator& HTTP_Query_String_Iterator::operator++()
 {

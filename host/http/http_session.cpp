@@ -114,28 +114,28 @@ Http_Transport_Error classify(CURLcode code)
 {
   switch (code)
   {
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-      return HTTP_TRANSPORT_CONNECT;
-    case CURLE_GOT_NOTHING:
-    case CURLE_RECV_ERROR:
-    case CURLE_SEND_ERROR:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM:
-      return HTTP_TRANSPORT_DROPPED;
-    case CURLE_OPERATION_TIMEDOUT:
-      return HTTP_TRANSPORT_TIMEOUT;
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CACERT_BADFILE:
-      return HTTP_TRANSPORT_TLS;
-    case CURLE_ABORTED_BY_CALLBACK:
-    case CURLE_WRITE_ERROR:
-    case CURLE_READ_ERROR:
-      return HTTP_TRANSPORT_ABORTED;
-    default:
-      return HTTP_TRANSPORT_OTHER;
+  case CURLE_COULDNT_RESOLVE_HOST:
+  case CURLE_COULDNT_CONNECT:
+    return HTTP_TRANSPORT_CONNECT;
+  case CURLE_GOT_NOTHING:
+  case CURLE_RECV_ERROR:
+  case CURLE_SEND_ERROR:
+  case CURLE_PARTIAL_FILE:
+  case CURLE_HTTP2:
+  case CURLE_HTTP2_STREAM:
+    return HTTP_TRANSPORT_DROPPED;
+  case CURLE_OPERATION_TIMEDOUT:
+    return HTTP_TRANSPORT_TIMEOUT;
+  case CURLE_SSL_CONNECT_ERROR:
+  case CURLE_PEER_FAILED_VERIFICATION:
+  case CURLE_SSL_CACERT_BADFILE:
+    return HTTP_TRANSPORT_TLS;
+  case CURLE_ABORTED_BY_CALLBACK:
+  case CURLE_WRITE_ERROR:
+  case CURLE_READ_ERROR:
+    return HTTP_TRANSPORT_ABORTED;
+  default:
+    return HTTP_TRANSPORT_OTHER;
   }
 }
 
@@ -143,14 +143,14 @@ const char* method_name(int method)
 {
   switch (method)
   {
-    case HTTP_METHOD_POST:
-      return "POST";
-    case HTTP_METHOD_PUT:
-      return "PUT";
-    case HTTP_METHOD_DELETE:
-      return "DELETE";
-    default:
-      return "GET";
+  case HTTP_METHOD_POST:
+    return "POST";
+  case HTTP_METHOD_PUT:
+    return "PUT";
+  case HTTP_METHOD_DELETE:
+    return "DELETE";
+  default:
+    return "GET";
   }
 }
 }  // namespace
@@ -164,10 +164,7 @@ HTTP_Session::HTTP_Session(const Settings& settings) : settings_(settings)
   curl_ = curl_easy_init();
 }
 
-const char* HTTP_Session::user_agent()
-{
-  return "exchange-online-backup/1.0";
-}
+const char* HTTP_Session::user_agent() { return "exchange-online-backup/1.0"; }
 
 HTTP_Session::~HTTP_Session()
 {
@@ -230,7 +227,8 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
     curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl_, CURLOPT_READFUNCTION, read_body);
     curl_easy_setopt(curl_, CURLOPT_READDATA, &transfer);
-    const int64_t size = request.body_source() ? request.body_source_size() : static_cast<int64_t>(request.body().size());
+    const int64_t size =
+      request.body_source() ? request.body_source_size() : static_cast<int64_t>(request.body().size());
     if (size >= 0)
       curl_easy_setopt(curl_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
   }

@@ -13,12 +13,12 @@ typedef void CURL;
 enum Http_Transport_Error
 {
   HTTP_TRANSPORT_OK = 0,
-  HTTP_TRANSPORT_CONNECT = 1,   // could not connect or resolve
-  HTTP_TRANSPORT_DROPPED = 2,   // connection closed or reset before a full answer
-  HTTP_TRANSPORT_TIMEOUT = 3,   // the transfer time limit ran out
-  HTTP_TRANSPORT_TLS = 4,       // certificate or handshake failure
+  HTTP_TRANSPORT_CONNECT = 1,  // could not connect or resolve
+  HTTP_TRANSPORT_DROPPED = 2,  // connection closed or reset before a full answer
+  HTTP_TRANSPORT_TIMEOUT = 3,  // the transfer time limit ran out
+  HTTP_TRANSPORT_TLS = 4,      // certificate or handshake failure
   HTTP_TRANSPORT_OTHER = 5,
-  HTTP_TRANSPORT_ABORTED = 6,   // a body source or sink stopped the transfer
+  HTTP_TRANSPORT_ABORTED = 6,  // a body source or sink stopped the transfer
 };
 
 // One HTTP connection to one server (scheme, host, port) on libcurl: the only

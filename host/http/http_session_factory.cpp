@@ -43,9 +43,9 @@ HTTP_Session_Ptr HTTP_Session_Factory::create(const URI& server, const Session_O
   return make_session(server.host(false), server.port(), server.is_ssl(), options, error);
 }
 
-HTTP_Session_Ptr HTTP_Session_Factory::create(const std::string& host, int port, bool ssl, const char* proxy,
-                                              int, ACE_SSL_Context*, bool, int connect_timeout,
-                                              int transfer_timeout, int, unsigned)
+HTTP_Session_Ptr HTTP_Session_Factory::create(const std::string& host, int port, bool ssl, const char* proxy, int,
+                                              ACE_SSL_Context*, bool, int connect_timeout, int transfer_timeout, int,
+                                              unsigned)
 {
   if (proxy && *proxy)
   {
@@ -68,10 +68,7 @@ HTTP_Session_Ptr HTTP_Session_Factory::create(const std::string& host, int port,
   return create(host, port, ssl, nullptr, 3, nullptr, false, connect_timeout, transfer_timeout, 0, 0);
 }
 
-void HTTP_Session_Factory::allow_plain_http(bool allow)
-{
-  plain_http_allowed = allow;
-}
+void HTTP_Session_Factory::allow_plain_http(bool allow) { plain_http_allowed = allow; }
 
 void HTTP_Session_Factory::set_ca_file(const std::string& path)
 {

@@ -17,8 +17,8 @@ class HTTP_Session_Factory
 public:
   struct Session_Options
   {
-    int connect_timeout = 120;  // seconds; 0 or less: 120
-    int transfer_timeout = 120; // seconds; 0 or less: 120
+    int connect_timeout = 120;   // seconds; 0 or less: 120
+    int transfer_timeout = 120;  // seconds; 0 or less: 120
     bool allow_plain_http = false;
   };
 

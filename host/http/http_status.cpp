@@ -25,16 +25,16 @@ Host_Status http_transport_status(const HTTP_Session& session)
 {
   switch (session.transport_error())
   {
-    case HTTP_TRANSPORT_OK:
-      return Host_Status::success();
-    case HTTP_TRANSPORT_CONNECT:
-    case HTTP_TRANSPORT_DROPPED:
-    case HTTP_TRANSPORT_TIMEOUT:
-      return Host_Status::make(HOST_STATUS_TRANSIENT, "connection", session.error());
-    case HTTP_TRANSPORT_ABORTED:
-      return Host_Status::make(HOST_STATUS_CANCELLED, "connection", session.error());
-    default:
-      return Host_Status::make(HOST_STATUS_PERMANENT, "connection", session.error());
+  case HTTP_TRANSPORT_OK:
+    return Host_Status::success();
+  case HTTP_TRANSPORT_CONNECT:
+  case HTTP_TRANSPORT_DROPPED:
+  case HTTP_TRANSPORT_TIMEOUT:
+    return Host_Status::make(HOST_STATUS_TRANSIENT, "connection", session.error());
+  case HTTP_TRANSPORT_ABORTED:
+    return Host_Status::make(HOST_STATUS_CANCELLED, "connection", session.error());
+  default:
+    return Host_Status::make(HOST_STATUS_PERMANENT, "connection", session.error());
   }
 }
 

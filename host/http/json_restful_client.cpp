@@ -10,20 +10,20 @@ const char* header_name(int id)
 {
   switch (id)
   {
-    case HTTP_HEADER_ACCEPT:
-      return "Accept";
-    case HTTP_HEADER_CONTENT_TYPE:
-      return "Content-Type";
-    case HTTP_HEADER_USER_AGENT:
-      return "User-Agent";
-    case HTTP_HEADER_ACCEPT_LANGUAGE:
-      return "Accept-Language";
-    case HTTP_HEADER_CONNECTION:
-      return "Connection";
-    case HTTP_HEADER_AUTHORIZATION:
-      return "Authorization";
-    default:
-      return nullptr;
+  case HTTP_HEADER_ACCEPT:
+    return "Accept";
+  case HTTP_HEADER_CONTENT_TYPE:
+    return "Content-Type";
+  case HTTP_HEADER_USER_AGENT:
+    return "User-Agent";
+  case HTTP_HEADER_ACCEPT_LANGUAGE:
+    return "Accept-Language";
+  case HTTP_HEADER_CONNECTION:
+    return "Connection";
+  case HTTP_HEADER_AUTHORIZATION:
+    return "Authorization";
+  default:
+    return nullptr;
   }
 }
 
@@ -37,10 +37,7 @@ JSON_RESTful_Client::JSON_RESTful_Client(bool accept_json)
     standing_[HTTP_HEADER_ACCEPT] = "application/json";
 }
 
-void JSON_RESTful_Client::reset(const HTTP_Session_Ptr& session)
-{
-  session_ = session;
-}
+void JSON_RESTful_Client::reset(const HTTP_Session_Ptr& session) { session_ = session; }
 
 void JSON_RESTful_Client::set_header(int id, const char* value)
 {
@@ -52,10 +49,7 @@ void JSON_RESTful_Client::set_header(int id, const char* value)
     standing_[id] = value;
 }
 
-bool JSON_RESTful_Client::get(HTTP_Request& request, nlohmann::ordered_json* value)
-{
-  return send(request, value);
-}
+bool JSON_RESTful_Client::get(HTTP_Request& request, nlohmann::ordered_json* value) { return send(request, value); }
 
 bool JSON_RESTful_Client::post(HTTP_Request& request, const std::string& body, const char* content_type,
                                nlohmann::ordered_json* value)

@@ -4,8 +4,10 @@
 #include <thread>
 
 Retry_Policy::Retry_Policy(int max_seconds, Scope scope, long base_delay_ms, long max_delay_ms)
-  : deadline_(Clock::now() + std::chrono::seconds(std::max(max_seconds, 0))), scope_(scope),
-    delay_ms_(std::max(1L, base_delay_ms)), max_delay_ms_(std::max(1L, max_delay_ms)),
+  : deadline_(Clock::now() + std::chrono::seconds(std::max(max_seconds, 0))),
+    scope_(scope),
+    delay_ms_(std::max(1L, base_delay_ms)),
+    max_delay_ms_(std::max(1L, max_delay_ms)),
     single_attempt_(max_seconds <= 0)
 {
 }

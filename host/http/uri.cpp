@@ -19,10 +19,7 @@ std::string URI::origin() const
   return text;
 }
 
-bool URI::is_loopback() const
-{
-  return is_loopback_host(host_);
-}
+bool URI::is_loopback() const { return is_loopback_host(host_); }
 
 bool is_loopback_host(const std::string& host)
 {

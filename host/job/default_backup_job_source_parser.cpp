@@ -69,8 +69,7 @@ bool Default_Backup_Job_Source_Parser::handle_string_i(const char* text, size_t 
   {
     if (!Default_Backup_Job_Source::valid_entry(value))
     {
-      LOG_MSG(LM_ERROR, "Invalid backup source entry '%s': expected '<kind>://<instance>/<name>'.\n",
-              value.c_str());
+      LOG_MSG(LM_ERROR, "Invalid backup source entry '%s': expected '<kind>://<instance>/<name>'.\n", value.c_str());
       err_ = 10;
       return false;
     }
@@ -88,10 +87,17 @@ bool Default_Backup_Job_Source_Parser::store_top_level(const std::string& value)
   State& top = states_.back();
   switch (top.key)
   {
-    case 0: return true;
-    case KEY_ID: source_->id(value); break;
-    case KEY_NAME: source_->name(value); break;
-    default: err_ = 9; return false;
+  case 0:
+    return true;
+  case KEY_ID:
+    source_->id(value);
+    break;
+  case KEY_NAME:
+    source_->name(value);
+    break;
+  default:
+    err_ = 9;
+    return false;
   }
   top.masks |= top.key;
   return true;

@@ -57,8 +57,7 @@ int wait_exit_status(pid_t pid)
 }
 }  // namespace
 
-bool execute_script(const std::string& script, bool background,
-                    std::shared_ptr<ACE_Log_Msg_Callback> callback)
+bool execute_script(const std::string& script, bool background, std::shared_ptr<ACE_Log_Msg_Callback> callback)
 {
   if (script.empty())
     return true;

@@ -11,7 +11,6 @@
 // script exits with status 0; an empty script succeeds without running anything.
 // `background` true starts the script and returns at once (true when it started);
 // its output then goes nowhere.
-bool execute_script(const std::string& script, bool background,
-                    std::shared_ptr<ACE_Log_Msg_Callback> callback);
+bool execute_script(const std::string& script, bool background, std::shared_ptr<ACE_Log_Msg_Callback> callback);
 
 #endif

@@ -14,8 +14,8 @@ public:
 
   // Fills `username` and `password` with the account stored for (module, type,
   // uid). Answers 0, or -1 when there is none. `reserved` must be null.
-  int get_account(const std::string& module, const std::string& type, const std::string& uid,
-                  std::string& username, Secure_String& password, void* reserved);
+  int get_account(const std::string& module, const std::string& type, const std::string& uid, std::string& username,
+                  Secure_String& password, void* reserved);
 };
 
 #endif

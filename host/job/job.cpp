@@ -29,15 +29,17 @@ Job::Job(Job_Definition_var definition)
 {
   log_callback_ = std::make_shared<Job_Log_Callback>(job_log_file(*definition_));
   // Reports may come from several channel threads; the figures only grow.
-  log_callback_->set_progress_sink([this](uint64_t files, uint64_t bytes) {
-    Job_Activity& act = activity();
-    for (uint64_t seen = act.items_done; files > seen && !act.items_done.compare_exchange_weak(seen, files);)
+  log_callback_->set_progress_sink(
+    [this](uint64_t files, uint64_t bytes)
     {
-    }
-    for (uint64_t seen = act.bytes_done; bytes > seen && !act.bytes_done.compare_exchange_weak(seen, bytes);)
-    {
-    }
-  });
+      Job_Activity& act = activity();
+      for (uint64_t seen = act.items_done; files > seen && !act.items_done.compare_exchange_weak(seen, files);)
+      {
+      }
+      for (uint64_t seen = act.bytes_done; bytes > seen && !act.bytes_done.compare_exchange_weak(seen, bytes);)
+      {
+      }
+    });
 }
 
 Job::~Job() {}
@@ -140,7 +142,4 @@ int Job::update_i(Job_Definition_var) { return 0; }
 int Job::rollback_i() { return -1; }
 int Job::abort_i() { return -1; }
 
-std::shared_ptr<ACE_Log_Msg_Callback> Job_log_msg_callback(const Job& job)
-{
-  return job.log_msg_callback();
-}
+std::shared_ptr<ACE_Log_Msg_Callback> Job_log_msg_callback(const Job& job) { return job.log_msg_callback(); }

@@ -30,8 +30,7 @@ ACE_Log_Priority alert_priority(int level)
 }
 }  // namespace
 
-int write_job_alert(const Job* job, int level, uint64_t code, uint64_t code2,
-                    const nlohmann::ordered_json& params)
+int write_job_alert(const Job* job, int level, uint64_t code, uint64_t code2, const nlohmann::ordered_json& params)
 {
   nlohmann::ordered_json alert;
   alert["time"] = static_cast<int64_t>(ACE_OS::time());

@@ -13,7 +13,6 @@ class Job;
 //    "code": "0x7000003050000006", "code2": "0x0", "params": [...]}
 // `params` is null or an array of texts. Answers 0, or -1 when the alert could
 // not be stored (it is still logged).
-int write_job_alert(const Job* job, int level, uint64_t code, uint64_t code2,
-                    const nlohmann::ordered_json& params);
+int write_job_alert(const Job* job, int level, uint64_t code, uint64_t code2, const nlohmann::ordered_json& params);
 
 #endif

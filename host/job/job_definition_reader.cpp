@@ -255,8 +255,7 @@ bool Job_Definition_Reader::read_text(const std::string& text, Job_Definition_va
 }
 
 template <typename T>
-bool Job_Definition_Reader::parse_module_object(Parser_Creator* creator, const char* what,
-                                                const std::string& text,
+bool Job_Definition_Reader::parse_module_object(Parser_Creator* creator, const char* what, const std::string& text,
                                                 typename YAJL_Parser<T>::Result_var& out)
 {
   if (creator == nullptr)

@@ -30,10 +30,7 @@ Job_Log_Callback::~Job_Log_Callback()
     std::fclose(file_);
 }
 
-void Job_Log_Callback::log(ACE_Log_Record& record)
-{
-  write(record.type(), record.msg_data());
-}
+void Job_Log_Callback::log(ACE_Log_Record& record) { write(record.type(), record.msg_data()); }
 
 std::string Job_Log_Callback::last_error() const
 {

@@ -9,10 +9,14 @@ struct Schedule_Name
 };
 
 const Schedule_Name schedule_names[] = {
-  {"none", Job_Schedule::TYPE_NONE},         {"once", Job_Schedule::TYPE_ONCE},
-  {"hourly", Job_Schedule::TYPE_HOURLY},     {"daily", Job_Schedule::TYPE_DAILY},
-  {"weekly", Job_Schedule::TYPE_WEEKLY},     {"monthly", Job_Schedule::TYPE_MONTHLY},
-  {"continuous", Job_Schedule::TYPE_CONTINUOUS}, {"ondemand", Job_Schedule::TYPE_ONDEMAND},
+  {"none", Job_Schedule::TYPE_NONE},
+  {"once", Job_Schedule::TYPE_ONCE},
+  {"hourly", Job_Schedule::TYPE_HOURLY},
+  {"daily", Job_Schedule::TYPE_DAILY},
+  {"weekly", Job_Schedule::TYPE_WEEKLY},
+  {"monthly", Job_Schedule::TYPE_MONTHLY},
+  {"continuous", Job_Schedule::TYPE_CONTINUOUS},
+  {"ondemand", Job_Schedule::TYPE_ONDEMAND},
 };
 }  // namespace
 

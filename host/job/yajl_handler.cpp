@@ -23,9 +23,8 @@ int on_start_array(void* ctx) { return self(ctx)->handle_start_array_i(); }
 int on_end_array(void* ctx) { return self(ctx)->handle_end_array_i(); }
 
 // Numbers are handed over as text so that each parser applies its own limits.
-const yajl_callbacks callbacks = {on_null,      on_boolean, nullptr,        nullptr,      on_number,
-                                  on_string,    on_start_map, on_map_key,   on_end_map,   on_start_array,
-                                  on_end_array};
+const yajl_callbacks callbacks = {on_null,      on_boolean, nullptr,    nullptr,        on_number,   on_string,
+                                  on_start_map, on_map_key, on_end_map, on_start_array, on_end_array};
 }  // namespace
 
 YAJL_Handler::YAJL_Handler() : err_(0) {}
@@ -49,8 +48,8 @@ int YAJL_Handler::parse(const char* text, size_t len)
   int result = 0;
   if (status == yajl_status_client_canceled)
   {
-    error_ = err_ != 0 ? "rejected by the parser (error " + std::to_string(err_) + ")"
-                       : std::string("rejected by the parser");
+    error_ =
+      err_ != 0 ? "rejected by the parser (error " + std::to_string(err_) + ")" : std::string("rejected by the parser");
     result = -1;
   }
   else if (status != yajl_status_ok)

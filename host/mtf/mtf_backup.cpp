@@ -17,7 +17,7 @@ unsigned short compression_to_mtf(Compression_Method method)
 
 MTF_Backup::MTF_Backup(const MTF_Metadata& metadata, MTF::Event_Handler& handler,
                        std::shared_ptr<ACE_Log_Msg_Callback> log_callback)
-    : metadata_(metadata), handler_(handler), log_callback_(std::move(log_callback))
+  : metadata_(metadata), handler_(handler), log_callback_(std::move(log_callback))
 {
 }
 
@@ -31,10 +31,7 @@ void MTF_Backup::add_source(const std::string& name, const std::string& path)
   sources_.push_back(entry);
 }
 
-std::string MTF_Backup::catalog_name() const
-{
-  return MTF_Set_Catalog::catalog_name(rev());
-}
+std::string MTF_Backup::catalog_name() const { return MTF_Set_Catalog::catalog_name(rev()); }
 
 bool MTF_Backup::next_source(MTF::source_entry& entry)
 {
@@ -225,8 +222,7 @@ int MTF_Backup::finish(const std::string& location)
   Client_IO_Ex io;
   if (!io.open(location, options_) || !io.put_contents(catalog_name(), text, true))
   {
-    LOG_MSG(LM_ERROR, "Failed to store the catalog file '%s': %s\n", catalog_name().c_str(),
-            io.last_error().c_str());
+    LOG_MSG(LM_ERROR, "Failed to store the catalog file '%s': %s\n", catalog_name().c_str(), io.last_error().c_str());
     for (const MTF_Set_Catalog::Data_File& f : catalog.files)
       io.remove(f.name);
     return -1;
@@ -252,7 +248,7 @@ int MTF_Backup::finish(const std::string& location)
   summary_.set(bytes_done_, set_size, stored, files, dirs, failed, skipped);
   handler_.handle_progress(100, bytes_done_, bytes_done_, files);
   LOG_MSG(LM_INFO, "Backup set revision %d written: %Q files, %Q bytes, %Q stored, %Q failed.\n", rev(),
-          static_cast<ACE_UINT64>(files), static_cast<ACE_UINT64>(summary_.size()),
-          static_cast<ACE_UINT64>(stored), static_cast<ACE_UINT64>(failed));
+          static_cast<ACE_UINT64>(files), static_cast<ACE_UINT64>(summary_.size()), static_cast<ACE_UINT64>(stored),
+          static_cast<ACE_UINT64>(failed));
   return 0;
 }

@@ -10,7 +10,7 @@
 
 MTF_Backup_Channel::MTF_Backup_Channel(MTF_Backup& owner, unsigned index, const std::string& location,
                                        const Client_IO_Base::Options& options, int zstd_level, int rev)
-    : owner_(owner), index_(index), location_(location), options_(options), rev_(rev)
+  : owner_(owner), index_(index), location_(location), options_(options), rev_(rev)
 {
   data_name_ = MTF_Set_Catalog::data_name(rev, index, zstd_level > 0);
   writer_.reset(new MTF_Writer([this](const char* data, size_t len) { return io_.write(data, len); }, zstd_level));
@@ -22,10 +22,7 @@ MTF_Backup_Channel::~MTF_Backup_Channel()
   abort();
 }
 
-void MTF_Backup_Channel::start()
-{
-  thread_ = std::thread(&MTF_Backup_Channel::run, this);
-}
+void MTF_Backup_Channel::start() { thread_ = std::thread(&MTF_Backup_Channel::run, this); }
 
 void MTF_Backup_Channel::join()
 {
@@ -302,16 +299,15 @@ bool MTF_Backup_Channel::backup_file(const std::string& path, uint32_t dir_id, u
     }
     if (buffer_.size() == 0)
     {
-      LOG_MSG(LM_ERROR, "File '%s' ended after %Q of %Q bytes\n", path.c_str(),
-              static_cast<ACE_UINT64>(done), static_cast<ACE_UINT64>(size));
+      LOG_MSG(LM_ERROR, "File '%s' ended after %Q of %Q bytes\n", path.c_str(), static_cast<ACE_UINT64>(done),
+              static_cast<ACE_UINT64>(size));
       data_ok = false;
       break;
     }
     uint64_t take = buffer_.size();
     if (take > size - done)
     {
-      LOG_MSG(LM_ERROR, "File '%s' gave more data than its size %Q\n", path.c_str(),
-              static_cast<ACE_UINT64>(size));
+      LOG_MSG(LM_ERROR, "File '%s' gave more data than its size %Q\n", path.c_str(), static_cast<ACE_UINT64>(size));
       take = size - done;
       data_ok = false;
     }

@@ -5,10 +5,7 @@
 
 namespace MTF
 {
-Buffer::Buffer(size_t capacity, size_t max_size) : capacity_(capacity), max_size_(max_size)
-{
-  reserve(capacity_);
-}
+Buffer::Buffer(size_t capacity, size_t max_size) : capacity_(capacity), max_size_(max_size) { reserve(capacity_); }
 
 // Grows the allocation (at least doubling, never beyond max_size) without
 // initialising the new bytes: a reader overwrites them anyway.

@@ -26,15 +26,9 @@ uint16_t get16(const char* p)
   return static_cast<uint16_t>(u[0] | (u[1] << 8));
 }
 
-uint32_t get32(const char* p)
-{
-  return get16(p) | (static_cast<uint32_t>(get16(p + 2)) << 16);
-}
+uint32_t get32(const char* p) { return get16(p) | (static_cast<uint32_t>(get16(p + 2)) << 16); }
 
-uint64_t get64(const char* p)
-{
-  return get32(p) | (static_cast<uint64_t>(get32(p + 4)) << 32);
-}
+uint64_t get64(const char* p) { return get32(p) | (static_cast<uint64_t>(get32(p + 4)) << 32); }
 
 uint16_t xor_checksum(const char* p, size_t words)
 {

@@ -57,10 +57,7 @@ bool utf8_to_utf16le(const std::string& in, std::string& out);
 bool utf16le_to_utf8(const std::string& in, std::string& out);
 
 // Bytes needed to bring `n` up to a multiple of `align`.
-inline size_t pad_to(uint64_t n, size_t align)
-{
-  return static_cast<size_t>((align - n % align) % align);
-}
+inline size_t pad_to(uint64_t n, size_t align) { return static_cast<size_t>((align - n % align) % align); }
 }  // namespace MTF_Format
 
 #endif

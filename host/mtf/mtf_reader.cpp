@@ -10,7 +10,7 @@ using namespace MTF_Format;
 static const size_t RAW_SIZE = 128 * 1024;
 
 MTF_Reader::MTF_Reader(Source source, bool compressed, uint64_t start)
-    : source_(std::move(source)), compressed_(compressed), position_(start)
+  : source_(std::move(source)), compressed_(compressed), position_(start)
 {
   raw_.resize(RAW_SIZE);
   if (compressed_)
@@ -20,15 +20,9 @@ MTF_Reader::MTF_Reader(Source source, bool compressed, uint64_t start)
   }
 }
 
-MTF_Reader::~MTF_Reader()
-{
-  ZSTD_freeDCtx(zstd_);
-}
+MTF_Reader::~MTF_Reader() { ZSTD_freeDCtx(zstd_); }
 
-bool MTF_Reader::fail(const std::string& text)
-{
-  return fail_at(position_, text);
-}
+bool MTF_Reader::fail(const std::string& text) { return fail_at(position_, text); }
 
 bool MTF_Reader::fail_at(uint64_t offset, const std::string& text)
 {
@@ -139,10 +133,7 @@ bool MTF_Reader::skip_to(uint64_t offset)
   return skip(offset - position_);
 }
 
-bool MTF_Reader::at_end()
-{
-  return !fill();
-}
+bool MTF_Reader::at_end() { return !fill(); }
 
 static bool read_string(const std::string& block, size_t field, size_t fixed, std::string& out)
 {

@@ -32,8 +32,8 @@ public:
     uint64_t display_size = 0;
     uint64_t logical_address = 0;
     uint32_t control_id = 0;
-    uint32_t dir_id = 0;   // DIRB, FILE
-    uint32_t file_id = 0;  // FILE
+    uint32_t dir_id = 0;                 // DIRB, FILE
+    uint32_t file_id = 0;                // FILE
     std::vector<std::string> directory;  // DIRB: path components
     std::string name;                    // FILE: file name; TAPE: media name; SSET: set name
     time_t mtime = 0;
@@ -44,7 +44,7 @@ public:
 
   struct Stream
   {
-    std::string id;  // "STAN", "SPAD", ...
+    std::string id;       // "STAN", "SPAD", ...
     uint64_t offset = 0;  // of the header
     uint64_t length = 0;
   };

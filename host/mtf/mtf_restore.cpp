@@ -17,7 +17,7 @@ static const uint64_t BATCH_BYTES = 64ull * 1024 * 1024;
 static const size_t BATCH_FILES = 1024;
 
 MTF_Restore::MTF_Restore(MTF::Event_Handler& handler, std::shared_ptr<ACE_Log_Msg_Callback> log_callback)
-    : handler_(handler), log_callback_(std::move(log_callback))
+  : handler_(handler), log_callback_(std::move(log_callback))
 {
 }
 
@@ -87,23 +87,23 @@ bool MTF_Restore::select(std::vector<std::string>& dirs, std::vector<const MTF_S
   dir_set.erase(std::string(1, sep));
   dirs.assign(dir_set.begin(), dir_set.end());
   // Parents first: fewer components first, then by name.
-  std::stable_sort(dirs.begin(), dirs.end(), [sep](const std::string& a, const std::string& b) {
-    return std::count(a.begin(), a.end(), sep) < std::count(b.begin(), b.end(), sep);
-  });
+  std::stable_sort(dirs.begin(), dirs.end(),
+                   [sep](const std::string& a, const std::string& b)
+                   { return std::count(a.begin(), a.end(), sep) < std::count(b.begin(), b.end(), sep); });
   level_start_.assign(dirs.size(), 0);
   for (size_t i = 1; i < dirs.size(); ++i)
-    level_start_[i] = std::count(dirs[i].begin(), dirs[i].end(), sep) ==
-                              std::count(dirs[i - 1].begin(), dirs[i - 1].end(), sep)
-                          ? level_start_[i - 1]
-                          : i;
+    level_start_[i] =
+      std::count(dirs[i].begin(), dirs[i].end(), sep) == std::count(dirs[i - 1].begin(), dirs[i - 1].end(), sep)
+        ? level_start_[i - 1]
+        : i;
   return ok;
 }
 
 void MTF_Restore::make_batches(std::vector<const MTF_Set_Catalog::Entry*>& files)
 {
-  std::sort(files.begin(), files.end(), [](const MTF_Set_Catalog::Entry* a, const MTF_Set_Catalog::Entry* b) {
-    return a->data != b->data ? a->data < b->data : a->offset < b->offset;
-  });
+  std::sort(files.begin(), files.end(),
+            [](const MTF_Set_Catalog::Entry* a, const MTF_Set_Catalog::Entry* b)
+            { return a->data != b->data ? a->data < b->data : a->offset < b->offset; });
   Batch batch;
   uint64_t bytes = 0;
   for (const MTF_Set_Catalog::Entry* e : files)
@@ -167,10 +167,11 @@ int MTF_Restore::restore()
   unsigned workers = concurrent_ != 0 ? concurrent_ : (channel_num_ != 0 ? channel_num_ : 1);
   if (workers > batches_.size() && !batches_.empty())
     workers = static_cast<unsigned>(batches_.size());
-  LOG_MSG(LM_INFO, "Restoring %Q files (%Q bytes) and %Q directories of backup set revision %d from '%s' with %u worker(s)%s%s.\n",
-          static_cast<ACE_UINT64>(files_total_), static_cast<ACE_UINT64>(bytes_total_),
-          static_cast<ACE_UINT64>(dirs_.size()), seq_, location_.c_str(), workers,
-          definition_uuid_.empty() ? "" : " for job ", definition_uuid_.c_str());
+  LOG_MSG(
+    LM_INFO,
+    "Restoring %Q files (%Q bytes) and %Q directories of backup set revision %d from '%s' with %u worker(s)%s%s.\n",
+    static_cast<ACE_UINT64>(files_total_), static_cast<ACE_UINT64>(bytes_total_), static_cast<ACE_UINT64>(dirs_.size()),
+    seq_, location_.c_str(), workers, definition_uuid_.empty() ? "" : " for job ", definition_uuid_.c_str());
   live_workers_ = workers;
   std::vector<std::unique_ptr<MTF_Restore_Worker>> pool;
   for (unsigned i = 0; i < workers; ++i)

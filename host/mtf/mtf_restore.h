@@ -62,7 +62,7 @@ public:
   // be used at all, nothing was selected, or the run was cancelled.
   int restore();
 
-  ACE_UINT64 size() const { return bytes_done_; }  // bytes restored
+  ACE_UINT64 size() const { return bytes_done_; }    // bytes restored
   ACE_UINT64 set_size() const { return set_size_; }  // bytes of the whole set
   ACE_UINT64 file_count() const { return files_done_; }
   // Files that failed, and selected paths the set does not have.

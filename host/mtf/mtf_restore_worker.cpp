@@ -12,19 +12,11 @@ static const size_t PIECE = 1024 * 1024;
 // than by reading through it.
 static const uint64_t SEEK_GAP = 1024 * 1024;
 
-MTF_Restore_Worker::MTF_Restore_Worker(MTF_Restore& owner, unsigned index) : owner_(owner), index_(index)
-{
-}
+MTF_Restore_Worker::MTF_Restore_Worker(MTF_Restore& owner, unsigned index) : owner_(owner), index_(index) {}
 
-MTF_Restore_Worker::~MTF_Restore_Worker()
-{
-  join();
-}
+MTF_Restore_Worker::~MTF_Restore_Worker() { join(); }
 
-void MTF_Restore_Worker::start()
-{
-  thread_ = std::thread(&MTF_Restore_Worker::run, this);
-}
+void MTF_Restore_Worker::start() { thread_ = std::thread(&MTF_Restore_Worker::run, this); }
 
 void MTF_Restore_Worker::join()
 {
@@ -161,8 +153,7 @@ bool MTF_Restore_Worker::restore_file(const MTF_Set_Catalog::Entry& e)
   if (stream.length != e.length)
   {
     LOG_MSG(LM_ERROR, "Failed to restore '%s': its data stream in %s holds %Q bytes, the catalog says %Q\n",
-            path.c_str(), data_name.c_str(), static_cast<ACE_UINT64>(stream.length),
-            static_cast<ACE_UINT64>(e.length));
+            path.c_str(), data_name.c_str(), static_cast<ACE_UINT64>(stream.length), static_cast<ACE_UINT64>(e.length));
     reader_.reset();
     return false;
   }
@@ -199,8 +190,7 @@ bool MTF_Restore_Worker::restore_file(const MTF_Set_Catalog::Entry& e)
       long long n = reader_->read_data(piece_.data() + got, want - got);
       if (n <= 0)
       {
-        LOG_MSG(LM_ERROR, "Failed to restore '%s': %s %s\n", path.c_str(), data_name.c_str(),
-                reader_->error().c_str());
+        LOG_MSG(LM_ERROR, "Failed to restore '%s': %s %s\n", path.c_str(), data_name.c_str(), reader_->error().c_str());
         reader_.reset();
         return false;
       }

@@ -13,10 +13,7 @@ std::string MTF_Set_Catalog::data_name(int rev, unsigned channel, bool compresse
   return "set." + std::to_string(rev) + "." + std::to_string(channel) + (compressed ? ".mtf.zst" : ".mtf");
 }
 
-std::string MTF_Set_Catalog::catalog_name(int rev)
-{
-  return "set." + std::to_string(rev) + ".cat";
-}
+std::string MTF_Set_Catalog::catalog_name(int rev) { return "set." + std::to_string(rev) + ".cat"; }
 
 std::string MTF_Set_Catalog::to_text() const
 {

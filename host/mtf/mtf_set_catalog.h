@@ -29,13 +29,13 @@ public:
   struct Entry
   {
     bool dir = false;
-    std::string path;  // as the backup walked it, no trailing separator
-    uint32_t data = 0;  // index in files
-    uint64_t offset = 0;  // FILE/DIRB block in the MTF bytes
-    uint64_t frame = 0;   // stored offset where reading starts (zstd frame or the block)
+    std::string path;         // as the backup walked it, no trailing separator
+    uint32_t data = 0;        // index in files
+    uint64_t offset = 0;      // FILE/DIRB block in the MTF bytes
+    uint64_t frame = 0;       // stored offset where reading starts (zstd frame or the block)
     uint64_t frame_base = 0;  // MTF offset of that frame's first byte
-    uint64_t length = 0;  // data bytes
-    std::string sha256;   // hex, files only
+    uint64_t length = 0;      // data bytes
+    std::string sha256;       // hex, files only
     int64_t mtime = 0;
   };
 

@@ -2,15 +2,9 @@
 
 #include <openssl/evp.h>
 
-MTF_Sha256::MTF_Sha256() : ctx_(EVP_MD_CTX_new())
-{
-  EVP_DigestInit_ex(ctx_, EVP_sha256(), nullptr);
-}
+MTF_Sha256::MTF_Sha256() : ctx_(EVP_MD_CTX_new()) { EVP_DigestInit_ex(ctx_, EVP_sha256(), nullptr); }
 
-MTF_Sha256::~MTF_Sha256()
-{
-  EVP_MD_CTX_free(ctx_);
-}
+MTF_Sha256::~MTF_Sha256() { EVP_MD_CTX_free(ctx_); }
 
 void MTF_Sha256::update(const void* data, size_t len)
 {

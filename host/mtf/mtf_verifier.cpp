@@ -14,8 +14,7 @@ static std::string join(const std::vector<std::string>& parts, char sep)
 }
 
 bool MTF_Verifier::check_data_file(MTF_Reader::Source source, bool compressed, const std::string& name,
-                                   std::vector<File>& files, std::vector<std::string>& directories,
-                                   std::string& error)
+                                   std::vector<File>& files, std::vector<std::string>& directories, std::string& error)
 {
   MTF_Reader reader(std::move(source), compressed);
   std::map<uint32_t, std::string> dirs;
@@ -39,8 +38,8 @@ bool MTF_Verifier::check_data_file(MTF_Reader::Source source, bool compressed, c
       break;
     if (index < 3 && block.type != expected_start[index])
     {
-      error = name + " offset " + std::to_string(block.offset) + ": " + block.type + " where " +
-              expected_start[index] + " belongs";
+      error = name + " offset " + std::to_string(block.offset) + ": " + block.type + " where " + expected_start[index] +
+              " belongs";
       return false;
     }
     if (block.type == "SSET")
@@ -72,8 +71,8 @@ bool MTF_Verifier::check_data_file(MTF_Reader::Source source, bool compressed, c
                 "' before any DIRB of its directory";
         return false;
       }
-      file.path = it->second == std::string(1, separator_) ? it->second + block.name
-                                                            : it->second + separator_ + block.name;
+      file.path =
+        it->second == std::string(1, separator_) ? it->second + block.name : it->second + separator_ + block.name;
       file.offset = block.offset;
       where = " ('" + file.path + "')";
     }
@@ -157,8 +156,8 @@ bool MTF_Verifier::check_set(Client_IO_Ex& io, int rev, std::vector<std::string>
     std::vector<std::string> dirs;
     bool ok = io.open_read(data.name, 0);
     if (ok)
-      ok = check_data_file([&io](void* p, size_t n) { return io.read(p, n); }, catalog.compression == "zstd",
-                           data.name, files, dirs, error);
+      ok = check_data_file([&io](void* p, size_t n) { return io.read(p, n); }, catalog.compression == "zstd", data.name,
+                           files, dirs, error);
     else
       error = data.name + ": " + io.last_error();
     io.close_read();

@@ -24,10 +24,7 @@ MTF_Writer::MTF_Writer(Sink sink, int zstd_level) : sink_(std::move(sink))
   stage_.reserve(STAGE_SIZE);
 }
 
-MTF_Writer::~MTF_Writer()
-{
-  ZSTD_freeCCtx(zstd_);
-}
+MTF_Writer::~MTF_Writer() { ZSTD_freeCCtx(zstd_); }
 
 bool MTF_Writer::fail(const std::string& text)
 {
@@ -212,8 +209,7 @@ bool MTF_Writer::begin(const Set_Info& info)
   return true;
 }
 
-bool MTF_Writer::add_directory(const std::vector<std::string>& components, time_t mtime, time_t ctime,
-                               uint32_t& dir_id)
+bool MTF_Writer::add_directory(const std::vector<std::string>& components, time_t mtime, time_t ctime, uint32_t& dir_id)
 {
   if (state_ != OPEN)
     return fail("directory outside an open data file");
@@ -303,6 +299,5 @@ bool MTF_Writer::finish(uint32_t corrupt_files)
 bool MTF_Writer::valid_name(const std::string& name)
 {
   std::string wide;
-  return !name.empty() && name.find('\0') == std::string::npos && utf8_to_utf16le(name, wide) &&
-         wide.size() <= 32000;
+  return !name.empty() && name.find('\0') == std::string::npos && utf8_to_utf16le(name, wide) && wide.size() <= 32000;
 }

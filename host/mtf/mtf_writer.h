@@ -59,8 +59,7 @@ public:
   // root); `dir_id` receives the id that FILE blocks refer to.
   bool add_directory(const std::vector<std::string>& components, time_t mtime, time_t ctime, uint32_t& dir_id);
   // A FILE block and the header of its STAN stream of `size` bytes.
-  bool begin_file(uint32_t dir_id, const std::string& name, time_t mtime, time_t ctime, uint64_t size,
-                  Location& where);
+  bool begin_file(uint32_t dir_id, const std::string& name, time_t mtime, time_t ctime, uint64_t size, Location& where);
   // Data of the current file; never more than its announced size in total.
   bool file_data(const char* data, size_t len);
   // Ends the current file. When less than its size has come, the rest is written

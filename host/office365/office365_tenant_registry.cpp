@@ -39,9 +39,7 @@ bool write_all(int fd, const std::string& text)
 }
 }  // namespace
 
-Office365_Tenant_Registry::Office365_Tenant_Registry(const std::string& path) : path_(path)
-{
-}
+Office365_Tenant_Registry::Office365_Tenant_Registry(const std::string& path) : path_(path) {}
 
 bool Office365_Tenant_Registry::load(std::string& error)
 {
@@ -156,9 +154,9 @@ std::string Office365_Tenant_Registry::describe() const
   for (const Tenant& t : tenants_)
   {
     const Office365_Auth_Entry& e = t.second;
-    text += t.first + "  tenant_id=" + e.tenant_id + "  client_id=" + e.client_id +
-            "  tenant_email=" + e.tenant_email + "  login=" + e.ms_login_endpoint +
-            "  graph=" + e.ms_graph_endpoint + "  ews=" + e.ews_endpoint + "  transport=" + e.transport + "\n";
+    text += t.first + "  tenant_id=" + e.tenant_id + "  client_id=" + e.client_id + "  tenant_email=" + e.tenant_email +
+            "  login=" + e.ms_login_endpoint + "  graph=" + e.ms_graph_endpoint + "  ews=" + e.ews_endpoint +
+            "  transport=" + e.transport + "\n";
   }
   return text;
 }

@@ -69,8 +69,7 @@ bool read_token(const nlohmann::ordered_json& answer, std::string& token, long& 
 {
   const auto access = answer.find("access_token");
   const auto lifetime = answer.find("expires_in");
-  if (access == answer.end() || !access->is_string() || access->get<std::string>().empty() ||
-      lifetime == answer.end())
+  if (access == answer.end() || !access->is_string() || access->get<std::string>().empty() || lifetime == answer.end())
     return false;
   if (lifetime->is_number_integer())
     expires = lifetime->get<long>();
@@ -83,8 +82,8 @@ bool read_token(const nlohmann::ordered_json& answer, std::string& token, long& 
 }
 }  // namespace
 
-bool get_office365_token(const Office365_Auth_Entry& entry, const std::string& scope, std::string& token,
-                         long& expires, std::string& error)
+bool get_office365_token(const Office365_Auth_Entry& entry, const std::string& scope, std::string& token, long& expires,
+                         std::string& error)
 {
   URI login;
   if (!URI_Parser::parse(entry.ms_login_endpoint.c_str(), login))

@@ -14,7 +14,7 @@
 // ever put into `error` or a log line. An answer asking to wait (429, 503) is sent
 // again after its Retry-After wait within the JSON client's retry budget (60 s);
 // a failure is logged here.
-bool get_office365_token(const Office365_Auth_Entry& entry, const std::string& scope, std::string& token,
-                         long& expires, std::string& error);
+bool get_office365_token(const Office365_Auth_Entry& entry, const std::string& scope, std::string& token, long& expires,
+                         std::string& error);
 
 #endif

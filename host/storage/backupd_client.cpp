@@ -10,7 +10,7 @@
 #include "host/storage/http_head.h"
 
 Backupd_Client::Backupd_Client(int timeout_seconds, int max_seconds_retry)
-    : timeout_seconds_(timeout_seconds < 0 ? 60 : timeout_seconds), max_seconds_retry_(max_seconds_retry)
+  : timeout_seconds_(timeout_seconds < 0 ? 60 : timeout_seconds), max_seconds_retry_(max_seconds_retry)
 {
 }
 
@@ -70,11 +70,13 @@ bool Backupd_Client::request(int method, const std::string& resource, const std:
 
   HTTP_Response response;
   Retry_Policy retry(max_seconds_retry_);
-  status_ = run_with_retry_T(retry, [&] {
-    if (!session->perform(request, response))
-      return http_transport_status(*session);
-    return http_answer_status(response, backupd_error_of(response.body()));
-  });
+  status_ = run_with_retry_T(retry,
+                             [&]
+                             {
+                               if (!session->perform(request, response))
+                                 return http_transport_status(*session);
+                               return http_answer_status(response, backupd_error_of(response.body()));
+                             });
   http_status_ = response.status();
   answer = response.body();
   error_ = status_.text();

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-Byte_Pipe::Byte_Pipe(size_t capacity) : capacity_(capacity)
-{
-}
+Byte_Pipe::Byte_Pipe(size_t capacity) : capacity_(capacity) {}
 
 bool Byte_Pipe::push(const char* data, size_t len)
 {

@@ -79,15 +79,9 @@ bool Client_IO_Ex::open_write(const std::string& name, bool overwrite)
   return impl_ ? impl_->open_write(name, overwrite) : not_open();
 }
 
-bool Client_IO_Ex::write(const void* data, size_t len)
-{
-  return impl_ ? impl_->write(data, len) : not_open();
-}
+bool Client_IO_Ex::write(const void* data, size_t len) { return impl_ ? impl_->write(data, len) : not_open(); }
 
-bool Client_IO_Ex::close_write()
-{
-  return impl_ ? impl_->close_write() : not_open();
-}
+bool Client_IO_Ex::close_write() { return impl_ ? impl_->close_write() : not_open(); }
 
 void Client_IO_Ex::abort_write()
 {
@@ -124,22 +118,10 @@ bool Client_IO_Ex::list(const std::string& prefix, std::vector<std::string>& nam
   return impl_ ? impl_->list(prefix, names) : not_open();
 }
 
-bool Client_IO_Ex::remove(const std::string& name)
-{
-  return impl_ ? impl_->remove(name) : not_open();
-}
+bool Client_IO_Ex::remove(const std::string& name) { return impl_ ? impl_->remove(name) : not_open(); }
 
-uint64_t Client_IO_Ex::storage_size() const
-{
-  return impl_ ? impl_->storage_size() : 0;
-}
+uint64_t Client_IO_Ex::storage_size() const { return impl_ ? impl_->storage_size() : 0; }
 
-const Host_Status& Client_IO_Ex::status() const
-{
-  return impl_ ? impl_->status() : status_;
-}
+const Host_Status& Client_IO_Ex::status() const { return impl_ ? impl_->status() : status_; }
 
-const std::string& Client_IO_Ex::last_error() const
-{
-  return impl_ ? impl_->last_error() : last_error_;
-}
+const std::string& Client_IO_Ex::last_error() const { return impl_ ? impl_->last_error() : last_error_; }

@@ -139,22 +139,13 @@ long long Client_IO_Fault::read(void* data, size_t len)
   return n;
 }
 
-void Client_IO_Fault::close_read()
-{
-  inner_->close_read();
-}
+void Client_IO_Fault::close_read() { inner_->close_read(); }
 
-bool Client_IO_Fault::size(const std::string& name, uint64_t& size)
-{
-  return pass(inner_->size(name, size));
-}
+bool Client_IO_Fault::size(const std::string& name, uint64_t& size) { return pass(inner_->size(name, size)); }
 
 bool Client_IO_Fault::list(const std::string& prefix, std::vector<std::string>& names)
 {
   return pass(inner_->list(prefix, names));
 }
 
-bool Client_IO_Fault::remove(const std::string& name)
-{
-  return pass(inner_->remove(name));
-}
+bool Client_IO_Fault::remove(const std::string& name) { return pass(inner_->remove(name)); }

@@ -24,9 +24,9 @@ class Client_IO_Fault : public Client_IO_Base
 public:
   struct Faults
   {
-    int fail_write = 0;                  // the Nth write() fails (1 = the first); 0: none
-    uint64_t cut_at = UINT64_MAX;        // streams end in failure at this byte
-    int stall_write = 0;                 // the Nth write() waits stall_for first; 0: none
+    int fail_write = 0;            // the Nth write() fails (1 = the first); 0: none
+    uint64_t cut_at = UINT64_MAX;  // streams end in failure at this byte
+    int stall_write = 0;           // the Nth write() waits stall_for first; 0: none
     std::chrono::milliseconds stall_for{0};
     Host_Status_Kind kind = HOST_STATUS_TRANSIENT;  // the kind an injected failure reports
   };
@@ -61,8 +61,8 @@ private:
   Faults faults_;
   int writes_ = 0;
   int injected_ = 0;
-  uint64_t written_ = 0;     // bytes of the current streamed write
-  uint64_t read_ = 0;        // bytes of the current streamed read
+  uint64_t written_ = 0;  // bytes of the current streamed write
+  uint64_t read_ = 0;     // bytes of the current streamed read
   bool write_failed_ = false;
 };
 

@@ -8,10 +8,7 @@
 // time-of-day window applies within a large object.
 static const size_t PIECE = 64 * 1024;
 
-Client_IO_File::~Client_IO_File()
-{
-  close_read();
-}
+Client_IO_File::~Client_IO_File() { close_read(); }
 
 bool Client_IO_File::fail_errno(const std::string& what, const std::string& name, int err)
 {
@@ -88,10 +85,7 @@ bool Client_IO_File::close_write()
   return true;
 }
 
-void Client_IO_File::abort_write()
-{
-  writer_.abort();
-}
+void Client_IO_File::abort_write() { writer_.abort(); }
 
 bool Client_IO_File::open_read(const std::string& name, uint64_t offset)
 {

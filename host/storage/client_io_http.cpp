@@ -101,8 +101,8 @@ Host_Status Client_IO_Http::attempt(HTTP_Session& session, HTTP_Request& request
   return http_answer_status(response, backupd_error_of(response.body()));
 }
 
-bool Client_IO_Http::exchange(int method, const std::string& path, const std::string& query,
-                              HTTP_Response& response, const std::string& context)
+bool Client_IO_Http::exchange(int method, const std::string& path, const std::string& query, HTTP_Response& response,
+                              const std::string& context)
 {
   HTTP_Request request(method, path.c_str());
   request.query_string_buffer() = query;
@@ -122,7 +122,8 @@ bool Client_IO_Http::put_contents(const std::string& name, const std::string& te
   // sends it from its first byte.
   size_t offset = 0;
   request.set_body_source(
-    [&](char* buffer, size_t room) {
+    [&](char* buffer, size_t room)
+    {
       const size_t take = std::min({room, PIECE, text.size() - offset});
       limiter_.throttle(take);
       memcpy(buffer, text.data() + offset, take);
@@ -132,10 +133,12 @@ bool Client_IO_Http::put_contents(const std::string& name, const std::string& te
     static_cast<int64_t>(text.size()));
   HTTP_Response response;
   Retry_Policy retry(options_.max_seconds_retry);
-  const Host_Status status = run_with_retry_T(retry, [&] {
-    offset = 0;
-    return attempt(*session_, request, response);
-  });
+  const Host_Status status = run_with_retry_T(retry,
+                                              [&]
+                                              {
+                                                offset = 0;
+                                                return attempt(*session_, request, response);
+                                              });
   if (!status.ok())
     return fail(status, "cannot put '" + name + "'");
   storage_size_ = text.size();
@@ -216,8 +219,7 @@ void Client_IO_Http::run_upload()
   HTTP_Response response;
   Retry_Policy retry(options_.max_seconds_retry);
   int attempts = 0;
-  const Host_Status status =
-    run_with_retry_T(retry, [&] { return upload_attempt(request, response, ++attempts); });
+  const Host_Status status = run_with_retry_T(retry, [&] { return upload_attempt(request, response, ++attempts); });
   std::lock_guard<std::mutex> guard(write_lock_);
   write_status_ = status;
   if (!status.ok())
@@ -308,25 +310,27 @@ bool Client_IO_Http::download_sink(const char* data, size_t len, long status, ui
 void Client_IO_Http::run_download()
 {
   Retry_Policy retry(options_.max_seconds_retry);
-  const Host_Status status = run_with_retry_T(retry, [&] {
-    // Each attempt asks for the bytes not read yet.
-    const uint64_t range_from = read_position_;
-    HTTP_Request request(HTTP_METHOD_GET, read_path_.c_str());
-    add_headers(request, false, range_from);
-    request.transfer_timeout(0);
-    HTTP_Response response;
-    response.set_body_sink([this, range_from](const char* data, size_t len, long code) {
-      return download_sink(data, len, code, range_from);
-    });
-    range_ignored_ = false;
-    Host_Status result = attempt(*read_session_, request, response);
-    if (range_ignored_)
-      result = Host_Status::make(HOST_STATUS_PERMANENT, "", "the server ignored the range request");
-    // A reader that closed wants no retry, and no back-off to wait for.
-    if (!result.ok() && read_pipe_->cancelled())
-      result = Host_Status::make(HOST_STATUS_CANCELLED, "", "the read was closed");
-    return result;
-  });
+  const Host_Status status =
+    run_with_retry_T(retry,
+                     [&]
+                     {
+                       // Each attempt asks for the bytes not read yet.
+                       const uint64_t range_from = read_position_;
+                       HTTP_Request request(HTTP_METHOD_GET, read_path_.c_str());
+                       add_headers(request, false, range_from);
+                       request.transfer_timeout(0);
+                       HTTP_Response response;
+                       response.set_body_sink([this, range_from](const char* data, size_t len, long code)
+                                              { return download_sink(data, len, code, range_from); });
+                       range_ignored_ = false;
+                       Host_Status result = attempt(*read_session_, request, response);
+                       if (range_ignored_)
+                         result = Host_Status::make(HOST_STATUS_PERMANENT, "", "the server ignored the range request");
+                       // A reader that closed wants no retry, and no back-off to wait for.
+                       if (!result.ok() && read_pipe_->cancelled())
+                         result = Host_Status::make(HOST_STATUS_CANCELLED, "", "the read was closed");
+                       return result;
+                     });
   if (status.ok())
   {
     read_pipe_->close();

@@ -19,10 +19,7 @@ Object_Directory::Object_Directory(const std::string& root) : root_(root)
     root_.pop_back();
 }
 
-std::string Object_Directory::path_of(const std::string& name) const
-{
-  return root_ + "/" + name;
-}
+std::string Object_Directory::path_of(const std::string& name) const { return root_ + "/" + name; }
 
 // mkdir -p for every directory above `path` below `base`; new directories are
 // made durable by fsyncing their parents.

@@ -4,10 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-Object_Writer::~Object_Writer()
-{
-  abort();
-}
+Object_Writer::~Object_Writer() { abort(); }
 
 void Object_Writer::start(int fd, const std::string& temp_path, const std::string& final_path)
 {

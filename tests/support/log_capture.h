@@ -14,7 +14,7 @@ class Log_Capture : public ACE_Log_Msg_Callback
 {
 public:
   Log_Capture()
-      : had_flag_(ACE_LOG_MSG->flags() & ACE_Log_Msg::MSG_CALLBACK), previous_(ACE_LOG_MSG->msg_callback(this))
+    : had_flag_(ACE_LOG_MSG->flags() & ACE_Log_Msg::MSG_CALLBACK), previous_(ACE_LOG_MSG->msg_callback(this))
   {
     ACE_LOG_MSG->set_flags(ACE_Log_Msg::MSG_CALLBACK);
   }

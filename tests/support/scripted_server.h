@@ -98,7 +98,8 @@ private:
     while (line_end != std::string::npos)
     {
       const size_t next = head.find("\r\n", line_end + 2);
-      const std::string line = head.substr(line_end + 2, next == std::string::npos ? std::string::npos : next - line_end - 2);
+      const std::string line =
+        head.substr(line_end + 2, next == std::string::npos ? std::string::npos : next - line_end - 2);
       const size_t colon = line.find(':');
       if (colon != std::string::npos)
       {
@@ -112,7 +113,9 @@ private:
       }
       line_end = next;
     }
-    const size_t length = request.headers.count("content-length") ? std::strtoul(request.headers["content-length"].c_str(), nullptr, 10) : 0;
+    const size_t length = request.headers.count("content-length")
+                            ? std::strtoul(request.headers["content-length"].c_str(), nullptr, 10)
+                            : 0;
     while (buffer.size() < length)
       if (!fill(fd, buffer))
         return false;

@@ -3,7 +3,7 @@
 #include "host/job/job_types.h"
 
 EWS_MTF_Event_Handler::EWS_MTF_Event_Handler(Job_Event_Handler& handler, Job_Activity& act, Progress_Report_Mode mode)
-    : MTF::Event_Handler(mode), handler_(handler), act_(act)
+  : MTF::Event_Handler(mode), handler_(handler), act_(act)
 {
 }
 
@@ -14,9 +14,6 @@ int EWS_MTF_Event_Handler::handle_progress(int percent, ACE_UINT64, ACE_UINT64, 
   return handler_.handle_progress(percent, 0, 0, 0);
 }
 
-bool EWS_MTF_Event_Handler::canceling()
-{
-  return act_.state == JOB_STATE_CANCELING;
-}
+bool EWS_MTF_Event_Handler::canceling() { return act_.state == JOB_STATE_CANCELING; }
 
 EWS_MTF_Event_Handler::~EWS_MTF_Event_Handler() = default;

@@ -90,8 +90,7 @@ bool first_row(const nlohmann::ordered_json& result, nlohmann::ordered_json& row
 }  // namespace
 
 Exchange_Backup_Job_Executor::Exchange_Backup_Job_Executor(Job& job)
-  : Job_Executor_T<Default_Backup_Job_Source, Exchange_Backup_Job_Options, Job_Event_Handler>(job),
-    last_rev_(0)
+  : Job_Executor_T<Default_Backup_Job_Source, Exchange_Backup_Job_Options, Job_Event_Handler>(job), last_rev_(0)
 {
 }
 
@@ -303,15 +302,15 @@ bool Exchange_Backup_Job_Executor::ews_backup()
   start_time_ = static_cast<int64_t>(time(nullptr));
 
   const size_t channels = opts_->channels_ > 0 ? static_cast<size_t>(opts_->channels_) : 1;
-  EWS_Backup_Context_Ptr ctx(new (std::nothrow) EWS_Backup_Context(
-      username, password, tgt_.id(), backup_uri_, last_rev_ + 1, channels, auth, act_, job_));
+  EWS_Backup_Context_Ptr ctx(new (std::nothrow) EWS_Backup_Context(username, password, tgt_.id(), backup_uri_,
+                                                                   last_rev_ + 1, channels, auth, act_, job_));
   if (!ctx)
   {
     errno = ENOMEM;
     return false;
   }
   std::unique_ptr<EWS_MTF_Event_Handler> handler(
-      new (std::nothrow) EWS_MTF_Event_Handler(evt_handler_, act_, MTF::Event_Handler::PRM_FILE_COUNT));
+    new (std::nothrow) EWS_MTF_Event_Handler(evt_handler_, act_, MTF::Event_Handler::PRM_FILE_COUNT));
   if (!handler)
   {
     errno = ENOMEM;

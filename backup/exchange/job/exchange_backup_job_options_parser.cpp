@@ -3,7 +3,6 @@
 #include "backup/exchange/core/ews/method_names.h"
 #include "backup/exchange/job/module_exports.h"
 
-
 namespace
 {
 enum Backup_Option_Key : unsigned int
@@ -43,10 +42,17 @@ bool Exchange_Backup_Job_Options_Parser::handle_boolean_i(bool value)
     return false;
   switch (key)
   {
-    case KEY_TRUNCATE: options()->truncate(value); break;
-    case KEY_CHECK_CONSISTENCY: options()->check_consisctency_ = value; break;
-    case KEY_IS_OFFICE365: options()->is_office365_ = value; break;
-    default: break;  // unknown key, or a key of another JSON type
+  case KEY_TRUNCATE:
+    options()->truncate(value);
+    break;
+  case KEY_CHECK_CONSISTENCY:
+    options()->check_consisctency_ = value;
+    break;
+  case KEY_IS_OFFICE365:
+    options()->is_office365_ = value;
+    break;
+  default:
+    break;  // unknown key, or a key of another JSON type
   }
   seen(key);
   return true;
@@ -74,12 +80,17 @@ bool Exchange_Backup_Job_Options_Parser::handle_string_i(const char* text, size_
     return false;
   switch (key)
   {
-    case KEY_METHOD: options()->method(name_to_method(std::string(text, len).c_str(), 0)); break;
-    case KEY_COMPRESSION:
-      options()->compression(compression_name_to_value(std::string(text, len).c_str(), 0));
-      break;
-    case KEY_VSS_PROVIDER: options()->vss_provider_.assign(text, len); break;
-    default: break;
+  case KEY_METHOD:
+    options()->method(name_to_method(std::string(text, len).c_str(), 0));
+    break;
+  case KEY_COMPRESSION:
+    options()->compression(compression_name_to_value(std::string(text, len).c_str(), 0));
+    break;
+  case KEY_VSS_PROVIDER:
+    options()->vss_provider_.assign(text, len);
+    break;
+  default:
+    break;
   }
   seen(key);
   return true;

@@ -38,7 +38,6 @@ void parse_entry(const char* val, size_t len, std::string* first, std::string* s
 
   const char* cursor = val + ENTRY_PREFIX_LENGTH;
   const char* end = val + len;
-  if (read_segment(cursor, end, first) && read_segment(cursor, end, second) && rest != nullptr &&
-      cursor < end)
+  if (read_segment(cursor, end, first) && read_segment(cursor, end, second) && rest != nullptr && cursor < end)
     http_decode_string(cursor, end, 0, *rest);
 }

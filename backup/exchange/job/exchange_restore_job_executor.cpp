@@ -220,7 +220,7 @@ bool Exchange_Restore_Job_Executor::ews_restore(const Exchange_Restore_Input& in
   }
 
   std::unique_ptr<EWS_MTF_Event_Handler> handler(
-      new (std::nothrow) EWS_MTF_Event_Handler(evt_handler_, act_, MTF::Event_Handler::PRM_FILE_COUNT));
+    new (std::nothrow) EWS_MTF_Event_Handler(evt_handler_, act_, MTF::Event_Handler::PRM_FILE_COUNT));
   std::unique_ptr<EWS_Restore_Callback_Factory> factory(new (std::nothrow) EWS_Restore_Callback_Factory(ctx));
   if (!handler || !factory)
   {
@@ -236,8 +236,8 @@ bool Exchange_Restore_Job_Executor::ews_restore(const Exchange_Restore_Input& in
   // Workers: the restore job's channels when it names them, else as many as
   // the backup wrote with; each worker uploads through a client of its own.
   const unsigned channels = backup_channels_ > 0 ? static_cast<unsigned>(backup_channels_) : 1;
-  const unsigned concurrent = opts_ != nullptr && opts_->channels_ > 0 ? static_cast<unsigned>(opts_->channels_)
-                                                                         : channels;
+  const unsigned concurrent =
+    opts_ != nullptr && opts_->channels_ > 0 ? static_cast<unsigned>(opts_->channels_) : channels;
   stream->callback_factory(factory.get());
   stream->pool_uuid(pool_uuid_);
   stream->pool_url(input.pool_info.url);

@@ -2,7 +2,6 @@
 
 #include "backup/exchange/job/module_exports.h"
 
-
 namespace
 {
 enum Restore_Option_Key : unsigned int
@@ -16,12 +15,8 @@ enum Restore_Option_Key : unsigned int
 }  // namespace
 
 const Key2_Value_T<unsigned int> Exchange_Restore_Job_Options_Parser::key_table_1[] = {
-  {"relocation", 10, KEY_RELOCATION},
-  {"auto_mount", 10, KEY_AUTO_MOUNT},
-  {"is_office365", 12, KEY_IS_OFFICE365},
-  {"overwrite", 9, KEY_OVERWRITE},
-  {"channels", 8, KEY_CHANNELS},
-  {nullptr, 0, 0},
+  {"relocation", 10, KEY_RELOCATION}, {"auto_mount", 10, KEY_AUTO_MOUNT}, {"is_office365", 12, KEY_IS_OFFICE365},
+  {"overwrite", 9, KEY_OVERWRITE},    {"channels", 8, KEY_CHANNELS},      {nullptr, 0, 0},
 };
 
 Exchange_Restore_Job_Options_Parser::Exchange_Restore_Job_Options_Parser()
@@ -36,10 +31,17 @@ bool Exchange_Restore_Job_Options_Parser::handle_boolean_i(bool value)
     return false;
   switch (key)
   {
-    case KEY_AUTO_MOUNT: options()->auto_mount(value); break;
-    case KEY_IS_OFFICE365: options()->is_office365_ = value; break;
-    case KEY_OVERWRITE: options()->overwrite(value); break;
-    default: break;  // unknown key, or a key of another JSON type
+  case KEY_AUTO_MOUNT:
+    options()->auto_mount(value);
+    break;
+  case KEY_IS_OFFICE365:
+    options()->is_office365_ = value;
+    break;
+  case KEY_OVERWRITE:
+    options()->overwrite(value);
+    break;
+  default:
+    break;  // unknown key, or a key of another JSON type
   }
   seen(key);
   return true;

@@ -75,13 +75,26 @@ bool Exchange_Restore_Job_Source_Parser::store_top_level(const std::string& valu
   JSON_State& top = states_.back();
   switch (top.key)
   {
-    case 0: return true;
-    case KEY_ID: source()->id(value); break;
-    case KEY_NAME: source()->name(value); break;
-    case KEY_CATALOG_ID: source()->catalog_id(value); break;
-    case KEY_ORIGINAL: source()->original(value); break;
-    case KEY_RESTORE_AS: source()->restore_as(value); break;
-    default: err_ = JSON_ERROR_MISPLACED_VALUE; return false;  // a string for "storages"
+  case 0:
+    return true;
+  case KEY_ID:
+    source()->id(value);
+    break;
+  case KEY_NAME:
+    source()->name(value);
+    break;
+  case KEY_CATALOG_ID:
+    source()->catalog_id(value);
+    break;
+  case KEY_ORIGINAL:
+    source()->original(value);
+    break;
+  case KEY_RESTORE_AS:
+    source()->restore_as(value);
+    break;
+  default:
+    err_ = JSON_ERROR_MISPLACED_VALUE;
+    return false;  // a string for "storages"
   }
   top.masks |= top.key;
   return true;

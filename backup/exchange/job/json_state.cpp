@@ -8,8 +8,8 @@
 
 void push_json_state(JSON_States& states, bool obj) { states.push_back(JSON_State{obj, 0, 0}); }
 
-bool set_json_state_key(JSON_States& states, const Key2_Value_T<unsigned int>* table, const char* key,
-                        size_t len, int& err)
+bool set_json_state_key(JSON_States& states, const Key2_Value_T<unsigned int>* table, const char* key, size_t len,
+                        int& err)
 {
   if (states.empty())
   {

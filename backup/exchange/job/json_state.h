@@ -22,17 +22,17 @@ typedef std::vector<JSON_State> JSON_States;
 // Error codes that the option and source parsers leave for the host.
 enum JSON_Parse_Error
 {
-  JSON_ERROR_UNBALANCED = 3,      // a map or array closed or keyed with none open
-  JSON_ERROR_MISSING_KEY = 7,     // a required key is missing
-  JSON_ERROR_MISPLACED_VALUE = 9, // a value where none is expected
+  JSON_ERROR_UNBALANCED = 3,       // a map or array closed or keyed with none open
+  JSON_ERROR_MISSING_KEY = 7,      // a required key is missing
+  JSON_ERROR_MISPLACED_VALUE = 9,  // a value where none is expected
 };
 
 void push_json_state(JSON_States& states, bool obj);
 
 // Records the current key of the top-level object from `table` (0 when unknown);
 // keys of nested maps are ignored. False, with `err` = 3, when no map is open.
-bool set_json_state_key(JSON_States& states, const Key2_Value_T<unsigned int>* table, const char* key,
-                        size_t len, int& err);
+bool set_json_state_key(JSON_States& states, const Key2_Value_T<unsigned int>* table, const char* key, size_t len,
+                        int& err);
 
 // Closes the innermost map or array. False, with `err` = 3, when none is open.
 bool pop_json_state(JSON_States& states, int& err);

@@ -24,8 +24,8 @@ T natoi(const char* text, size_t length)
     negative = *p++ == '-';
 
   typedef typename std::make_unsigned<T>::type U;
-  const U limit = negative ? static_cast<U>(std::numeric_limits<T>::max()) + 1
-                           : static_cast<U>(std::numeric_limits<T>::max());
+  const U limit =
+    negative ? static_cast<U>(std::numeric_limits<T>::max()) + 1 : static_cast<U>(std::numeric_limits<T>::max());
   U value = 0;
   bool digits = false;
   for (; p < end && *p >= '0' && *p <= '9'; ++p)

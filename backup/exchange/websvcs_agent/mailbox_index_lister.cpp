@@ -18,13 +18,17 @@ nlohmann::ordered_json to_array(const std::vector<nlohmann::ordered_json>& rows)
 Mailbox_Index_Lister::Mailbox_Index_Lister(const std::string& pool_uuid, const std::string& catalog_uuid,
                                            const std::string& uri, const std::string& mailbox, int backup_rev,
                                            int64_t offset, int64_t limit)
-  : pool_uuid_(pool_uuid), catalog_uuid_(catalog_uuid), uri_(uri), mailbox_(mailbox), backup_rev_(backup_rev),
-    offset_(offset), limit_(limit)
+  : pool_uuid_(pool_uuid),
+    catalog_uuid_(catalog_uuid),
+    uri_(uri),
+    mailbox_(mailbox),
+    backup_rev_(backup_rev),
+    offset_(offset),
+    limit_(limit)
 {
 }
 
-bool Mailbox_Index_Lister::list_folder(const std::vector<std::string>& parent_entry_ids,
-                                       nlohmann::ordered_json& result)
+bool Mailbox_Index_Lister::list_folder(const std::vector<std::string>& parent_entry_ids, nlohmann::ordered_json& result)
 {
   std::string name;
   index_name(mailbox_, backup_rev_, name);

@@ -24,7 +24,10 @@ struct Agent_Outcome
   std::string out;
   std::string err;
 
-  bool says(const std::string& text) const { return out.find(text) != std::string::npos || err.find(text) != std::string::npos; }
+  bool says(const std::string& text) const
+  {
+    return out.find(text) != std::string::npos || err.find(text) != std::string::npos;
+  }
 };
 
 class Agent_Process

@@ -62,7 +62,8 @@ TEST_F(BackupAgent, CheckJobPrintsWhatTheModuleUnderstood)
   EXPECT_TRUE(has(backup, "type: backup"));
   EXPECT_TRUE(has(backup, "schedule: ondemand"));
   EXPECT_TRUE(has(backup, "options: {\"method\":\"ews\",\"truncate\":true,\"compression\":\"zstd\""));
-  EXPECT_TRUE(has(backup, "\"entries\":[\"exchange://4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f/alice.archer%40demo.exosim.test\""));
+  EXPECT_TRUE(
+    has(backup, "\"entries\":[\"exchange://4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f/alice.archer%40demo.exosim.test\""));
 
   Outcome restore = agent("check-job " EXAMPLES_DIR "/restore-job.json");
   EXPECT_EQ(restore.status, 0) << restore.out;
@@ -72,8 +73,7 @@ TEST_F(BackupAgent, CheckJobPrintsWhatTheModuleUnderstood)
 
 TEST_F(BackupAgent, CheckJobRefusesBadDefinitionsWithTheModulesMessages)
 {
-  Outcome missing = agent("check-job " +
-                          write("missing.json", R"({"type":"restore","uid":"u","id":"i",
+  Outcome missing = agent("check-job " + write("missing.json", R"({"type":"restore","uid":"u","id":"i",
                                 "source":{"id":"t","catalog_id":"c"}})"));
   EXPECT_EQ(missing.status, 1);
   EXPECT_TRUE(has(missing, "Failed to parse job definition source, lack of 'restore_as'."));
@@ -116,8 +116,8 @@ TEST_F(BackupAgent, BadInvocationsAndModulesAreReported)
 
 TEST_F(BackupAgent, RunJobReportsTheOutcomeAndKeepsAJobLog)
 {
-  const std::string config = write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"log_file\": \"" +
-                                                     dir_ + "/agent.log\"}");
+  const std::string config =
+    write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"log_file\": \"" + dir_ + "/agent.log\"}");
   Outcome run = agent("--config " + config + " run-job " EXAMPLES_DIR "/backup-job.json");
   // The tenant of the job is not registered: the job must fail and say why.
   EXPECT_EQ(run.status, 2) << run.out;
@@ -138,21 +138,24 @@ TEST_F(BackupAgent, RunJobReportsTheOutcomeAndKeepsAJobLog)
 
 TEST_F(BackupAgent, AppliesTheEwsSettingsOfItsConfiguration)
 {
-  const std::string config = write("agent.json", "{\"log_file\": \"" + dir_ + "/agent.log\", \"settings\": "
-                                   "{\"ews\": {\"paging_size\": 250, \"batch_size\": 500}}}");
+  const std::string config = write("agent.json", "{\"log_file\": \"" + dir_ +
+                                                   "/agent.log\", \"settings\": "
+                                                   "{\"ews\": {\"paging_size\": 250, \"batch_size\": 500}}}");
   Outcome verbose = agent("--verbose --config " + config + " check-job " EXAMPLES_DIR "/backup-job.json");
   EXPECT_EQ(verbose.status, 0) << verbose.out;
   EXPECT_TRUE(has(verbose, "Setting ews.batch_size = 500 is outside 1..100; using 100")) << verbose.out;
-  EXPECT_TRUE(has(verbose, "EWS settings: paging_size 250, batch_size 100, retry_budget_seconds 600, "
-                           "retry_base_delay_ms 1000"))
+  EXPECT_TRUE(has(verbose,
+                  "EWS settings: paging_size 250, batch_size 100, retry_budget_seconds 600, "
+                  "retry_base_delay_ms 1000"))
     << verbose.out;
   std::ifstream log(dir_ + "/agent.log");
   std::stringstream text;
   text << log.rdbuf();
   EXPECT_NE(text.str().find("EWS settings: paging_size 250, batch_size 100"), std::string::npos) << text.str();
 
-  Outcome mistyped = agent("--config " + write("mistyped.json", "{\"settings\": {\"ews\": {\"paging_size\": \"250\"}}}") +
-                           " check-job " EXAMPLES_DIR "/backup-job.json");
+  Outcome mistyped =
+    agent("--config " + write("mistyped.json", "{\"settings\": {\"ews\": {\"paging_size\": \"250\"}}}") +
+          " check-job " EXAMPLES_DIR "/backup-job.json");
   EXPECT_EQ(mistyped.status, 1);
   EXPECT_TRUE(has(mistyped, "setting \"ews.paging_size\" must be an integer")) << mistyped.out;
 }

@@ -33,8 +33,9 @@ TEST(Backup_Progress, FollowsMailboxesThroughTheJobLog)
       << "2026-11-23T01:00:03Z INFO b.cpp:4: Failed to process mailbox 'b@x'.\n"
       << "2026-11-23T01:00:04Z INFO b.cpp:3: Mailbox 'c@" << std::flush;
   progress.poll(40, 4 * 1024 * 1024, finished);
-  EXPECT_EQ(finished, "mailbox 1/3 a@x: backed up (40 items, 4.0 MiB so far)\n"
-                      "mailbox 2/3 b@x: FAILED (40 items, 4.0 MiB so far)\n");
+  EXPECT_EQ(finished,
+            "mailbox 1/3 a@x: backed up (40 items, 4.0 MiB so far)\n"
+            "mailbox 2/3 b@x: FAILED (40 items, 4.0 MiB so far)\n");
   EXPECT_EQ(progress.done(), 2u);
   EXPECT_EQ(progress.failed(), 1u);
   EXPECT_EQ(progress.item_errors(), (std::map<std::string, std::string>{{"AAMk+1=", "ErrorItemCorrupt"}}));
@@ -59,7 +60,7 @@ TEST(Graph_Users_Lister, ReadsPagesAndTheirNextLinks)
   std::vector<std::string> mailboxes;
   std::string next, error;
   const auto page = nlohmann::ordered_json::parse(
-      R"({"value": [{"userPrincipalName": "a@x", "mail": "a@x"},
+    R"({"value": [{"userPrincipalName": "a@x", "mail": "a@x"},
                     {"userPrincipalName": "room@x", "mail": null},
                     {"userPrincipalName": "b@corp.x", "mail": "b@x"}],
           "@odata.nextLink": "http://127.0.0.1:5/v1.0/users?$top=2&$skiptoken=ab%3D%3D"})");
@@ -72,10 +73,10 @@ TEST(Graph_Users_Lister, ReadsPagesAndTheirNextLinks)
   ASSERT_TRUE(Graph_Users_Lister::read_page(nlohmann::ordered_json::parse(R"({"value": []})"), mailboxes, next, error));
   EXPECT_EQ(next, "");
   EXPECT_FALSE(
-      Graph_Users_Lister::read_page(nlohmann::ordered_json::parse(R"({"error": {}})"), mailboxes, next, error));
+    Graph_Users_Lister::read_page(nlohmann::ordered_json::parse(R"({"error": {}})"), mailboxes, next, error));
   EXPECT_FALSE(
-      Graph_Users_Lister::read_page(nlohmann::ordered_json::parse(R"({"value": [1]})"), mailboxes, next, error));
+    Graph_Users_Lister::read_page(nlohmann::ordered_json::parse(R"({"value": [1]})"), mailboxes, next, error));
   EXPECT_FALSE(Graph_Users_Lister::read_page(
-      nlohmann::ordered_json::parse(R"({"value": [], "@odata.nextLink": "not a url"})"), mailboxes, next, error));
+    nlohmann::ordered_json::parse(R"({"value": [], "@odata.nextLink": "not a url"})"), mailboxes, next, error));
   EXPECT_EQ(mailboxes.size(), 2u);
 }

@@ -61,15 +61,20 @@ protected:
     ::mkdir((dir_ + "/state").c_str(), 0700);
     tenants.add(tenant_uuid, sim.entry());
     EXPECT_TRUE(tenants.save(error)) << error;
-    const std::string config =
-        write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"host_id\": \"host-1\", \"backup_server\": "
-                            "{\"url\": \"" + backupd_.url() + "\", \"access_key\": \"" + Backupd_Process::key() +
-                            "\"}, \"settings\": " + settings + "}");
+    const std::string config = write("agent.json", "{\"state_dir\": \"" + dir_ +
+                                                     "/state\", \"host_id\": \"host-1\", \"backup_server\": "
+                                                     "{\"url\": \"" +
+                                                     backupd_.url() + "\", \"access_key\": \"" +
+                                                     Backupd_Process::key() + "\"}, \"settings\": " + settings + "}");
     nlohmann::ordered_json job = {
-        {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
-        {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
-        {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
-        {"source", {{"id", tenant_uuid}, {"entries", nlohmann::ordered_json::array()}}}};
+      {"type", "backup"},
+      {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
+      {"id", "e2e"},
+      {"host_id", "host-1"},
+      {"target", {{"id", "pool-1"}}},
+      {"max_seconds_retry", 30},
+      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+      {"source", {{"id", tenant_uuid}, {"entries", nlohmann::ordered_json::array()}}}};
     for (const std::string& m : mailboxes)
       job["source"]["entries"].push_back(std::string("exchange://") + tenant_uuid + "/" + m);
     const std::string job_file = write("job.json", job.dump());
@@ -131,7 +136,7 @@ protected:
         }
         const std::string exported(reinterpret_cast<const char*>(requests[i].data.ptr.get()), requests[i].data.size);
         EXPECT_NE(std::find(stored->second.begin(), stored->second.end(), exported), stored->second.end())
-            << path << ": the set holds other bytes than exo-sim exports";
+          << path << ": the set holds other bytes than exo-sim exports";
       }
     }
     return checked;
@@ -147,9 +152,9 @@ protected:
     Client_IO_Ex io;
     EXPECT_TRUE(create_io_channel("pool-1", record.uri, 1, io, 0));
     EWS_Client_Ptr ews;
-    EXPECT_TRUE(create_ews_client("", Secure_String(),
-                                  std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
-                                  ews, ""));
+    EXPECT_TRUE(create_ews_client(
+      "", Secure_String(), std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
+      ews, ""));
     size_t failed_total = 0;
     items = 0;
     for (const std::string& index : record.index_files)
@@ -186,8 +191,7 @@ protected:
 TEST_F(Backup_Run, EveryItemIsInTheSetAndAMissingMailboxFailsAlone)
 {
   Exo_Sim_Process sim({"--profile", "tiny"});
-  const std::vector<std::string> mailboxes = {sim.mailbox("admin"), sim.mailbox("nobody"),
-                                              sim.mailbox("alice.archer")};
+  const std::vector<std::string> mailboxes = {sim.mailbox("admin"), sim.mailbox("nobody"), sim.mailbox("alice.archer")};
   for (int rev = 1; rev <= 2; ++rev)
   {
     Agent_Outcome run = run_backup(sim, mailboxes);
@@ -229,8 +233,8 @@ TEST_F(Backup_Run, FaultsLoseNoItem)
 {
   Exo_Sim_Process sim({"--profile", "tiny", "--busy-backoff-ms", "20"});
   sim.set_faults({{"busy_rate", 0.2}, {"ews_503_rate", 0.05}, {"drop_rate", 0.02}, {"fail_item_rate", 0.03}});
-  Agent_Outcome run = run_backup(sim, {sim.mailbox("admin"), sim.mailbox("alice.archer")},
-                                 "{\"ews\": {\"retry_base_delay_ms\": 10}}");
+  Agent_Outcome run =
+    run_backup(sim, {sim.mailbox("admin"), sim.mailbox("alice.archer")}, "{\"ews\": {\"retry_base_delay_ms\": 10}}");
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const nlohmann::json status = sim.status();
   EXPECT_GT(status["faults"]["busy"].get<int>(), 0) << status.dump();
@@ -259,10 +263,10 @@ TEST_F(Backup_Run, BackupCommandRunsTheSameJobAndSummarizesTheSet)
   Agent_Process bad({"--module", EXCHANGE_MODULE_PATH, "backup", "--tenant", tenant_uuid}, dir_, "bad");
   EXPECT_EQ(bad.wait().status, 64);
 
-  Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "backup", "--tenant", tenant_uuid,
-                       "--mailbox", sim.mailbox("alice.archer"), "--mailbox", sim.mailbox("nobody"), "--pool",
-                       "pool-1", "--channels", "2", "--json"},
-                      dir_, "backup");
+  Agent_Process agent(
+    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "backup", "--tenant", tenant_uuid, "--mailbox",
+     sim.mailbox("alice.archer"), "--mailbox", sim.mailbox("nobody"), "--pool", "pool-1", "--channels", "2", "--json"},
+    dir_, "backup");
   Agent_Outcome run = agent.wait();
   // A mailbox and some items failed: done, with failures.
   ASSERT_EQ(run.status, 2) << run.out << run.err;
@@ -276,9 +280,9 @@ TEST_F(Backup_Run, BackupCommandRunsTheSameJobAndSummarizesTheSet)
   EXPECT_EQ(summary["failed_items"][0]["mailbox"], sim.mailbox("alice.archer"));
 
   nlohmann::ordered_json result;
-  ASSERT_TRUE(read_catalogs((std::string("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=backup-") +
-                             tenant_uuid).c_str(),
-                            result, -1, 0));
+  ASSERT_TRUE(read_catalogs(
+    (std::string("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=backup-") + tenant_uuid).c_str(), result,
+    -1, 0));
   ASSERT_EQ(result["rows"].size(), 1u);
   EXPECT_EQ(result["rows"][0]["uuid"].get<std::string>(), summary["set_uuid"].get<std::string>());
 }
@@ -291,8 +295,8 @@ TEST_F(Backup_Run, AllMailboxesComeFromGraphAndCtrlCLeavesNoTrace)
   ASSERT_EQ(run_backup(sim, {sim.mailbox("admin")}).status, 0);
   const std::string config = dir_ + "/agent.json";
   const std::vector<std::string> all = {
-      "--module",  EXCHANGE_MODULE_PATH, "--config", config,   "backup",     "--tenant",
-      tenant_uuid, "--all-mailboxes",    "--pool",   "pool-1", "--channels", "2"};
+    "--module",  EXCHANGE_MODULE_PATH, "--config", config,   "backup",     "--tenant",
+    tenant_uuid, "--all-mailboxes",    "--pool",   "pool-1", "--channels", "2"};
   Agent_Process both({"--module", EXCHANGE_MODULE_PATH, "backup", "--tenant", tenant_uuid, "--all-mailboxes",
                       "--mailbox", "a@b", "--pool", "pool-1"},
                      dir_, "both");
@@ -314,8 +318,9 @@ TEST_F(Backup_Run, AllMailboxesComeFromGraphAndCtrlCLeavesNoTrace)
   EXPECT_EQ(summary["mailboxes"].get<int>(), 5);
   EXPECT_TRUE(summary["failed_mailboxes"].empty());
   nlohmann::ordered_json result;
-  const std::string query = std::string("/d2/r/v2/sets/restore/"
-                                        "sets?module=exchange&minor_resource_id=backup-") +
+  const std::string query = std::string(
+                              "/d2/r/v2/sets/restore/"
+                              "sets?module=exchange&minor_resource_id=backup-") +
                             tenant_uuid;
   ASSERT_TRUE(read_catalogs(query.c_str(), result, -1, 0));
   ASSERT_EQ(result["rows"].size(), 1u);

@@ -28,7 +28,9 @@
 namespace
 {
 const char* const tenant_uuid = "4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f";
-const char* const odd_name = "\xc3\x9c" "ber/Projekte \xe2\x82\xac";  // Unicode and a "/"
+const char* const odd_name =
+  "\xc3\x9c"
+  "ber/Projekte \xe2\x82\xac";  // Unicode and a "/"
 const char* const uni_name = "\xc3\x9cn\xc3\xaf Ordner";
 
 // Folder path (display names joined by "/", from below the start) -> the
@@ -38,7 +40,8 @@ typedef std::multiset<std::pair<std::string, std::string>> Tree_Contents;
 // The items only one side has: folder, size and a hash of the bytes, one a line.
 std::string difference(const Tree_Contents& got, const Tree_Contents& want)
 {
-  auto lines = [](const Tree_Contents& tree) {
+  auto lines = [](const Tree_Contents& tree)
+  {
     std::multiset<std::string> out;
     for (const auto& entry : tree)
       out.insert(entry.first + " " + std::to_string(entry.second.size()) + " " +
@@ -77,9 +80,9 @@ protected:
   EWS_Client_Ptr client(const Exo_Sim_Process& sim, const std::string& mailbox)
   {
     EWS_Client_Ptr ews;
-    EXPECT_TRUE(create_ews_client("", Secure_String(),
-                                  std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
-                                  ews, mailbox.c_str()));
+    EXPECT_TRUE(create_ews_client(
+      "", Secure_String(), std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
+      ews, mailbox.c_str()));
     return ews;
   }
 
@@ -90,10 +93,11 @@ protected:
     ::mkdir((dir_ + "/state").c_str(), 0700);
     tenants.add(tenant_uuid, sim.entry());
     EXPECT_TRUE(tenants.save(error)) << error;
-    const std::string config =
-        write("agent.json", "{\"state_dir\": \"" + dir_ + "/state\", \"host_id\": \"host-1\", \"backup_server\": "
-                            "{\"url\": \"" + backupd_.url() + "\", \"access_key\": \"" + Backupd_Process::key() +
-                            "\"}, \"settings\": {}}");
+    const std::string config = write("agent.json", "{\"state_dir\": \"" + dir_ +
+                                                     "/state\", \"host_id\": \"host-1\", \"backup_server\": "
+                                                     "{\"url\": \"" +
+                                                     backupd_.url() + "\", \"access_key\": \"" +
+                                                     Backupd_Process::key() + "\"}, \"settings\": {}}");
     const std::string job_file = write(job["id"].get<std::string>() + ".json", job.dump());
     Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "run-job", job_file}, dir_,
                         job["id"].get<std::string>());
@@ -104,13 +108,18 @@ protected:
                                      const std::string& to, const std::string& relocation,
                                      const std::vector<std::string>& storages)
   {
-    nlohmann::ordered_json job = {
-        {"type", "restore"}, {"uid", "7a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d"}, {"id", id}, {"host_id", "host-1"},
-        {"max_seconds_retry", 30},
-        {"options", {{"relocation", relocation}, {"is_office365", true}, {"channels", 2}}},
-        {"source",
-         {{"id", tenant_uuid}, {"catalog_id", set}, {"original", std::string("exchange://") + tenant_uuid + "/" + from},
-          {"restore_as", std::string("exchange://") + tenant_uuid + "/" + to}, {"storages", storages}}}};
+    nlohmann::ordered_json job = {{"type", "restore"},
+                                  {"uid", "7a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d"},
+                                  {"id", id},
+                                  {"host_id", "host-1"},
+                                  {"max_seconds_retry", 30},
+                                  {"options", {{"relocation", relocation}, {"is_office365", true}, {"channels", 2}}},
+                                  {"source",
+                                   {{"id", tenant_uuid},
+                                    {"catalog_id", set},
+                                    {"original", std::string("exchange://") + tenant_uuid + "/" + from},
+                                    {"restore_as", std::string("exchange://") + tenant_uuid + "/" + to},
+                                    {"storages", storages}}}};
     return job;
   }
 
@@ -184,10 +193,14 @@ TEST_F(Restore_Run, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames)
     ASSERT_TRUE(ews->upload_items(id, copies));
 
   nlohmann::ordered_json backup = {
-      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
-      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
-      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
-      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+    {"type", "backup"},
+    {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
+    {"id", "e2e"},
+    {"host_id", "host-1"},
+    {"target", {{"id", "pool-1"}}},
+    {"max_seconds_retry", 30},
+    {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+    {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
   Agent_Outcome run = run_job(sim, backup);
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   nlohmann::ordered_json result;
@@ -259,10 +272,14 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
   Exo_Sim_Process sim({"--profile", "tiny", "--busy-backoff-ms", "20"});
   const std::string alice = sim.mailbox("alice.archer");
   nlohmann::ordered_json backup = {
-      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
-      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
-      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
-      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+    {"type", "backup"},
+    {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
+    {"id", "e2e"},
+    {"host_id", "host-1"},
+    {"target", {{"id", "pool-1"}}},
+    {"max_seconds_retry", 30},
+    {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+    {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
   Agent_Outcome run = run_job(sim, backup);
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   nlohmann::ordered_json result;
@@ -281,8 +298,8 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
   // after an upload or folder creation took effect is not among them: the
   // client's retry then repeats an operation that is not idempotent.
   sim.set_faults({{"busy_rate", 0.2}, {"ews_503_rate", 0.05}});
-  run = run_job(sim, restore_job("r-faults", result["rows"][0]["uuid"].get<std::string>(), alice,
-                                 sim.mailbox("admin"), "Under Faults", all));
+  run = run_job(sim, restore_job("r-faults", result["rows"][0]["uuid"].get<std::string>(), alice, sim.mailbox("admin"),
+                                 "Under Faults", all));
   const nlohmann::json status = sim.status();
   sim.set_faults({{"busy_rate", 0}, {"ews_503_rate", 0}});
   ASSERT_EQ(run.status, 0) << run.out << run.err;
@@ -304,10 +321,14 @@ TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAn
   const std::string alice = sim.mailbox("alice.archer");
   const std::string admin = sim.mailbox("admin");
   nlohmann::ordered_json backup = {
-      {"type", "backup"}, {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"}, {"id", "e2e"}, {"host_id", "host-1"},
-      {"target", {{"id", "pool-1"}}}, {"max_seconds_retry", 30},
-      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
-      {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
+    {"type", "backup"},
+    {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
+    {"id", "e2e"},
+    {"host_id", "host-1"},
+    {"target", {{"id", "pool-1"}}},
+    {"max_seconds_retry", 30},
+    {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
+    {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
   Agent_Outcome run = run_job(sim, backup);
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   nlohmann::ordered_json result;
@@ -344,21 +365,21 @@ TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAn
   EXPECT_EQ(empty.status, 0);
   EXPECT_EQ(nlohmann::json::parse(empty.out), nlohmann::json::array());
 
-  Agent_Process bad({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
-                     "--to", admin},
-                    dir_, "bad");
+  Agent_Process bad(
+    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice, "--to", admin},
+    dir_, "bad");
   EXPECT_EQ(bad.wait().status, 64);
-  Agent_Process missing({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from",
-                         alice, "--to", admin, "--path", "Inbox/No such folder"},
+  Agent_Process missing({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
+                         "--to", admin, "--path", "Inbox/No such folder"},
                         dir_, "missing");
   Agent_Outcome refused = missing.wait();
   EXPECT_EQ(refused.status, 1);
   EXPECT_TRUE(refused.says("the set has no folder Inbox/No such folder")) << refused.err;
 
-  Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
-                       "--to", admin, "--path", "Inbox/" + below[0].display_name, "--item", items[0].id,
-                       "--relocation", "By Command", "--json"},
-                      dir_, "restore");
+  Agent_Process agent(
+    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice, "--to", admin,
+     "--path", "Inbox/" + below[0].display_name, "--item", items[0].id, "--relocation", "By Command", "--json"},
+    dir_, "restore");
   run = agent.wait();
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const nlohmann::json summary = nlohmann::json::parse(run.out);

@@ -49,14 +49,16 @@ protected:
   std::vector<std::string> sim_endpoints(const Exo_Sim_Process& sim) const
   {
     const Office365_Auth_Entry e = sim.entry();
-    return {"--login-endpoint", e.ms_login_endpoint, "--graph-endpoint", e.ms_graph_endpoint,
-            "--ews-endpoint", e.ews_endpoint};
+    return {"--login-endpoint",  e.ms_login_endpoint, "--graph-endpoint",
+            e.ms_graph_endpoint, "--ews-endpoint",    e.ews_endpoint};
   }
 
   std::vector<std::string> add_args(const std::vector<std::string>& more) const
   {
-    std::vector<std::string> args{"tenant", "add", "--tenant-id", Exo_Sim_Process::tenant_id, "--client-id",
-                                  Exo_Sim_Process::client_id, "--tenant-email", "admin@demo.exosim.test"};
+    std::vector<std::string> args{"tenant",         "add",
+                                  "--tenant-id",    Exo_Sim_Process::tenant_id,
+                                  "--client-id",    Exo_Sim_Process::client_id,
+                                  "--tenant-email", "admin@demo.exosim.test"};
     args.insert(args.end(), more.begin(), more.end());
     return args;
   }
@@ -129,8 +131,8 @@ TEST_F(AgentTenant, AddListTestAndRemoveAgainstTheSimulatorWithoutShowingTheSecr
   EXPECT_EQ(listed.status, 0) << listed.err;
   EXPECT_EQ(lines(listed.out), 2u) << listed.out;
   EXPECT_NE(listed.out.find(uuid1 + "  tenant_id=" + Exo_Sim_Process::tenant_id + "  client_id=" +
-                            Exo_Sim_Process::client_id + "  tenant_email=admin@demo.exosim.test  login=" +
-                            sim.base() + "  graph=" + sim.base() + "  ews=" + sim.base() + "/EWS/Exchange.asmx  transport=ews\n"),
+                            Exo_Sim_Process::client_id + "  tenant_email=admin@demo.exosim.test  login=" + sim.base() +
+                            "  graph=" + sim.base() + "  ews=" + sim.base() + "/EWS/Exchange.asmx  transport=ews\n"),
             std::string::npos)
     << listed.out;
   EXPECT_NE(listed.out.find(uuid2 + "  tenant_id="), std::string::npos) << listed.out;
@@ -194,18 +196,19 @@ TEST_F(AgentTenant, AddTakesTheMicrosoftEndpointsByDefaultAndNormalisesGivenOnes
   const std::string secret_file = write("secret.txt", secret);
   Agent_Outcome plain = agent(plus(add_args({}), {"--secret-file", secret_file}));
   ASSERT_EQ(plain.status, 0) << plain.err;
-  Agent_Outcome sovereign = agent(plus(add_args({"--login-endpoint=https://login.microsoftonline.us/",
-                                                 "--graph-endpoint", "https://graph.microsoft.us//",
-                                                 "--ews-endpoint", "https://outlook.office365.us/EWS/Exchange.asmx"}),
-                                       {"--secret-file", secret_file}));
+  Agent_Outcome sovereign = agent(
+    plus(add_args({"--login-endpoint=https://login.microsoftonline.us/", "--graph-endpoint",
+                   "https://graph.microsoft.us//", "--ews-endpoint", "https://outlook.office365.us/EWS/Exchange.asmx"}),
+         {"--secret-file", secret_file}));
   ASSERT_EQ(sovereign.status, 0) << sovereign.err;
 
   Agent_Outcome listed = agent({"tenant", "list"});
-  EXPECT_NE(listed.out.find(printed_uuid(plain) + "  tenant_id=" + Exo_Sim_Process::tenant_id + "  client_id=" +
-                            Exo_Sim_Process::client_id +
-                            "  tenant_email=admin@demo.exosim.test  login=https://login.microsoftonline.com"
-                            "  graph=https://graph.microsoft.com  ews=https://outlook.office365.com/EWS/Exchange.asmx  transport=ews\n"),
-            std::string::npos)
+  EXPECT_NE(
+    listed.out.find(
+      printed_uuid(plain) + "  tenant_id=" + Exo_Sim_Process::tenant_id + "  client_id=" + Exo_Sim_Process::client_id +
+      "  tenant_email=admin@demo.exosim.test  login=https://login.microsoftonline.com"
+      "  graph=https://graph.microsoft.com  ews=https://outlook.office365.com/EWS/Exchange.asmx  transport=ews\n"),
+    std::string::npos)
     << listed.out;
   EXPECT_NE(listed.out.find(printed_uuid(sovereign) + "  tenant_id="), std::string::npos) << listed.out;
   EXPECT_NE(listed.out.find("login=https://login.microsoftonline.us  graph=https://graph.microsoft.us  "
@@ -220,8 +223,8 @@ TEST_F(AgentTenant, ConcurrentAddsKeepEveryRegistration)
   const std::string secret_file = write("secret.txt", secret);
   std::vector<std::unique_ptr<Agent_Process>> adds;
   for (int i = 0; i < 6; ++i)
-    adds.emplace_back(new Agent_Process(
-      plus({"--config", config_}, plus(add_args({}), {"--secret-file", secret_file})), dir_, "add" + std::to_string(i)));
+    adds.emplace_back(new Agent_Process(plus({"--config", config_}, plus(add_args({}), {"--secret-file", secret_file})),
+                                        dir_, "add" + std::to_string(i)));
   std::vector<std::string> uuids;
   for (auto& a : adds)
   {
@@ -250,31 +253,38 @@ TEST_F(AgentTenant, RefusesBadRequestsWithClearErrors)
     {{"tenant", "list", "extra"}, 64, "tenant list takes no arguments"},
     {{"tenant", "remove"}, 64, "tenant remove takes one registration uuid"},
     {{"tenant", "test", "a", "b"}, 64, "tenant test takes one registration uuid"},
-    {{"tenant", "add", "--tenant-id", "t.example", "--secret-file", secret_file}, 64,
+    {{"tenant", "add", "--tenant-id", "t.example", "--secret-file", secret_file},
+     64,
      "--tenant-id, --client-id and --tenant-email are required"},
     {add_args({"--client-secret", secret}), 64, "the client secret is not taken from the command line"},
     {add_args({"--client-secret=" + secret}), 64, "the client secret is not taken from the command line"},
     {add_args({secret}), 64, "unexpected argument; options take the form --name VALUE"},
     {add_args({"--colour", "blue"}), 64, "unknown option --colour"},
     {add_args({"--ews-endpoint"}), 64, "option --ews-endpoint needs a value"},
-    {{"tenant", "add", "--tenant-id", "a/b", "--client-id", Exo_Sim_Process::client_id, "--tenant-email", "a@b"}, 64,
+    {{"tenant", "add", "--tenant-id", "a/b", "--client-id", Exo_Sim_Process::client_id, "--tenant-email", "a@b"},
+     64,
      "the tenant id 'a/b' is neither a directory id nor a domain name"},
-    {{"tenant", "add", "--tenant-id", "t.example", "--client-id", "backup-app", "--tenant-email", "a@b"}, 64,
+    {{"tenant", "add", "--tenant-id", "t.example", "--client-id", "backup-app", "--tenant-email", "a@b"},
+     64,
      "the client id 'backup-app' is not an application (client) id, which is a GUID"},
     {{"tenant", "add", "--tenant-id", "t.example", "--client-id", Exo_Sim_Process::client_id, "--tenant-email",
       "admin"},
-     64, "the tenant email 'admin' is not a mail address"},
+     64,
+     "the tenant email 'admin' is not a mail address"},
     {add_args({"--uuid", "1234"}), 64, "--uuid '1234' is not a uuid"},
     {add_args({"--transport", "soap"}), 64, "unknown transport 'soap'; the known one is ews"},
     {add_args({"--login-endpoint", "http://login.example.com"}), 64,
      "the login endpoint 'http://login.example.com' must use https (plain http only on loopback)"},
-    {add_args({"--graph-endpoint", "graph.microsoft.com"}), 64, "the Graph endpoint 'graph.microsoft.com' is not a URL"},
+    {add_args({"--graph-endpoint", "graph.microsoft.com"}), 64,
+     "the Graph endpoint 'graph.microsoft.com' is not a URL"},
     {add_args({"--ews-endpoint", "https://outlook.office365.com/"}), 64,
      "the EWS endpoint 'https://outlook.office365.com' has no path; give the service URL, such as "
      "https://outlook.office365.com/EWS/Exchange.asmx"},
     {add_args({}), 1, "cannot read the client secret: standard input: no secret given"},
-    {add_args({"--secret-file", dir_ + "/absent"}), 1, "cannot read the client secret: cannot open " + dir_ + "/absent"},
-    {{"tenant", "test", "0b5c8a1e-9f2d-4c3b-8a7e-6d5f4e3c2b1a"}, 1,
+    {add_args({"--secret-file", dir_ + "/absent"}), 1,
+     "cannot read the client secret: cannot open " + dir_ + "/absent"},
+    {{"tenant", "test", "0b5c8a1e-9f2d-4c3b-8a7e-6d5f4e3c2b1a"},
+     1,
      "no tenant registration 0b5c8a1e-9f2d-4c3b-8a7e-6d5f4e3c2b1a"},
     {{"tenant", "remove", "not-a-uuid"}, 1, "no tenant registration not-a-uuid"},
   };

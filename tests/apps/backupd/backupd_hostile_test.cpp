@@ -85,22 +85,22 @@ TEST_F(Backupd_Hostile_Test, RefusedBodiesAreNeverTakenForRequests)
     std::string head;
     int status;
   } cases[] = {
-      {"PUT /d2/storage/pool-a/x HTTP/1.1\r\nX-Backupd-Access-Key: wrong-key-0123456789\r\n" + length, 401},
-      {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + length, 401},
-      {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + length, 401},
-      {"PUT /d2/storage/pool-ro/x HTTP/1.1\r\n" + key + length, 403},
-      {"PUT /d2/storage/no-pool/x HTTP/1.1\r\n" + key + length, 404},
-      {"PUT /d2/storage/pool-a/a/../x HTTP/1.1\r\n" + key + length, 400},
-      {"GET " + std::string(SETS) + " HTTP/1.1\r\n" + key + length, 400},
-      {"DELETE /d2/storage/pool-a/x HTTP/1.1\r\n" + key + length, 400},
-      {"POST /d2/nowhere HTTP/1.1\r\n" + key + length, 400},
-      {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: text/plain\r\n" + key + length, 415},
-      {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + key + big_length, 413},
-      {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Content-Length: 10\r\nTransfer-Encoding: chunked\r\n", 400},
-      {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Content-Length: +10\r\n", 400},
-      {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key, 411},
-      {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Range: bytes=x\r\n" + length, 416},
-      {"NOT A REQUEST LINE\r\n" + length, 400},
+    {"PUT /d2/storage/pool-a/x HTTP/1.1\r\nX-Backupd-Access-Key: wrong-key-0123456789\r\n" + length, 401},
+    {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + length, 401},
+    {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + length, 401},
+    {"PUT /d2/storage/pool-ro/x HTTP/1.1\r\n" + key + length, 403},
+    {"PUT /d2/storage/no-pool/x HTTP/1.1\r\n" + key + length, 404},
+    {"PUT /d2/storage/pool-a/a/../x HTTP/1.1\r\n" + key + length, 400},
+    {"GET " + std::string(SETS) + " HTTP/1.1\r\n" + key + length, 400},
+    {"DELETE /d2/storage/pool-a/x HTTP/1.1\r\n" + key + length, 400},
+    {"POST /d2/nowhere HTTP/1.1\r\n" + key + length, 400},
+    {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: text/plain\r\n" + key + length, 415},
+    {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + key + big_length, 413},
+    {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Content-Length: 10\r\nTransfer-Encoding: chunked\r\n", 400},
+    {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Content-Length: +10\r\n", 400},
+    {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key, 411},
+    {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Range: bytes=x\r\n" + length, 416},
+    {"NOT A REQUEST LINE\r\n" + length, 400},
   };
   for (const Case& c : cases)
   {

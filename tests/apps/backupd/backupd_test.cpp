@@ -95,8 +95,9 @@ TEST_F(Backupd_Test, CatalogFiltersSortsAndPages)
   ASSERT_EQ(post(c, record("s4", "res-2", 1, 400)), 201);
   ASSERT_EQ(post(c, record("s5", "res-1", 4, 50, "def-2")), 201);
 
-  json last = get(c, "module=exchange&resource_uuid=res-1&minor_resource_id=def-1&sort=backup_start_time&order=desc"
-                     "&offset=0&limit=1");
+  json last = get(c,
+                  "module=exchange&resource_uuid=res-1&minor_resource_id=def-1&sort=backup_start_time&order=desc"
+                  "&offset=0&limit=1");
   EXPECT_EQ(last["total"], 3);
   EXPECT_EQ(uuids(last), std::vector<std::string>({"s2"}));
   EXPECT_EQ(last["rows"][0], record("s2", "res-1", 2, 300));  // kept as committed
@@ -132,8 +133,8 @@ TEST_F(Backupd_Test, CatalogFiltersOnInstanceAndDatabase)
 TEST_F(Backupd_Test, BadQueriesGet400WithJsonError)
 {
   auto c = client();
-  for (const char* query : {"sort=nope", "order=sideways", "limit=abc", "limit=-1", "offset=1.5", "limit=100000",
-                            "unknown=1"})
+  for (const char* query :
+       {"sort=nope", "order=sideways", "limit=abc", "limit=-1", "offset=1.5", "limit=100000", "unknown=1"})
   {
     json answer = get(c, query, 400);
     EXPECT_TRUE(answer.is_object() && answer["error"].is_string()) << query;
@@ -199,8 +200,8 @@ TEST_F(Backupd_Test, EveryResourceNeedsTheAccessKey)
 TEST_F(Backupd_Test, StorageRefusesEscapingNames)
 {
   auto c = client();
-  for (const char* path : {"/d2/storage/pool-a/a/%2E%2E/%2E%2E/x", "/d2/storage/pool-a/%2E%2E", "/d2/storage/pool-a/a%00b",
-                           "/d2/storage/pool-a/a//b", "/d2/storage/pool-a/.~tmp/x"})
+  for (const char* path : {"/d2/storage/pool-a/a/%2E%2E/%2E%2E/x", "/d2/storage/pool-a/%2E%2E",
+                           "/d2/storage/pool-a/a%00b", "/d2/storage/pool-a/a//b", "/d2/storage/pool-a/.~tmp/x"})
   {
     auto put = c.Put(path, "data", "application/octet-stream");
     ASSERT_TRUE(put) << path;
@@ -276,20 +277,22 @@ TEST_F(Backupd_Test, ServesManyClientsAtOnce)
   std::vector<std::thread> threads;
   std::atomic<int> ok{0};
   for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&, t] {
-      auto c = client();
-      for (int i = 0; i < 10; ++i)
+    threads.emplace_back(
+      [&, t]
       {
-        std::string name = "/d2/storage/pool-a/t" + std::to_string(t) + "/o" + std::to_string(i);
-        std::string body(1000 + t * 100 + i, static_cast<char>('a' + t));
-        auto put = c.Put(name.c_str(), body, "application/octet-stream");
-        auto got = c.Get(name.c_str());
-        json answer;
-        if (put && put->status == 201 && got && got->body == body &&
-            post(c, record("c" + std::to_string(t) + "-" + std::to_string(i), "conc", i, t)) == 201)
-          ++ok;
-      }
-    });
+        auto c = client();
+        for (int i = 0; i < 10; ++i)
+        {
+          std::string name = "/d2/storage/pool-a/t" + std::to_string(t) + "/o" + std::to_string(i);
+          std::string body(1000 + t * 100 + i, static_cast<char>('a' + t));
+          auto put = c.Put(name.c_str(), body, "application/octet-stream");
+          auto got = c.Get(name.c_str());
+          json answer;
+          if (put && put->status == 201 && got && got->body == body &&
+              post(c, record("c" + std::to_string(t) + "-" + std::to_string(i), "conc", i, t)) == 201)
+            ++ok;
+        }
+      });
   for (auto& t : threads)
     t.join();
   EXPECT_EQ(ok, 80);

@@ -22,9 +22,17 @@ TEST(Catalog_Query, DefaultsAndFiltersInOrderGiven)
 TEST(Catalog_Query, RefusesBadSortOrderAndNumbers)
 {
   const std::multimap<std::string, std::string> bad[] = {
-      {{"sort", "record"}},   {{"sort", "rev; DROP TABLE sets"}}, {{"order", "up"}},       {{"offset", "-1"}},
-      {{"offset", "1e3"}},    {{"offset", ""}},                   {{"limit", "1001"}},     {{"limit", " 5"}},
-      {{"limit", "99999999999999999999"}},                        {{"colour", "blue"}},    {{"limit", "0x10"}},
+    {{"sort", "record"}},
+    {{"sort", "rev; DROP TABLE sets"}},
+    {{"order", "up"}},
+    {{"offset", "-1"}},
+    {{"offset", "1e3"}},
+    {{"offset", ""}},
+    {{"limit", "1001"}},
+    {{"limit", " 5"}},
+    {{"limit", "99999999999999999999"}},
+    {{"colour", "blue"}},
+    {{"limit", "0x10"}},
   };
   for (const auto& params : bad)
   {

@@ -10,7 +10,8 @@
 using namespace exo_sim_test;
 using json = nlohmann::ordered_json;
 
-namespace {
+namespace
+{
 
 const char* const E = "http://schemas.microsoft.com/exchange/services/2006/errors";
 
@@ -57,10 +58,12 @@ TEST(ExoSimFaults, DecisionsAreDeterministicFromTheSeed)
   exo_sim::Fault_Settings f;
   f.busy_rate = 0.5;
   f.fault_seed = 7;
-  auto run = [&f] {
+  auto run = [&f]
+  {
     Sim_Fixture sim(with_faults(f));
     std::vector<long> statuses;
-    for (int k = 0; k < 24; ++k) statuses.push_back(sim.ews(inbox_list()).status);
+    for (int k = 0; k < 24; ++k)
+      statuses.push_back(sim.ews(inbox_list()).status);
     return statuses;
   };
   auto first = run();
@@ -158,9 +161,11 @@ TEST(ExoSimFaults, ConcurrencyLimitPerMailboxThrottles)
   for (int k = 0; k < 4; ++k)
     calls.push_back(std::async(std::launch::async, [&sim, &token] { return sim.ews(inbox_list(), k_admin, token); }));
   int ok = 0, busy = 0;
-  for (auto& c : calls) {
+  for (auto& c : calls)
+  {
     Http_Result r = c.get();
-    if (r.status == 200) ++ok;
+    if (r.status == 200)
+      ++ok;
     if (r.status == 500 && r.body.find("MaxConcurrency") != std::string::npos &&
         r.body.find("ErrorServerBusy") != std::string::npos)
       ++busy;
@@ -196,7 +201,8 @@ TEST(ExoSimControl, FaultSettingsAndCounters)
   EXPECT_EQ(current["busy_rate"], 0);
 
   http_request("POST", sim.base() + "/_sim/reset", "", {});
-  for (int k = 0; k < 3; ++k) sim.ews(find_item_body(distinguished("inbox"), 0, 2));
+  for (int k = 0; k < 3; ++k)
+    sim.ews(find_item_body(distinguished("inbox"), 0, 2));
   sim.ews(inbox_list());
   sim.graph_users("");
   json s = sim.status();

@@ -10,27 +10,32 @@
 
 using namespace exo_sim_test;
 
-namespace {
+namespace
+{
 
 const char* const S = "http://schemas.xmlsoap.org/soap/envelope/";
 const char* const E = "http://schemas.microsoft.com/exchange/services/2006/errors";
 
 std::string child_text(const pugi::xml_node& node, const char* local)
 {
-  for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling()) {
+  for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
+  {
     std::string name = c.name();
     auto colon = name.find(':');
-    if ((colon == std::string::npos ? name : name.substr(colon + 1)) == local) return c.text().get();
+    if ((colon == std::string::npos ? name : name.substr(colon + 1)) == local)
+      return c.text().get();
   }
   return "";
 }
 
 bool has_child(const pugi::xml_node& node, const char* local)
 {
-  for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling()) {
+  for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling())
+  {
     std::string name = c.name();
-    if (name == local || (name.size() > strlen(local) && name.compare(name.size() - strlen(local) - 1, std::string::npos,
-                                                                     std::string(":") + local) == 0))
+    if (name == local ||
+        (name.size() > strlen(local) &&
+         name.compare(name.size() - strlen(local) - 1, std::string::npos, std::string(":") + local) == 0))
       return true;
   }
   return false;
@@ -92,11 +97,13 @@ TEST(ExoSimFindFolder, ShallowFromMsgFolderRootListsWellKnownFoldersByType)
   auto folders = d.all(T, "Folder");
   ASSERT_EQ(folders.size(), 8u);  // 6 mail folders, Notes, Journal
   EXPECT_EQ(child_text(folders[0], "DisplayName"), "Inbox");
-  for (const auto& f : folders) {
+  for (const auto& f : folders)
+  {
     pugi::xml_node id = f.child("t:FolderId");
     EXPECT_FALSE(std::string(id.attribute("Id").value()).empty());
     EXPECT_FALSE(std::string(id.attribute("ChangeKey").value()).empty());
-    for (const char* p : {"DisplayName", "TotalCount", "ChildFolderCount", "UnreadCount"}) EXPECT_TRUE(has_child(f, p)) << p;
+    for (const char* p : {"DisplayName", "TotalCount", "ChildFolderCount", "UnreadCount"})
+      EXPECT_TRUE(has_child(f, p)) << p;
   }
   auto calendars = d.all(T, "CalendarFolder");
   ASSERT_EQ(calendars.size(), 1u);
@@ -115,7 +122,8 @@ TEST(ExoSimFindFolder, DeepTraversalAgreesWithChildCountsAndShapes)
   parse_soap(sim.ews(find_folder_body(distinguished("inbox"), "Deep", "AllProperties")).body, deep);
   std::map<std::string, int> children_seen, child_count;
   std::set<std::string> names;
-  for (const auto& f : deep.all(T, "Folder")) {
+  for (const auto& f : deep.all(T, "Folder"))
+  {
     std::string id = f.child("t:FolderId").attribute("Id").value();
     child_count[id] = std::stoi(child_text(f, "ChildFolderCount"));
     children_seen[f.child("t:ParentFolderId").attribute("Id").value()]++;
@@ -125,9 +133,11 @@ TEST(ExoSimFindFolder, DeepTraversalAgreesWithChildCountsAndShapes)
   for (const char* awkward : {"Empty", "Exactly one page", "Large items", "Sales/Marketing 100% (a%20b)"})
     EXPECT_TRUE(names.count(awkward)) << awkward;
   bool unicode = false;
-  for (const auto& n : names) unicode = unicode || static_cast<unsigned char>(n[0]) >= 0x80;
+  for (const auto& n : names)
+    unicode = unicode || static_cast<unsigned char>(n[0]) >= 0x80;
   EXPECT_TRUE(unicode) << "a folder with a Unicode name";
-  for (const auto& kv : child_count) EXPECT_EQ(kv.second, children_seen[kv.first]) << kv.first;
+  for (const auto& kv : child_count)
+    EXPECT_EQ(kv.second, children_seen[kv.first]) << kv.first;
 
   // The shallow listing of the inbox holds exactly the inbox's direct children.
   std::string inbox = folder_id_by_name(sim, "Inbox");
@@ -136,7 +146,8 @@ TEST(ExoSimFindFolder, DeepTraversalAgreesWithChildCountsAndShapes)
   auto direct = shallow.all(T, "Folder");
   EXPECT_EQ(int(direct.size()), children_seen[inbox]);
   EXPECT_LT(direct.size(), deep.all(T, "Folder").size());
-  for (const auto& f : direct) EXPECT_FALSE(has_child(f, "DisplayName")) << "IdOnly returns ids only";
+  for (const auto& f : direct)
+    EXPECT_FALSE(has_child(f, "DisplayName")) << "IdOnly returns ids only";
 }
 
 TEST(ExoSimFindFolder, IndexedPageFolderViewPages)
@@ -159,14 +170,16 @@ TEST(ExoSimFindFolder, UnknownAndMalformedFolderIdsGetErrorResponses)
   std::string foreign = folder_id_by_name(sim, "Inbox", "alice.archer@demo.exosim.test");
   ASSERT_NE(good, foreign);
   Soap_Doc d;
-  parse_soap(sim.ews(find_folder_body(folder_id("not base64 !") + folder_id(foreign) + folder_id(good) +
-                                      distinguished("archiveroot")))
-                 .body,
+  parse_soap(sim
+               .ews(find_folder_body(folder_id("not base64 !") + folder_id(foreign) + folder_id(good) +
+                                     distinguished("archiveroot")))
+               .body,
              d);
   auto msgs = messages(d, "FindFolder");
   ASSERT_EQ(msgs.size(), 4u);
   std::vector<std::string> codes;
-  for (const auto& m : msgs) codes.push_back(child_text(m, "ResponseCode"));
+  for (const auto& m : msgs)
+    codes.push_back(child_text(m, "ResponseCode"));
   EXPECT_EQ(codes, (std::vector<std::string>{"ErrorInvalidIdMalformed", "ErrorFolderNotFound", "NoError",
                                              "ErrorFolderNotFound"}));
   EXPECT_STREQ(msgs[0].attribute("ResponseClass").value(), "Error");
@@ -209,14 +222,16 @@ TEST(ExoSimFindItem, PagingVisitsEveryItemOnceWithTypedElements)
   std::set<std::string> kinds;
   std::set<std::string> subjects_seen;
   int empty_subjects = 0;
-  for (const char* folder : {"Inbox", "Calendar", "Contacts", "Tasks", "Notes", "Exactly one page"}) {
+  for (const char* folder : {"Inbox", "Calendar", "Contacts", "Tasks", "Notes", "Exactly one page"})
+  {
     std::string id = folder_id_by_name(sim, folder);
     auto ids = all_item_ids(sim, id, 3);
     EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size()) << folder;
     Soap_Doc d;
     parse_soap(sim.ews(find_item_body(folder_id(id), 0, 1000)).body, d);
     EXPECT_EQ(d.all(T, "ItemId").size(), ids.size()) << folder;
-    for (pugi::xml_node items = d.first(T, "Items"), item = items.first_child(); item; item = item.next_sibling()) {
+    for (pugi::xml_node items = d.first(T, "Items"), item = items.first_child(); item; item = item.next_sibling())
+    {
       std::string name = item.name();
       kinds.insert(name.substr(name.find(':') + 1));
       pugi::xml_node item_id = item.child("t:ItemId");
@@ -224,15 +239,26 @@ TEST(ExoSimFindItem, PagingVisitsEveryItemOnceWithTypedElements)
       EXPECT_TRUE(has_child(item, "DateTimeCreated"));
       EXPECT_TRUE(has_child(item, "LastModifiedTime"));
       EXPECT_EQ(child_text(item, "DateTimeCreated").back(), 'Z');
-      if (!has_child(item, "Subject")) ++empty_subjects;
+      if (!has_child(item, "Subject"))
+        ++empty_subjects;
       subjects_seen.insert(child_text(item, "Subject"));
     }
   }
-  for (const char* k : {"Message", "CalendarItem", "Contact", "Task", "Item"}) EXPECT_TRUE(kinds.count(k)) << k;
-  const std::set<std::string> allowed = {"Message", "CalendarItem", "Contact", "DistributionList", "MeetingRequest",
-                                         "MeetingResponse", "MeetingCancellation", "MeetingMessage", "Task",
-                                         "PostItem", "Item"};
-  for (const auto& k : kinds) EXPECT_TRUE(allowed.count(k)) << k;
+  for (const char* k : {"Message", "CalendarItem", "Contact", "Task", "Item"})
+    EXPECT_TRUE(kinds.count(k)) << k;
+  const std::set<std::string> allowed = {"Message",
+                                         "CalendarItem",
+                                         "Contact",
+                                         "DistributionList",
+                                         "MeetingRequest",
+                                         "MeetingResponse",
+                                         "MeetingCancellation",
+                                         "MeetingMessage",
+                                         "Task",
+                                         "PostItem",
+                                         "Item"};
+  for (const auto& k : kinds)
+    EXPECT_TRUE(allowed.count(k)) << k;
   EXPECT_GT(subjects_seen.size(), 3u);
 }
 
@@ -357,7 +383,8 @@ TEST(ExoSimEnvelope, RequestServerVersionIsChecked)
   for (const char* ok : {"Exchange2007", "Exchange2007_SP1", "Exchange2010", "Exchange2010_SP1", "Exchange2013_SP1",
                          "Exchange2016", "V2017_04_14", "V2018_01_08", ""})
     EXPECT_EQ(sim.ews(body, k_admin, "", ok).status, 200) << ok;
-  for (const char* bad : {"Exchange2007_SP2", "Exchange2019", "Exchange2099", "exchange2016"}) {
+  for (const char* bad : {"Exchange2007_SP2", "Exchange2019", "Exchange2099", "exchange2016"})
+  {
     SCOPED_TRACE(bad);
     expect_fault(sim.ews(body, k_admin, "", bad), "ErrorInvalidServerVersion");
   }
@@ -381,16 +408,17 @@ TEST(ExoSimEnvelope, ImpersonationAndAnchorMailbox)
   EXPECT_EQ(sim.status()["anchor_mailbox_missing"].get<long>(), before + 1);
   // SmtpAddress and PrincipalName forms, and another prefix for every namespace.
   std::string envelope =
-      "<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"><e:Header>"
-      "<RequestServerVersion xmlns=\"http://schemas.microsoft.com/exchange/services/2006/types\" Version=\"Exchange2016\"/>"
-      "<x:ExchangeImpersonation xmlns:x=\"http://schemas.microsoft.com/exchange/services/2006/types\"><x:ConnectingSID>"
-      "<x:SmtpAddress>alice.archer@demo.exosim.test</x:SmtpAddress></x:ConnectingSID></x:ExchangeImpersonation>"
-      "</e:Header><e:Body><FindFolder xmlns=\"http://schemas.microsoft.com/exchange/services/2006/messages\" "
-      "xmlns:y=\"http://schemas.microsoft.com/exchange/services/2006/types\" Traversal=\"Shallow\"><FolderShape>"
-      "<y:BaseShape>IdOnly</y:BaseShape></FolderShape><ParentFolderIds><y:DistinguishedFolderId Id=\"inbox\"/>"
-      "</ParentFolderIds></FindFolder></e:Body></e:Envelope>";
-  Http_Result r = sim.ews_raw(envelope, {"Authorization: Bearer " + sim.token(k_ews_scope),
-                                         "X-AnchorMailbox: alice.archer@demo.exosim.test"});
+    "<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"><e:Header>"
+    "<RequestServerVersion xmlns=\"http://schemas.microsoft.com/exchange/services/2006/types\" "
+    "Version=\"Exchange2016\"/>"
+    "<x:ExchangeImpersonation xmlns:x=\"http://schemas.microsoft.com/exchange/services/2006/types\"><x:ConnectingSID>"
+    "<x:SmtpAddress>alice.archer@demo.exosim.test</x:SmtpAddress></x:ConnectingSID></x:ExchangeImpersonation>"
+    "</e:Header><e:Body><FindFolder xmlns=\"http://schemas.microsoft.com/exchange/services/2006/messages\" "
+    "xmlns:y=\"http://schemas.microsoft.com/exchange/services/2006/types\" Traversal=\"Shallow\"><FolderShape>"
+    "<y:BaseShape>IdOnly</y:BaseShape></FolderShape><ParentFolderIds><y:DistinguishedFolderId Id=\"inbox\"/>"
+    "</ParentFolderIds></FindFolder></e:Body></e:Envelope>";
+  Http_Result r = sim.ews_raw(
+    envelope, {"Authorization: Bearer " + sim.token(k_ews_scope), "X-AnchorMailbox: alice.archer@demo.exosim.test"});
   EXPECT_EQ(r.status, 200) << r.body;
   Soap_Doc d;
   parse_soap(r.body, d);
@@ -408,10 +436,12 @@ TEST(ExoSimEnvelope, MalformedXmlAndUnknownOperationsGetFaults)
                            "</soap:Body></soap:Envelope>",
                            {token}),
                "ErrorSchemaValidation");
-  expect_fault(sim.ews_raw(soap_envelope(impersonation_header(k_admin), "just text"), {token}), "ErrorSchemaValidation");
+  expect_fault(sim.ews_raw(soap_envelope(impersonation_header(k_admin), "just text"), {token}),
+               "ErrorSchemaValidation");
   expect_fault(sim.ews("<m:FindFolder Traversal=\"Deep\"><m:FolderShape><t:BaseShape>IdOnly</t:BaseShape>"
                        "</m:FolderShape><m:IndexedPageFolderView MaxEntriesReturned=\"-1\" Offset=\"x\"/>"
-                       "<m:ParentFolderIds>" + distinguished("inbox") + "</m:ParentFolderIds></m:FindFolder>"),
+                       "<m:ParentFolderIds>" +
+                       distinguished("inbox") + "</m:ParentFolderIds></m:FindFolder>"),
                "ErrorSchemaValidation");
   expect_fault(sim.ews("<m:GetItem><m:ItemShape/></m:GetItem>"), "ErrorInvalidRequest");
   expect_fault(sim.ews("<m:FindItem Traversal=\"Sideways\"/>"), "ErrorSchemaValidation");
@@ -425,8 +455,8 @@ TEST(ExoSimEnvelope, BasicAuthAccountsUseTheirOwnMailbox)
   exo_sim::Sim_Options o = tiny_options();
   o.tenant.basic_accounts.push_back({"alice.archer@demo.exosim.test", "Passw0rd!"});
   Sim_Fixture sim(o);
-  std::string envelope = soap_envelope("<t:RequestServerVersion Version=\"Exchange2010_SP1\"/>",
-                                       find_folder_body(distinguished("inbox")));
+  std::string envelope =
+    soap_envelope("<t:RequestServerVersion Version=\"Exchange2010_SP1\"/>", find_folder_body(distinguished("inbox")));
   std::string good = "Authorization: Basic " + exo_sim::base64_encode("alice.archer@demo.exosim.test:Passw0rd!");
   std::string bad = "Authorization: Basic " + exo_sim::base64_encode("alice.archer@demo.exosim.test:nope");
   EXPECT_EQ(sim.ews_raw(envelope, {good}).status, 200);
@@ -439,7 +469,8 @@ TEST(ExoSimUploadItems, UpdateActionsAndAssociatedItems)
   std::string drafts = folder_id_by_name(sim, "Drafts");
   std::string inbox = folder_id_by_name(sim, "Inbox");
   int before = int(all_item_ids(sim, drafts, 100).size());
-  auto upload = [&](const std::string& item_xml) {
+  auto upload = [&](const std::string& item_xml)
+  {
     Soap_Doc d;
     parse_soap(sim.ews("<m:UploadItems><m:Items>" + item_xml + "</m:Items></m:UploadItems>").body, d);
     auto msgs = d.all(M, "UploadItemsResponseMessage");

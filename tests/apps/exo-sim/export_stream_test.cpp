@@ -29,14 +29,16 @@ TEST(ExoSimExportStream, AnyRangeMatchesTheWholeBody)
   // Ranges that start and end inside 4-character groups, across parts, and past the end.
   const uint64_t starts[] = {0, 1, 5, 6, 7, 9, 400001, 400003, whole.size() - 3};
   for (uint64_t start : starts)
-    for (size_t n : {size_t(1), size_t(2), size_t(5), size_t(65537)}) {
+    for (size_t n : {size_t(1), size_t(2), size_t(5), size_t(65537)})
+    {
       std::string piece;
       stream.read(start, n, piece);
       EXPECT_TRUE(piece == whole.substr(size_t(start), n)) << start << "+" << n;
     }
   // Pieces read in order add up to the body, as the server sends it.
   std::string pieces;
-  for (uint64_t off = 0; off < stream.size(); off += 4099) stream.read(off, 4099, pieces);
+  for (uint64_t off = 0; off < stream.size(); off += 4099)
+    stream.read(off, 4099, pieces);
   EXPECT_TRUE(pieces == whole);
 
   stream.cut(100000, "|cut");
@@ -56,17 +58,20 @@ TEST(ExoSimExportStream, LargeProfileSpreadsItemsFrom25To150MiB)
   std::string folder = folder_id_by_name(sim, "Large items");
   ASSERT_FALSE(folder.empty());
   Soap_Doc d;
-  parse_soap(sim.ews("<m:FindItem Traversal=\"Shallow\"><m:ItemShape><t:BaseShape>IdOnly</t:BaseShape>"
-                     "<t:AdditionalProperties><t:FieldURI FieldURI=\"item:Size\"/></t:AdditionalProperties>"
-                     "</m:ItemShape><m:ParentFolderIds>" + folder_id(folder) + "</m:ParentFolderIds></m:FindItem>")
-                 .body,
+  parse_soap(sim
+               .ews("<m:FindItem Traversal=\"Shallow\"><m:ItemShape><t:BaseShape>IdOnly</t:BaseShape>"
+                    "<t:AdditionalProperties><t:FieldURI FieldURI=\"item:Size\"/></t:AdditionalProperties>"
+                    "</m:ItemShape><m:ParentFolderIds>" +
+                    folder_id(folder) + "</m:ParentFolderIds></m:FindItem>")
+               .body,
              d);
   auto sizes = d.all(T, "Size");
   ASSERT_EQ(sizes.size(), 4u);
   const long long mib = 1024 * 1024;
   EXPECT_EQ(std::stoll(sizes[0].text().get()), 150 * mib);
   long long smallest = 150 * mib;
-  for (const auto& s : sizes) {
+  for (const auto& s : sizes)
+  {
     long long v = std::stoll(s.text().get());
     EXPECT_GE(v, 25 * mib);
     EXPECT_LE(v, 150 * mib);

@@ -7,7 +7,8 @@
 #include <functional>
 #include <stdexcept>
 
-namespace exo_sim_test {
+namespace exo_sim_test
+{
 
 const char* const k_tenant_id = "8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04";
 const char* const k_client_id = "3f2b8c1e-5a4d-4c6f-8e7b-9a0d1c2e3f45";
@@ -18,7 +19,8 @@ const char* const k_admin = "admin@demo.exosim.test";
 const char* const M = "http://schemas.microsoft.com/exchange/services/2006/messages";
 const char* const T = "http://schemas.microsoft.com/exchange/services/2006/types";
 
-namespace {
+namespace
+{
 
 size_t append_cb(char* data, size_t size, size_t n, void* out)
 {
@@ -29,7 +31,8 @@ size_t append_cb(char* data, size_t size, size_t n, void* out)
 std::string lower(std::string s)
 {
   for (auto& c : s)
-    if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    if (c >= 'A' && c <= 'Z')
+      c = char(c - 'A' + 'a');
   return s;
 }
 
@@ -39,7 +42,8 @@ std::string ns_of(const pugi::xml_node& node)
   auto colon = name.find(':');
   std::string attr = colon == std::string::npos ? "xmlns" : "xmlns:" + name.substr(0, colon);
   for (pugi::xml_node n = node; n && n.type() == pugi::node_element; n = n.parent())
-    if (n.attribute(attr.c_str())) return n.attribute(attr.c_str()).value();
+    if (n.attribute(attr.c_str()))
+      return n.attribute(attr.c_str()).value();
   return "";
 }
 
@@ -55,14 +59,17 @@ std::string Http_Result::header(const std::string& name) const
 {
   std::string want = lower(name) + ":";
   size_t pos = 0;
-  while (pos < headers.size()) {
+  while (pos < headers.size())
+  {
     size_t eol = headers.find("\r\n", pos);
     std::string line = headers.substr(pos, eol == std::string::npos ? std::string::npos : eol - pos);
-    if (lower(line).compare(0, want.size(), want) == 0) {
+    if (lower(line).compare(0, want.size(), want) == 0)
+    {
       std::string v = line.substr(want.size());
       return v.substr(v.find_first_not_of(' ') == std::string::npos ? v.size() : v.find_first_not_of(' '));
     }
-    if (eol == std::string::npos) break;
+    if (eol == std::string::npos)
+      break;
     pos = eol + 2;
   }
   return "";
@@ -74,7 +81,8 @@ Http_Result http_request(const std::string& method, const std::string& url, cons
   Http_Result r;
   CURL* curl = curl_easy_init();
   curl_slist* list = nullptr;
-  for (const auto& h : headers) list = curl_slist_append(list, h.c_str());
+  for (const auto& h : headers)
+    list = curl_slist_append(list, h.c_str());
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append_cb);
@@ -83,7 +91,8 @@ Http_Result http_request(const std::string& method, const std::string& url, cons
   curl_easy_setopt(curl, CURLOPT_HEADERDATA, &r.headers);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_TIMEOUT, 60L);
-  if (method == "POST") {
+  if (method == "POST")
+  {
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
     curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
@@ -110,11 +119,14 @@ Sim_Fixture::Sim_Fixture(const exo_sim::Sim_Options& options)
 {
   server_.reset(new exo_sim::Sim_Server(options, nullptr));
   std::string error;
-  if (!server_->load_state(error)) throw std::runtime_error(error);
+  if (!server_->load_state(error))
+    throw std::runtime_error(error);
   port_ = server_->bind();
-  if (port_ <= 0) throw std::runtime_error("cannot bind");
+  if (port_ <= 0)
+    throw std::runtime_error("cannot bind");
   thread_ = std::thread([this] { server_->run(); });
-  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  while (!server_->is_running())
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
 }
 
 Sim_Fixture::~Sim_Fixture()
@@ -137,22 +149,26 @@ std::string Sim_Fixture::token(const std::string& scope)
   curl_free(enc);
   Http_Result r = token_request(form);
   auto j = nlohmann::ordered_json::parse(r.body, nullptr, false);
-  if (r.status != 200 || j.is_discarded()) throw std::runtime_error("token request failed: " + r.body);
+  if (r.status != 200 || j.is_discarded())
+    throw std::runtime_error("token request failed: " + r.body);
   return j["access_token"].get<std::string>();
 }
 
 std::string soap_envelope(const std::string& header, const std::string& body)
 {
-  return std::string("<?xml version=\"1.0\" encoding=\"utf-8\"?>"
-                     "<soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-                     "xmlns:t=\"") + T + "\" xmlns:m=\"" + M + "\"><soap:Header>" + header +
-         "</soap:Header><soap:Body>" + body + "</soap:Body></soap:Envelope>";
+  return std::string(
+           "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
+           "<soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+           "xmlns:t=\"") +
+         T + "\" xmlns:m=\"" + M + "\"><soap:Header>" + header + "</soap:Header><soap:Body>" + body +
+         "</soap:Body></soap:Envelope>";
 }
 
 std::string impersonation_header(const std::string& mailbox, const std::string& version, const std::string& form)
 {
   std::string h;
-  if (!version.empty()) h += "<t:RequestServerVersion Version=\"" + version + "\"/>";
+  if (!version.empty())
+    h += "<t:RequestServerVersion Version=\"" + version + "\"/>";
   if (!mailbox.empty())
     h += "<t:ExchangeImpersonation><t:ConnectingSID><t:" + form + ">" + mailbox + "</t:" + form +
          "></t:ConnectingSID></t:ExchangeImpersonation>";
@@ -167,27 +183,32 @@ Http_Result Sim_Fixture::ews_raw(const std::string& envelope, const std::vector<
 Http_Result Sim_Fixture::ews(const std::string& body, const std::string& mailbox, const std::string& token,
                              const std::string& version, bool anchor)
 {
-  if (token.empty() && ews_token_.empty()) ews_token_ = this->token(k_ews_scope);
+  if (token.empty() && ews_token_.empty())
+    ews_token_ = this->token(k_ews_scope);
   std::vector<std::string> headers = {"Content-Type: text/xml; charset=utf-8",
                                       "Authorization: Bearer " + (token.empty() ? ews_token_ : token)};
-  if (anchor) headers.push_back("X-AnchorMailbox: " + mailbox);
+  if (anchor)
+    headers.push_back("X-AnchorMailbox: " + mailbox);
   return ews_raw(soap_envelope(impersonation_header(mailbox, version), body), headers);
 }
 
 Http_Result Sim_Fixture::ews_as(const std::string& form, const std::string& address, const std::string& body,
                                 const std::string& anchor)
 {
-  if (ews_token_.empty()) ews_token_ = token(k_ews_scope);
-  return ews_raw(soap_envelope(impersonation_header(address, "Exchange2016", form), body),
-                 {"Content-Type: text/xml; charset=utf-8", "Authorization: Bearer " + ews_token_,
-                  "X-AnchorMailbox: " + anchor});
+  if (ews_token_.empty())
+    ews_token_ = token(k_ews_scope);
+  return ews_raw(
+    soap_envelope(impersonation_header(address, "Exchange2016", form), body),
+    {"Content-Type: text/xml; charset=utf-8", "Authorization: Bearer " + ews_token_, "X-AnchorMailbox: " + anchor});
 }
 
 Http_Result Sim_Fixture::graph_users(const std::string& query, bool eventual, const std::string& token)
 {
-  if (token.empty() && graph_token_.empty()) graph_token_ = this->token(k_graph_scope);
+  if (token.empty() && graph_token_.empty())
+    graph_token_ = this->token(k_graph_scope);
   std::vector<std::string> headers = {"Authorization: Bearer " + (token.empty() ? graph_token_ : token)};
-  if (eventual) headers.push_back("ConsistencyLevel: eventual");
+  if (eventual)
+    headers.push_back("ConsistencyLevel: eventual");
   return http_request("GET", base() + "/v1.0/users" + (query.empty() ? "" : "?" + query), "", headers);
 }
 
@@ -222,14 +243,15 @@ std::string find_item_body(const std::string& parent_xml, int offset, int max, c
 std::string export_items_body(const std::vector<std::string>& ids)
 {
   std::string b = "<m:ExportItems><m:ItemIds>";
-  for (const auto& id : ids) b += "<t:ItemId Id=\"" + id + "\"/>";
+  for (const auto& id : ids)
+    b += "<t:ItemId Id=\"" + id + "\"/>";
   return b + "</m:ItemIds></m:ExportItems>";
 }
 
 std::string upload_item_xml(const std::string& parent_id, const std::string& base64_data, const std::string& action)
 {
-  return "<t:Item CreateAction=\"" + action + "\"><t:ParentFolderId Id=\"" + parent_id + "\"/><t:Data>" +
-         base64_data + "</t:Data></t:Item>";
+  return "<t:Item CreateAction=\"" + action + "\"><t:ParentFolderId Id=\"" + parent_id + "\"/><t:Data>" + base64_data +
+         "</t:Data></t:Item>";
 }
 
 std::string create_folder_body(const std::string& parent_xml, const std::string& name, const std::string& element)
@@ -241,10 +263,14 @@ std::string create_folder_body(const std::string& parent_xml, const std::string&
 std::vector<pugi::xml_node> Soap_Doc::all(const char* ns, const char* local) const
 {
   std::vector<pugi::xml_node> out;
-  std::function<void(pugi::xml_node)> walk = [&](pugi::xml_node n) {
-    for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling()) {
-      if (c.type() != pugi::node_element) continue;
-      if (local_of(c) == local && ns_of(c) == ns) out.push_back(c);
+  std::function<void(pugi::xml_node)> walk = [&](pugi::xml_node n)
+  {
+    for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling())
+    {
+      if (c.type() != pugi::node_element)
+        continue;
+      if (local_of(c) == local && ns_of(c) == ns)
+        out.push_back(c);
       walk(c);
     }
   };
@@ -273,23 +299,27 @@ std::string folder_id_by_name(Sim_Fixture& sim, const std::string& name, const s
       for (pugi::xml_node c = f.first_child(); c; c = c.next_sibling())
         if (local_of(c) == "DisplayName" && name == c.text().get())
           for (pugi::xml_node k = f.first_child(); k; k = k.next_sibling())
-            if (local_of(k) == "FolderId") return k.attribute("Id").value();
+            if (local_of(k) == "FolderId")
+              return k.attribute("Id").value();
   return "";
 }
 
-std::vector<std::string> all_item_ids(Sim_Fixture& sim, const std::string& folder, int page,
-                                      const std::string& mailbox)
+std::vector<std::string> all_item_ids(Sim_Fixture& sim, const std::string& folder, int page, const std::string& mailbox)
 {
   std::vector<std::string> ids;
   int offset = 0;
-  for (int guard = 0; guard < 10000; ++guard) {
+  for (int guard = 0; guard < 10000; ++guard)
+  {
     Soap_Doc d;
     parse_soap(sim.ews(find_item_body(folder_id(folder), offset, page), mailbox).body, d);
     pugi::xml_node root = d.first(M, "RootFolder");
-    if (!root) break;
-    for (const auto& id : d.all(T, "ItemId")) ids.push_back(id.attribute("Id").value());
+    if (!root)
+      break;
+    for (const auto& id : d.all(T, "ItemId"))
+      ids.push_back(id.attribute("Id").value());
     offset = root.attribute("IndexedPagingOffset").as_int();
-    if (std::string(root.attribute("IncludesLastItemInRange").value()) == "true") break;
+    if (std::string(root.attribute("IncludesLastItemInRange").value()) == "true")
+      break;
   }
   return ids;
 }

@@ -12,9 +12,11 @@
 #include "apps/exo-sim/sim_options.h"
 #include "apps/exo-sim/sim_server.h"
 
-namespace exo_sim_test {
+namespace exo_sim_test
+{
 
-struct Http_Result {
+struct Http_Result
+{
   long status = 0;
   std::string body;
   std::string headers;  // raw response header block
@@ -35,8 +37,9 @@ extern const char* const k_admin;
 // Options of a small, fast data set (the "tiny" profile).
 exo_sim::Sim_Options tiny_options();
 
-class Sim_Fixture {
- public:
+class Sim_Fixture
+{
+public:
   explicit Sim_Fixture(const exo_sim::Sim_Options& options = tiny_options());
   ~Sim_Fixture();
 
@@ -58,7 +61,7 @@ class Sim_Fixture {
   Http_Result graph_users(const std::string& query, bool eventual = true, const std::string& token = "");
   nlohmann::ordered_json status();
 
- private:
+private:
   std::unique_ptr<exo_sim::Sim_Server> server_;
   std::thread thread_;
   int port_ = 0;
@@ -84,7 +87,8 @@ std::string distinguished(const std::string& id);
 std::string folder_id(const std::string& id);
 
 // Parsed SOAP response; elements are found by namespace URI + local name.
-struct Soap_Doc {
+struct Soap_Doc
+{
   pugi::xml_document doc;
   bool ok = false;
   // Every element with that local name in the messages (m) or types (t) namespace, document order.

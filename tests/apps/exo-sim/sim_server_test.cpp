@@ -9,7 +9,8 @@
 
 using namespace exo_sim_test;
 
-namespace {
+namespace
+{
 
 size_t discard_cb(char*, size_t size, size_t n, void*) { return size * n; }
 
@@ -34,13 +35,15 @@ TEST(ExoSimServer, TwoHundredRequestsShareOneKeptAliveConnection)
   curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
   long connects = 0, answered = 0;
   std::set<long> local_ports;
-  for (int k = 0; k < 200; ++k) {
+  for (int k = 0; k < 200; ++k)
+  {
     ASSERT_EQ(curl_easy_perform(curl), CURLE_OK) << "request " << k;
     long status = 0, made = 0, port = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(curl, CURLINFO_NUM_CONNECTS, &made);
     curl_easy_getinfo(curl, CURLINFO_LOCAL_PORT, &port);
-    if (status == 200) ++answered;
+    if (status == 200)
+      ++answered;
     connects += made;
     local_ports.insert(port);
   }

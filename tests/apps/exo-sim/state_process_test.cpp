@@ -19,10 +19,12 @@ extern char** environ;
 using namespace exo_sim_test;
 using json = nlohmann::ordered_json;
 
-namespace {
+namespace
+{
 
 // A fresh directory under /tmp, removed with its contents when the test ends (also on failure).
-struct Temp_Dir {
+struct Temp_Dir
+{
   std::string path;
   Temp_Dir()
   {
@@ -32,7 +34,8 @@ struct Temp_Dir {
   }
   ~Temp_Dir()
   {
-    if (path.rfind("/tmp/exo-sim-test-", 0) == 0) std::system(("rm -rf '" + path + "'").c_str());
+    if (path.rfind("/tmp/exo-sim-test-", 0) == 0)
+      std::system(("rm -rf '" + path + "'").c_str());
   }
 };
 
@@ -46,7 +49,8 @@ std::string export_data(Sim_Fixture& sim, const std::string& id)
 }
 
 // A child exo-sim process with its stdout on a pipe.
-struct Child {
+struct Child
+{
   pid_t pid = -1;
   FILE* out = nullptr;
   std::string first_line;
@@ -54,7 +58,8 @@ struct Child {
   bool start(const std::vector<std::string>& args)
   {
     int fds[2];
-    if (pipe(fds) != 0) return false;
+    if (pipe(fds) != 0)
+      return false;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
@@ -62,31 +67,36 @@ struct Child {
     std::vector<char*> argv;
     std::vector<std::string> all = {EXO_SIM_BINARY};
     all.insert(all.end(), args.begin(), args.end());
-    for (auto& a : all) argv.push_back(&a[0]);
+    for (auto& a : all)
+      argv.push_back(&a[0]);
     argv.push_back(nullptr);
     int rc = posix_spawn(&pid, EXO_SIM_BINARY, &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(fds[1]);
-    if (rc != 0) {
+    if (rc != 0)
+    {
       close(fds[0]);
       pid = -1;
       return false;
     }
     out = fdopen(fds[0], "r");
     char line[256] = {0};
-    if (fgets(line, sizeof line, out)) first_line = line;
+    if (fgets(line, sizeof line, out))
+      first_line = line;
     return true;
   }
 
   int stop()
   {
     int status = -1;
-    if (pid > 0) {
+    if (pid > 0)
+    {
       kill(pid, SIGTERM);
       waitpid(pid, &status, 0);
       pid = -1;
     }
-    if (out) fclose(out);
+    if (out)
+      fclose(out);
     out = nullptr;
     return status;
   }
@@ -116,9 +126,10 @@ TEST(ExoSimState, SavedStateReloadsCreatedFoldersAndUploads)
     static const char k_raw[] = "opaque \x00\x01 bytes not made by the simulator";
     data = std::string(k_raw, sizeof k_raw - 1);
     Soap_Doc u;
-    parse_soap(sim.ews("<m:UploadItems><m:Items>" + upload_item_xml(folder, exo_sim::base64_encode(data)) +
-                       "</m:Items></m:UploadItems>")
-                   .body,
+    parse_soap(sim
+                 .ews("<m:UploadItems><m:Items>" + upload_item_xml(folder, exo_sim::base64_encode(data)) +
+                      "</m:Items></m:UploadItems>")
+                 .body,
                u);
     item = u.first(M, "ItemId").attribute("Id").value();
     ASSERT_FALSE(item.empty());
@@ -141,9 +152,10 @@ TEST(ExoSimState, SavedStateReloadsCreatedFoldersAndUploads)
     EXPECT_EQ(export_data(sim, generated), generated_data);
     // Ids go on where they stopped: a new upload gets a new id.
     Soap_Doc u;
-    parse_soap(sim.ews("<m:UploadItems><m:Items>" + upload_item_xml(folder, exo_sim::base64_encode("x")) +
-                       "</m:Items></m:UploadItems>")
-                   .body,
+    parse_soap(sim
+                 .ews("<m:UploadItems><m:Items>" + upload_item_xml(folder, exo_sim::base64_encode("x")) +
+                      "</m:Items></m:UploadItems>")
+                 .body,
                u);
     EXPECT_NE(std::string(u.first(M, "ItemId").attribute("Id").value()), item);
   }
@@ -178,13 +190,15 @@ TEST(ExoSimProgram, PrintsPortServesAndStopsCleanlyOnSigterm)
   int port = std::atoi(child.first_line.c_str() + prefix.size());
   ASSERT_GT(port, 0);
   std::string base = "http://127.0.0.1:" + std::to_string(port);
-  Http_Result token = http_request("POST", base + "/" + std::string(k_tenant_id) + "/oauth2/v2.0/token",
-                                   std::string("client_id=") + k_client_id + "&client_secret=" + k_client_secret +
-                                       "&grant_type=client_credentials&scope=https%3A%2F%2Fgraph.microsoft.com%2F.default",
-                                   {});
+  Http_Result token =
+    http_request("POST", base + "/" + std::string(k_tenant_id) + "/oauth2/v2.0/token",
+                 std::string("client_id=") + k_client_id + "&client_secret=" + k_client_secret +
+                   "&grant_type=client_credentials&scope=https%3A%2F%2Fgraph.microsoft.com%2F.default",
+                 {});
   ASSERT_EQ(token.status, 200) << token.body;
-  Http_Result users = http_request("GET", base + "/v1.0/users",
-                                   "", {"Authorization: Bearer " + json::parse(token.body)["access_token"].get<std::string>()});
+  Http_Result users =
+    http_request("GET", base + "/v1.0/users", "",
+                 {"Authorization: Bearer " + json::parse(token.body)["access_token"].get<std::string>()});
   EXPECT_EQ(users.status, 200);
   int status = child.stop();
   ASSERT_TRUE(WIFEXITED(status));
@@ -194,7 +208,8 @@ TEST(ExoSimProgram, PrintsPortServesAndStopsCleanlyOnSigterm)
   std::ifstream log(dir + "/log");
   std::string line, all;
   int lines = 0;
-  while (std::getline(log, line)) {
+  while (std::getline(log, line))
+  {
     ++lines;
     all += line;
     auto j = json::parse(line, nullptr, false);

@@ -9,7 +9,8 @@
 using namespace exo_sim_test;
 using json = nlohmann::ordered_json;
 
-namespace {
+namespace
+{
 
 // tiny: admin and Alice, then one renamed user of each kind.
 const char* const k_hana_upn = "hana.hoffmann@exosimdemo.onmicrosoft.com";  // UPN in the initial domain
@@ -31,7 +32,8 @@ std::string response_code(const Http_Result& r)
   Soap_Doc d;
   parse_soap(r.body, d);
   pugi::xml_node code = d.first(M, "ResponseCode");
-  if (code) return code.text().get();
+  if (code)
+    return code.text().get();
   return d.first("http://schemas.microsoft.com/exchange/services/2006/errors", "ResponseCode").text().get();
 }
 
@@ -45,7 +47,8 @@ int inbox_owner(Sim_Fixture& sim, const std::string& form, const std::string& ad
   Soap_Doc d;
   parse_soap(r.body, d);
   std::string tagged;
-  if (r.status != 200 || !exo_sim::decode_sim_id(d.first(T, "FolderId").attribute("Id").value(), tagged)) return -1;
+  if (r.status != 200 || !exo_sim::decode_sim_id(d.first(T, "FolderId").attribute("Id").value(), tagged))
+    return -1;
   return std::stoi(tagged.substr(2, tagged.find(':', 2) - 2));
 }
 
@@ -57,28 +60,35 @@ TEST(ExoSimTenantUsers, GraphListsPrincipalNamesMailAndProxyAddresses)
   auto j = json::parse(sim.graph_users("$select=userPrincipalName,mail,proxyAddresses&$count=true").body);
   EXPECT_EQ(j["@odata.count"], 5);
   std::map<std::string, json> by_upn;
-  for (const auto& u : j["value"]) by_upn[u["userPrincipalName"].get<std::string>()] = u;
+  for (const auto& u : j["value"])
+    by_upn[u["userPrincipalName"].get<std::string>()] = u;
   ASSERT_EQ(by_upn.size(), 5u);
   EXPECT_EQ(by_upn.at(k_hana_upn)["mail"], k_hana_smtp);
   EXPECT_EQ(by_upn.at(k_julia_upn)["mail"], k_julia_smtp);
   EXPECT_EQ(by_upn.at(k_kenji_upn)["mail"], "kenji.kato@demo.exosim.test");
   EXPECT_EQ(by_upn.at(k_admin)["mail"], k_admin);
-  for (const auto& entry : by_upn) {
+  for (const auto& entry : by_upn)
+  {
     const json& proxies = entry.second["proxyAddresses"];
     ASSERT_TRUE(proxies.is_array()) << entry.first;
     int primaries = 0;
-    for (const auto& p : proxies) {
+    for (const auto& p : proxies)
+    {
       std::string text = p.get<std::string>();
-      if (text.compare(0, 5, "SMTP:") == 0) {
+      if (text.compare(0, 5, "SMTP:") == 0)
+      {
         ++primaries;
         EXPECT_EQ(text.substr(5), entry.second["mail"].get<std::string>());
-      } else {
+      }
+      else
+      {
         EXPECT_EQ(text.compare(0, 5, "smtp:"), 0) << text;
       }
     }
     EXPECT_EQ(primaries, 1) << entry.first;
   }
-  EXPECT_NE(by_upn.at(k_julia_upn)["proxyAddresses"].dump().find(std::string("smtp:") + k_julia_upn), std::string::npos);
+  EXPECT_NE(by_upn.at(k_julia_upn)["proxyAddresses"].dump().find(std::string("smtp:") + k_julia_upn),
+            std::string::npos);
   // proxyAddresses is not a default property.
   j = json::parse(sim.graph_users("").body);
   EXPECT_FALSE(j["value"][0].contains("proxyAddresses"));
@@ -87,24 +97,34 @@ TEST(ExoSimTenantUsers, GraphListsPrincipalNamesMailAndProxyAddresses)
 TEST(ExoSimTenantUsers, EachImpersonationFormMatchesOnlyItsOwnName)
 {
   Sim_Fixture sim(renamed_options());
-  struct Case {
+  struct Case
+  {
     const char* form;
     const char* address;
     int mailbox;  // -1: ErrorNonExistentMailbox
   };
   const Case cases[] = {
-      {"PrincipalName", k_hana_upn, 2},          {"PrincipalName", k_julia_upn, 3},
-      {"PrincipalName", k_kenji_upn, 4},         {"PrincipalName", "ALICE.ARCHER@demo.exosim.test", 1},
-      {"PrincipalName", k_julia_smtp, -1},       {"PrincipalName", k_hana_smtp, -1},
-      {"PrimarySmtpAddress", k_julia_smtp, 3},   {"PrimarySmtpAddress", k_julia_upn, -1},
-      {"PrimarySmtpAddress", k_hana_upn, -1},    {"PrimarySmtpAddress", k_kenji_proxy, -1},
-      {"SmtpAddress", k_julia_upn, 3},           {"SmtpAddress", k_kenji_proxy, 4},
-      {"SmtpAddress", k_hana_smtp, 2},           {"SmtpAddress", k_kenji_upn, -1},
-      {"SID", "S-1-5-21-1004336348-1177238915-682003330-512", -1},
+    {"PrincipalName", k_hana_upn, 2},
+    {"PrincipalName", k_julia_upn, 3},
+    {"PrincipalName", k_kenji_upn, 4},
+    {"PrincipalName", "ALICE.ARCHER@demo.exosim.test", 1},
+    {"PrincipalName", k_julia_smtp, -1},
+    {"PrincipalName", k_hana_smtp, -1},
+    {"PrimarySmtpAddress", k_julia_smtp, 3},
+    {"PrimarySmtpAddress", k_julia_upn, -1},
+    {"PrimarySmtpAddress", k_hana_upn, -1},
+    {"PrimarySmtpAddress", k_kenji_proxy, -1},
+    {"SmtpAddress", k_julia_upn, 3},
+    {"SmtpAddress", k_kenji_proxy, 4},
+    {"SmtpAddress", k_hana_smtp, 2},
+    {"SmtpAddress", k_kenji_upn, -1},
+    {"SID", "S-1-5-21-1004336348-1177238915-682003330-512", -1},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : cases)
+  {
     EXPECT_EQ(inbox_owner(sim, c.form, c.address), c.mailbox) << c.form << " " << c.address;
-    if (c.mailbox >= 0) continue;
+    if (c.mailbox >= 0)
+      continue;
     Http_Result r = sim.ews_as(c.form, c.address, find_folder_body(distinguished("inbox")), c.address);
     EXPECT_EQ(r.status, 500);
     EXPECT_EQ(response_code(r), "ErrorNonExistentMailbox") << c.form << " " << c.address;
@@ -114,14 +134,16 @@ TEST(ExoSimTenantUsers, EachImpersonationFormMatchesOnlyItsOwnName)
   for (const char* anchor : {k_julia_upn, k_julia_smtp, "julia.berg@exosimdemo.onmicrosoft.com"})
     EXPECT_EQ(sim.ews_as("PrincipalName", k_julia_upn, find_folder_body(distinguished("inbox")), anchor).status, 200);
   EXPECT_EQ(sim.status()["anchor_mailbox_missing"].get<long>(), missing);
-  EXPECT_EQ(sim.ews_as("PrincipalName", k_julia_upn, find_folder_body(distinguished("inbox")), k_hana_smtp).status, 200);
+  EXPECT_EQ(sim.ews_as("PrincipalName", k_julia_upn, find_folder_body(distinguished("inbox")), k_hana_smtp).status,
+            200);
   EXPECT_EQ(sim.status()["anchor_mailbox_missing"].get<long>(), missing + 1);
 }
 
 TEST(ExoSimTenantUsers, PrincipalNameImpersonationListsExportsCreatesAndUploads)
 {
   Sim_Fixture sim(renamed_options());
-  for (const char* upn : {k_hana_upn, k_julia_upn, k_kenji_upn}) {
+  for (const char* upn : {k_hana_upn, k_julia_upn, k_kenji_upn})
+  {
     SCOPED_TRACE(upn);
     auto call = [&](const std::string& body) { return sim.ews_as("PrincipalName", upn, body, upn); };
     Soap_Doc folders;

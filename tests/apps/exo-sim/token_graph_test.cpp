@@ -12,7 +12,8 @@
 using namespace exo_sim_test;
 using json = nlohmann::ordered_json;
 
-namespace {
+namespace
+{
 
 std::string form(const std::string& client, const std::string& secret, const std::string& scope,
                  const std::string& grant = "client_credentials")
@@ -33,7 +34,8 @@ void expect_token_error(const Http_Result& r, long status, const std::string& er
   EXPECT_EQ(j["error_description"].get<std::string>().rfind("AADSTS" + std::to_string(code) + ":", 0), 0u);
   ASSERT_TRUE(j["error_codes"].is_array());
   EXPECT_EQ(j["error_codes"][0], code);
-  for (const char* key : {"timestamp", "trace_id", "correlation_id"}) EXPECT_TRUE(j[key].is_string()) << key;
+  for (const char* key : {"timestamp", "trace_id", "correlation_id"})
+    EXPECT_TRUE(j[key].is_string()) << key;
 }
 
 exo_sim::Sim_Options eight_mailboxes()
@@ -72,7 +74,8 @@ TEST(ExoSimToken, AcceptsTenantDomainAndBasicClientAuthentication)
   {
     static const char a[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     size_t i = 0;
-    for (; i + 2 < creds.size(); i += 3) {
+    for (; i + 2 < creds.size(); i += 3)
+    {
       unsigned v = (unsigned(uint8_t(creds[i])) << 16) | (unsigned(uint8_t(creds[i + 1])) << 8) | uint8_t(creds[i + 2]);
       b64 += a[v >> 18];
       b64 += a[(v >> 12) & 63];
@@ -97,8 +100,8 @@ TEST(ExoSimToken, RefusesBadRequestsWithDocumentedErrors)
   Sim_Fixture sim;
   expect_token_error(sim.token_request(form(k_client_id, k_client_secret, k_ews_scope), "no-such-tenant"), 400,
                      "invalid_request", 90002);
-  expect_token_error(sim.token_request(form("11111111-2222-3333-4444-555555555555", k_client_secret, k_ews_scope)),
-                     400, "unauthorized_client", 700016);
+  expect_token_error(sim.token_request(form("11111111-2222-3333-4444-555555555555", k_client_secret, k_ews_scope)), 400,
+                     "unauthorized_client", 700016);
   Http_Result wrong = sim.token_request(form(k_client_id, "WrongSecretValue42", k_ews_scope));
   expect_token_error(wrong, 401, "invalid_client", 7000215);
   EXPECT_EQ(wrong.body.find("WrongSecretValue42"), std::string::npos) << "a secret must never be echoed";
@@ -108,8 +111,8 @@ TEST(ExoSimToken, RefusesBadRequestsWithDocumentedErrors)
   expect_token_error(sim.token_request(form(k_client_id, k_client_secret, "https://graph.microsoft.com/User.Read.All")),
                      400, "invalid_scope", 1002012);
   expect_token_error(
-      sim.token_request(form(k_client_id, k_client_secret, std::string(k_graph_scope) + " " + k_ews_scope)), 400,
-      "invalid_scope", 1002012);
+    sim.token_request(form(k_client_id, k_client_secret, std::string(k_graph_scope) + " " + k_ews_scope)), 400,
+    "invalid_scope", 1002012);
 }
 
 TEST(ExoSimToken, TokensCarryTheirAudience)
@@ -156,19 +159,23 @@ TEST(ExoSimGraph, PagesThroughUsersWithNextLinkAndCount)
   EXPECT_EQ(j["@odata.count"], 8);
   std::vector<std::string> names;
   int pages = 0;
-  while (true) {
+  while (true)
+  {
     ++pages;
     ASSERT_TRUE(j["value"].is_array());
-    for (const auto& u : j["value"]) {
+    for (const auto& u : j["value"])
+    {
       ASSERT_EQ(u.size(), 1u) << "only the selected property";
       names.push_back(u["userPrincipalName"]);
     }
-    if (!j.contains("@odata.nextLink")) break;
+    if (!j.contains("@odata.nextLink"))
+      break;
     std::string link = j["@odata.nextLink"];
     ASSERT_EQ(link.rfind(sim.base() + "/v1.0/users?", 0), 0u) << link;
     ASSERT_NE(link.find("$skiptoken="), std::string::npos);
     ASSERT_NE(link.find("$top=3"), std::string::npos) << "original options are carried";
-    r = http_request("GET", link, "", {"Authorization: Bearer " + sim.token(k_graph_scope), "ConsistencyLevel: eventual"});
+    r = http_request("GET", link, "",
+                     {"Authorization: Bearer " + sim.token(k_graph_scope), "ConsistencyLevel: eventual"});
     ASSERT_EQ(r.status, 200) << r.body;
     j = json::parse(r.body);
     EXPECT_FALSE(j.contains("@odata.count")) << "count only on the first page";
@@ -216,8 +223,9 @@ TEST(ExoSimGraph, SearchRequiresEventualConsistencyAndFilters)
 TEST(ExoSimGraph, RejectsBadQueryOptions)
 {
   Sim_Fixture sim;
-  for (const char* q : {"$top=0", "$top=1000", "$top=abc", "$select=noSuchProperty", "$orderby=jobTitle",
-                        "$skiptoken=garbage"}) {
+  for (const char* q :
+       {"$top=0", "$top=1000", "$top=abc", "$select=noSuchProperty", "$orderby=jobTitle", "$skiptoken=garbage"})
+  {
     Http_Result r = sim.graph_users(q);
     EXPECT_EQ(r.status, 400) << q;
     auto j = json::parse(r.body, nullptr, false);

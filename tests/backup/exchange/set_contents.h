@@ -27,8 +27,7 @@ public:
   MTF::IRestore_Callback_var make() override { return std::make_shared<Callback>(*this); }
 
   // Restores revision `rev` of the set at pool_uuid/host_uuid/minor_resource_id.
-  bool read(const std::string& pool_uuid, const std::string& host_uuid, const std::string& minor_resource_id,
-            int rev)
+  bool read(const std::string& pool_uuid, const std::string& host_uuid, const std::string& minor_resource_id, int rev)
   {
     MTF::Event_Handler handler;
     MTF_Restore restore(handler);

@@ -64,12 +64,14 @@ struct Executor_Script
   bool wait_for(const std::string& event)
   {
     std::unique_lock<std::mutex> guard(lock);
-    return changed.wait_for(guard, std::chrono::seconds(20), [&] {
-      for (const std::string& e : events)
-        if (e == event)
-          return true;
-      return false;
-    });
+    return changed.wait_for(guard, std::chrono::seconds(20),
+                            [&]
+                            {
+                              for (const std::string& e : events)
+                                if (e == event)
+                                  return true;
+                              return false;
+                            });
   }
   void release()
   {

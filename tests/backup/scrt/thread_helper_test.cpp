@@ -65,7 +65,7 @@ TEST(ThreadHelper, DetachedHelperKeepsNothing)
     EXPECT_FALSE(helper.running());
     helper.set_name("ignored");
     helper.join();  // returns at once
-  }               // and so does the destructor, with the thread still blocked
+  }                 // and so does the destructor, with the thread still blocked
   EXPECT_TRUE(gate.wait_ran());
   gate.let_go();
   // The gate lives in this frame: wait until the detached thread has really exited

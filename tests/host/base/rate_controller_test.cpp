@@ -18,7 +18,7 @@ TEST(Rate_Controller, PicksTheWindowOfTheTimeOfDay)
   EXPECT_EQ(rc.limit_at(18 * 3600 - 1), 1000u);
   EXPECT_EQ(rc.limit_at(23 * 3600), 5000u);  // wraps over midnight
   EXPECT_EQ(rc.limit_at(3 * 3600), 5000u);
-  EXPECT_EQ(rc.limit_at(6 * 3600), 1u);       // end is exclusive: the catch-all applies
+  EXPECT_EQ(rc.limit_at(6 * 3600), 1u);  // end is exclusive: the catch-all applies
   Rate_Controller none({{8 * 3600, 9 * 3600, 1000}});
   EXPECT_EQ(none.limit_at(10 * 3600), 0u);
   EXPECT_EQ(Rate_Controller().limit_at(0), 0u);

@@ -23,8 +23,8 @@ TEST(Uuid, ParsesFormatsAndGenerates)
   const std::string a = uuid_generate_string(), b = uuid_generate_string();
   EXPECT_NE(a, b);
   ASSERT_EQ(uuid_string_to_binary(a.c_str(), bytes), 0);
-  EXPECT_EQ(bytes[6] >> 4, 4);     // version 4
-  EXPECT_EQ(bytes[8] >> 6, 2);     // RFC 4122 variant
+  EXPECT_EQ(bytes[6] >> 4, 4);  // version 4
+  EXPECT_EQ(bytes[8] >> 6, 2);  // RFC 4122 variant
 }
 
 // Set uuids make catalog commits idempotent: threads that start at the same instant
@@ -35,10 +35,12 @@ TEST(Uuid, ThreadsStartedTogetherDrawDistinctUuids)
   std::vector<std::vector<std::string>> drawn(threads);
   std::vector<std::thread> workers;
   for (int t = 0; t < threads; ++t)
-    workers.emplace_back([&drawn, t] {
-      for (int i = 0; i < per_thread; ++i)
-        drawn[t].push_back(uuid_generate_string());
-    });
+    workers.emplace_back(
+      [&drawn, t]
+      {
+        for (int i = 0; i < per_thread; ++i)
+          drawn[t].push_back(uuid_generate_string());
+      });
   for (std::thread& w : workers)
     w.join();
   std::set<std::string> all;

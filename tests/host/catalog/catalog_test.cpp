@@ -96,9 +96,10 @@ TEST_F(Catalog_Test, CommittedRecordsAreReadBack)
   EXPECT_NE(op.error().find("409"), std::string::npos);
 
   json result;
-  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&resource_uuid=source-1&minor_resource_id=def-1"
-                            "&sort=backup_start_time&order=desc&offset=0&limit=1",
-                            result, -1, 0));
+  ASSERT_TRUE(
+    read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&resource_uuid=source-1&minor_resource_id=def-1"
+                  "&sort=backup_start_time&order=desc&offset=0&limit=1",
+                  result, -1, 0));
   EXPECT_EQ(result["total"], 2);
   ASSERT_EQ(result["rows"].size(), 1u);
   Exchange_Backup_Set newest;
@@ -134,10 +135,12 @@ TEST_F(Catalog_Test, CommitRetriesWhileTheServerIsDown)
 {
   int port = backupd_.port();
   backupd_.stop();
-  std::thread restart([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-    backupd_.start(port);
-  });
+  std::thread restart(
+    [&]
+    {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+      backupd_.start(port);
+    });
   Catalog_Operator op(-1, 30);
   bool committed = op.commit(sample_set("late", 1, 1));
   restart.join();

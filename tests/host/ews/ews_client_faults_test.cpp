@@ -110,7 +110,8 @@ const char* const find_item_answer =
   "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
   "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\">"
   "<s:Header><h:ServerVersionInfo MajorVersion=\"15\" MinorVersion=\"20\" MajorBuildNumber=\"1\" "
-  "MinorBuildNumber=\"0\" Version=\"V2018_01_08\" xmlns:h=\"http://schemas.microsoft.com/exchange/services/2006/types\"/>"
+  "MinorBuildNumber=\"0\" Version=\"V2018_01_08\" "
+  "xmlns:h=\"http://schemas.microsoft.com/exchange/services/2006/types\"/>"
   "</s:Header><s:Body>"
   "<FindItemResponse xmlns=\"http://schemas.microsoft.com/exchange/services/2006/messages\" "
   "xmlns:t=\"http://schemas.microsoft.com/exchange/services/2006/types\">"
@@ -127,13 +128,15 @@ const char* const find_item_answer =
 TEST(EwsSoapTransport, ReadsAnswersWhateverTheirPrefixesAndSendsTheHeaders)
 {
   Scripted_Request seen;
-  Scripted_Server server([&](const Scripted_Request& r) {
-    seen = r;
-    Scripted_Reply reply;
-    reply.headers["Content-Type"] = "text/xml; charset=utf-8";
-    reply.body = find_item_answer;
-    return reply;
-  });
+  Scripted_Server server(
+    [&](const Scripted_Request& r)
+    {
+      seen = r;
+      Scripted_Reply reply;
+      reply.headers["Content-Type"] = "text/xml; charset=utf-8";
+      reply.body = find_item_answer;
+      return reply;
+    });
   EWS_Client client;
   ASSERT_TRUE(client.init(server.url("/EWS/Exchange.asmx"), "user@contoso.test", Secure_String("pw"), nullptr,
                           "boss@contoso.test"));
@@ -166,21 +169,23 @@ TEST(EwsSoapTransport, HonoursRetryAfterOn429AndRenewsARefusedToken)
   Exo_Sim_Process sim;
   int calls = 0;
   std::vector<std::string> tokens;
-  Scripted_Server server([&](const Scripted_Request& r) {
-    Scripted_Reply reply;
-    tokens.push_back(r.headers.count("authorization") ? r.headers.at("authorization") : "");
-    ++calls;
-    if (calls == 1)
+  Scripted_Server server(
+    [&](const Scripted_Request& r)
     {
-      reply.status = 429;
-      reply.headers["Retry-After"] = "1";
-    }
-    else if (calls == 2)
-      reply.status = 401;
-    else
-      reply.body = find_item_answer;
-    return reply;
-  });
+      Scripted_Reply reply;
+      tokens.push_back(r.headers.count("authorization") ? r.headers.at("authorization") : "");
+      ++calls;
+      if (calls == 1)
+      {
+        reply.status = 429;
+        reply.headers["Retry-After"] = "1";
+      }
+      else if (calls == 2)
+        reply.status = 401;
+      else
+        reply.body = find_item_answer;
+      return reply;
+    });
   Office365_Auth_Entry entry = sim.entry();
   entry.ews_endpoint = server.url("/EWS/Exchange.asmx");
   auto auth = std::make_shared<Office365_Auth>(entry, sim.base() + "/.default");

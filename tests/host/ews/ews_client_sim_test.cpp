@@ -248,8 +248,8 @@ TEST(EwsClientSim, BasicAuthenticationForOnPremisesAccounts)
   EXPECT_NE(Ews_Sim::named(folders, "Inbox"), nullptr);
 
   EWS_Client wrong;
-  ASSERT_TRUE(wrong.init(env.sim.entry().ews_endpoint, "alice.archer@demo.exosim.test", Secure_String("nope"),
-                         nullptr, nullptr));
+  ASSERT_TRUE(
+    wrong.init(env.sim.entry().ews_endpoint, "alice.archer@demo.exosim.test", Secure_String("nope"), nullptr, nullptr));
   Log_Capture capture;
   EXPECT_FALSE(wrong.list_folders(10, folders, true));
   EXPECT_NE(wrong.last_error().find("HTTP 401"), std::string::npos);

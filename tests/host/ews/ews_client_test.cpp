@@ -51,10 +51,7 @@ protected:
   EWS_Client client;
 };
 
-Host_Status busy(long ms)
-{
-  return Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "busy", ms);
-}
+Host_Status busy(long ms) { return Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "busy", ms); }
 }  // namespace
 
 TEST_F(EwsClient, PagesWithTheCursorFromAnyOffsetAndNestsDeepListings)

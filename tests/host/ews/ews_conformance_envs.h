@@ -102,8 +102,8 @@ struct Fake_Service_Env
   void calm() { service->call_faults.clear(); }
   bool fail_item(const std::string& id)
   {
-    service->item_faults[id].push_back(
-      Host_Status::make(HOST_STATUS_PERMANENT, "ErrorItemNotFound", "The specified object was not found in the store."));
+    service->item_faults[id].push_back(Host_Status::make(HOST_STATUS_PERMANENT, "ErrorItemNotFound",
+                                                         "The specified object was not found in the store."));
     return true;
   }
   bool damage_item(const std::string& id)

@@ -8,14 +8,17 @@ namespace
 {
 bool same_name(const std::string& a, const std::string& b)
 {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
+  return a.size() == b.size() &&
+         std::equal(a.begin(), a.end(), b.begin(),
+                    [](char x, char y) {
+                      return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+                    });
 }
 
 Host_Status item_not_found()
 {
-  return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorItemNotFound", "The specified object was not found in the store.");
+  return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorItemNotFound",
+                           "The specified object was not found in the store.");
 }
 }  // namespace
 
@@ -137,15 +140,17 @@ Host_Status Ews_Fake_Service::export_item(Fake_Ews_Mailbox& box, const std::stri
   return item_not_found();
 }
 
-Host_Status Ews_Fake_Service::find_folders(Fake_Ews_Mailbox& box, const EWS_Folder_Ref& parent, bool deep,
-                                           long offset, int max, EWS_Folder_Page& page) const
+Host_Status Ews_Fake_Service::find_folders(Fake_Ews_Mailbox& box, const EWS_Folder_Ref& parent, bool deep, long offset,
+                                           int max, EWS_Folder_Page& page) const
 {
   const std::string start = parent.id.empty() ? root_id : parent.id;
   if (!has_folder(box, start))
-    return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound", "The specified folder could not be found in the store.");
+    return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound",
+                             "The specified folder could not be found in the store.");
   // Depth first, children in creation order.
   std::vector<const Fake_Ews_Folder*> listed;
-  std::function<void(const std::string&)> walk = [&](const std::string& id) {
+  std::function<void(const std::string&)> walk = [&](const std::string& id)
+  {
     for (const Fake_Ews_Folder& f : box.folders)
       if (f.parent == id)
       {
@@ -180,7 +185,8 @@ Host_Status Ews_Fake_Service::find_items(Fake_Ews_Mailbox& box, const std::strin
                                          EWS_Item_Page& page) const
 {
   if (!has_folder(box, folder))
-    return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound", "The specified folder could not be found in the store.");
+    return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound",
+                             "The specified folder could not be found in the store.");
   std::vector<const Fake_Ews_Item*> listed;
   for (const Fake_Ews_Item& item : box.items)
     if (item.folder == folder)
@@ -208,10 +214,12 @@ Host_Status Ews_Fake_Service::create_folder(Fake_Ews_Mailbox& box, const EWS_Fol
 {
   const std::string under = parent.id.empty() ? root_id : parent.id;
   if (!has_folder(box, under))
-    return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound", "The specified folder could not be found in the store.");
+    return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound",
+                             "The specified folder could not be found in the store.");
   for (const Fake_Ews_Folder& f : box.folders)
     if (f.parent == under && same_name(f.name, r.display_name))
-      return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderExists", "A folder with the specified name already exists.");
+      return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderExists",
+                               "A folder with the specified name already exists.");
   r.id = add_folder(box, under, r.display_name, r.type);
   r.change_key = "CK" + r.id;
   return Host_Status();
@@ -222,7 +230,8 @@ EWS_Upload_Result Ews_Fake_Service::upload_item(Fake_Ews_Mailbox& box, const std
   EWS_Upload_Result result;
   if (!has_folder(box, folder) || folder == root_id)
   {
-    result.status = Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound", "The specified folder could not be found in the store.");
+    result.status = Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound",
+                                      "The specified folder could not be found in the store.");
     return result;
   }
   Fake_Ews_Item item;

@@ -103,8 +103,9 @@ TEST(EwsFoldersIndex, RejectsDamagedTruncatedAndForeignTexts)
 
   std::string deep = "{\"format_version\":1,\"failed_items\":[],\"folders\":[";
   for (int i = 0; i < 400; ++i)
-    deep += "{\"entry_id\":\"F\",\"change_key\":\"\",\"name\":\"N\",\"items_count\":0,\"subfolders_count\":0,"
-            "\"type\":1,\"items\":[],\"subfolders\":[";
+    deep +=
+      "{\"entry_id\":\"F\",\"change_key\":\"\",\"name\":\"N\",\"items_count\":0,\"subfolders_count\":0,"
+      "\"type\":1,\"items\":[],\"subfolders\":[";
   for (int i = 0; i < 400; ++i)
     deep += "]}";
   deep += "]}";

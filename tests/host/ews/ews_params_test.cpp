@@ -56,9 +56,10 @@ TEST_F(EwsParams, JsonSettingsAreCheckedThenClamped)
   EXPECT_EQ(EWS_Params::paging_size(), 500);
   EXPECT_FALSE(EWS_Params::configure(nlohmann::ordered_json::array(), error));
 
-  ASSERT_TRUE(EWS_Params::configure(
-    nlohmann::ordered_json::parse(R"({"paging_size": 0, "batch_size": 18446744073709551615, "retry_budget_seconds": -5})"),
-    error))
+  ASSERT_TRUE(
+    EWS_Params::configure(nlohmann::ordered_json::parse(
+                            R"({"paging_size": 0, "batch_size": 18446744073709551615, "retry_budget_seconds": -5})"),
+                          error))
     << error;
   EXPECT_EQ(EWS_Params::paging_size(), 1);
   EXPECT_EQ(EWS_Params::batch_size(), 100);

@@ -27,11 +27,20 @@ std::string escape(const std::string& text)
   for (char c : text)
     switch (c)
     {
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '&': out += "&amp;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+    case '<':
+      out += "&lt;";
+      break;
+    case '>':
+      out += "&gt;";
+      break;
+    case '&':
+      out += "&amp;";
+      break;
+    case '"':
+      out += "&quot;";
+      break;
+    default:
+      out += c;
     }
   return out;
 }
@@ -49,21 +58,32 @@ Scripted_Reply fault(const std::string& code, const std::string& text, long back
 {
   std::string body =
     "    <s:Fault>\n"
-    "      <faultcode xmlns:a=\"http://schemas.microsoft.com/exchange/services/2006/types\">a:" + code + "</faultcode>\n"
-    "      <faultstring xml:lang=\"en-US\">" + escape(text) + "</faultstring>\n"
+    "      <faultcode xmlns:a=\"http://schemas.microsoft.com/exchange/services/2006/types\">a:" +
+    code +
+    "</faultcode>\n"
+    "      <faultstring xml:lang=\"en-US\">" +
+    escape(text) +
+    "</faultstring>\n"
     "      <detail>\n"
     "        <e:ResponseCode xmlns:e=\"http://schemas.microsoft.com/exchange/services/2006/errors\">\n"
-    "          " + code + "\n"
+    "          " +
+    code +
+    "\n"
     "        </e:ResponseCode>\n"
     "        <e:Message xmlns:e=\"http://schemas.microsoft.com/exchange/services/2006/errors\">\n"
-    "          " + escape(text) + "\n"
+    "          " +
+    escape(text) +
+    "\n"
     "        </e:Message>\n";
   if (back_off_ms >= 0)
-    body += "        <t:MessageXml xmlns:t=\"http://schemas.microsoft.com/exchange/services/2006/types\">\n"
-            "          <t:Value Name=\"BackOffMilliseconds\">\n"
-            "            " + std::to_string(back_off_ms) + "\n"
-            "          </t:Value>\n"
-            "        </t:MessageXml>\n";
+    body +=
+      "        <t:MessageXml xmlns:t=\"http://schemas.microsoft.com/exchange/services/2006/types\">\n"
+      "          <t:Value Name=\"BackOffMilliseconds\">\n"
+      "            " +
+      std::to_string(back_off_ms) +
+      "\n"
+      "          </t:Value>\n"
+      "        </t:MessageXml>\n";
   body += "      </detail>\n    </s:Fault>\n";
   return xml_reply(500, body);
 }
@@ -74,29 +94,41 @@ std::string message(const std::string& op, const Host_Status& s, const std::stri
   std::string m = "        <" + op + "ResponseMessage ResponseClass=\"" + (s.ok() ? "Success" : "Error") + "\">\n";
   if (s.ok())
     return m + "          <ResponseCode>NoError</ResponseCode>\n" + content + "        </" + op + "ResponseMessage>\n";
-  m += "          <MessageText>\n            " + escape(s.message) + "\n          </MessageText>\n"
-       "          <ResponseCode>\n            " + s.code + "\n          </ResponseCode>\n"
+  m += "          <MessageText>\n            " + escape(s.message) +
+       "\n          </MessageText>\n"
+       "          <ResponseCode>\n            " +
+       s.code +
+       "\n          </ResponseCode>\n"
        "          <DescriptiveLinkKey>0</DescriptiveLinkKey>\n";
   if (inner)
-    m += "          <MessageXml>\n"
-         "            <t:Value Name=\"InnerErrorResponseCode\">ErrorServerBusy</t:Value>\n"
-         "            <t:Value Name=\"InnerErrorMessageText\">The server cannot service this request right now.</t:Value>\n"
-         "            <t:InnerError>\n"
-         "              <t:Value Name=\"BackOffMilliseconds\">" + std::to_string(s.retry_after_ms) + "</t:Value>\n"
-         "            </t:InnerError>\n"
-         "          </MessageXml>\n";
+    m +=
+      "          <MessageXml>\n"
+      "            <t:Value Name=\"InnerErrorResponseCode\">ErrorServerBusy</t:Value>\n"
+      "            <t:Value Name=\"InnerErrorMessageText\">The server cannot service this request right "
+      "now.</t:Value>\n"
+      "            <t:InnerError>\n"
+      "              <t:Value Name=\"BackOffMilliseconds\">" +
+      std::to_string(s.retry_after_ms) +
+      "</t:Value>\n"
+      "            </t:InnerError>\n"
+      "          </MessageXml>\n";
   else if (s.retry_after_ms >= 0)
-    m += "          <MessageXml>\n"
-         "            <t:Value Name=\"BackOffMilliseconds\">" + std::to_string(s.retry_after_ms) + "</t:Value>\n"
-         "          </MessageXml>\n";
+    m +=
+      "          <MessageXml>\n"
+      "            <t:Value Name=\"BackOffMilliseconds\">" +
+      std::to_string(s.retry_after_ms) +
+      "</t:Value>\n"
+      "          </MessageXml>\n";
   return m + "        </" + op + "ResponseMessage>\n";
 }
 
 std::string response(const std::string& op, const std::string& messages)
 {
-  return "    <" + op + "Response xmlns=\"http://schemas.microsoft.com/exchange/services/2006/messages\" "
+  return "    <" + op +
+         "Response xmlns=\"http://schemas.microsoft.com/exchange/services/2006/messages\" "
          "xmlns:t=\"http://schemas.microsoft.com/exchange/services/2006/types\">\n"
-         "      <ResponseMessages>\n" + messages + "      </ResponseMessages>\n    </" + op + "Response>\n";
+         "      <ResponseMessages>\n" +
+         messages + "      </ResponseMessages>\n    </" + op + "Response>\n";
 }
 
 std::string base64_lines(const ustring& data)
@@ -185,16 +217,19 @@ Scripted_Reply Ews_Scripted_Soap::answer(const Scripted_Request& request)
     if (name == "FindFolder")
     {
       EWS_Folder_Page page;
-      s = service_->find_folders(*box, parent, std::string(op.attribute("Traversal").value()) == "Deep", offset, max, page);
-      content = "          <RootFolder " + paging(page.next, page.last, page.folders.size()) + ">\n            <t:Folders>\n";
+      s = service_->find_folders(*box, parent, std::string(op.attribute("Traversal").value()) == "Deep", offset, max,
+                                 page);
+      content =
+        "          <RootFolder " + paging(page.next, page.last, page.folders.size()) + ">\n            <t:Folders>\n";
       for (size_t i = 0; i < page.folders.size(); ++i)
       {
         const EWS_Folder& f = page.folders[i];
         const std::string element = std::string("t:") + ews_folder_element(f.type);
         content += "              <" + element + "><t:FolderId Id=\"" + f.id + "\" ChangeKey=\"" + f.change_key +
                    "\"/><t:ParentFolderId Id=\"" + page.parent_ids[i] + "\"/><t:DisplayName>" + escape(f.display_name) +
-                   "</t:DisplayName><t:TotalCount>" + std::to_string(f.items_count) + "</t:TotalCount><t:ChildFolderCount>" +
-                   std::to_string(f.subfolders_count) + "</t:ChildFolderCount></" + element + ">\n";
+                   "</t:DisplayName><t:TotalCount>" + std::to_string(f.items_count) +
+                   "</t:TotalCount><t:ChildFolderCount>" + std::to_string(f.subfolders_count) +
+                   "</t:ChildFolderCount></" + element + ">\n";
       }
       content += "            </t:Folders>\n          </RootFolder>\n";
     }
@@ -202,11 +237,13 @@ Scripted_Reply Ews_Scripted_Soap::answer(const Scripted_Request& request)
     {
       EWS_Item_Page page;
       s = service_->find_items(*box, parent.id, offset, max, page);
-      content = "          <RootFolder " + paging(page.next, page.last, page.items.size()) + ">\n            <t:Items>\n";
+      content =
+        "          <RootFolder " + paging(page.next, page.last, page.items.size()) + ">\n            <t:Items>\n";
       for (const EWS_Item& i : page.items)
         content += "              <t:Message><t:ItemId Id=\"" + i.id + "\" ChangeKey=\"" + i.change_key +
                    "\"/><t:Subject>" + escape(i.subject) + "</t:Subject><t:Size>" + std::to_string(i.size) +
-                   "</t:Size><t:DateTimeCreated>" + ews_xml::format_time(i.ctime) + "</t:DateTimeCreated></t:Message>\n";
+                   "</t:Size><t:DateTimeCreated>" + ews_xml::format_time(i.ctime) +
+                   "</t:DateTimeCreated></t:Message>\n";
       content += "            </t:Items>\n          </RootFolder>\n";
     }
     messages = message(name, s, s.ok() ? content : "");
@@ -223,8 +260,9 @@ Scripted_Reply Ews_Scripted_Soap::answer(const Scripted_Request& request)
       ustring data;
       const Host_Status s = service_->export_item(*box, item, data);
       const std::string text = service_->damaged.count(item) ? "@@@@ this is not base64 @@@@\n" : base64_lines(data);
-      messages += message(name, s, "          <ItemId Id=\"" + item + "\" ChangeKey=\"CK" + item + "\"/>\n          <Data>\n" +
-                                     text + "          </Data>\n");
+      messages += message(name, s,
+                          "          <ItemId Id=\"" + item + "\" ChangeKey=\"CK" + item + "\"/>\n          <Data>\n" +
+                            text + "          </Data>\n");
     }
     service_->export_batches.push_back(count);
   }
@@ -235,8 +273,10 @@ Scripted_Reply Ews_Scripted_Soap::answer(const Scripted_Request& request)
     r.display_name = child(folder, "DisplayName").text().get();
     r.type = ews_folder_type_of(local_name(folder));
     const Host_Status s = service_->create_folder(*box, folder_ref(child(op, "ParentFolderId")), r);
-    messages = message(name, s, s.ok() ? "          <Folders><t:Folder><t:FolderId Id=\"" + r.id + "\" ChangeKey=\"" +
-                                           r.change_key + "\"/></t:Folder></Folders>\n" : "          <Folders/>\n");
+    messages = message(name, s,
+                       s.ok() ? "          <Folders><t:Folder><t:FolderId Id=\"" + r.id + "\" ChangeKey=\"" +
+                                  r.change_key + "\"/></t:Folder></Folders>\n"
+                              : "          <Folders/>\n");
   }
   else if (name == "UploadItems")
   {
@@ -252,7 +292,8 @@ Scripted_Reply Ews_Scripted_Soap::answer(const Scripted_Request& request)
         r.status = Host_Status::make(HOST_STATUS_PERMANENT, "ErrorCorruptData", "The item data is corrupt.");
       else
         r = service_->upload_item(*box, folder, ustring(data.ptr.get(), static_cast<size_t>(data.size)));
-      messages += message(name, r.status, r.status.ok() ? "          <ItemId Id=\"" + r.id + "\" ChangeKey=\"CK\"/>\n" : "");
+      messages +=
+        message(name, r.status, r.status.ok() ? "          <ItemId Id=\"" + r.id + "\" ChangeKey=\"CK\"/>\n" : "");
     }
   }
   else

@@ -49,8 +49,8 @@ TEST(EwsSoapTransport, ReadsABackOffNestedInAnInnerErrorAndPerItemThrottling)
   ASSERT_EQ(items.items.size(), 3u);
   EXPECT_FALSE(items.last);
   EXPECT_EQ(items.next, EWS_Page_Cursor::at(3));
-  ews.service->item_faults[items.items[1].id].push_back(
-    Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "The server cannot service this request right now.", 55));
+  ews.service->item_faults[items.items[1].id].push_back(Host_Status::make(
+    HOST_STATUS_THROTTLED, "ErrorServerBusy", "The server cannot service this request right now.", 55));
   EWS_Export_Requests requests(3);
   std::vector<EWS_Export_Request*> batch;
   for (size_t i = 0; i < 3; ++i)

@@ -20,12 +20,14 @@ TEST(HttpSession, ReusesOneConnectionAndCarriesHeadersAndBodies)
 {
   Loopback_Server s;
   std::atomic<int> calls{0};
-  s.server().Post("/echo", [&](const httplib::Request& req, httplib::Response& res) {
-    ++calls;
-    res.set_header("X-Seen", req.get_header_value("X-Test"));
-    res.set_header("Retry-After", "7");
-    res.set_content(req.body + "|" + req.get_param_value("q"), "text/plain");
-  });
+  s.server().Post("/echo",
+                  [&](const httplib::Request& req, httplib::Response& res)
+                  {
+                    ++calls;
+                    res.set_header("X-Seen", req.get_header_value("X-Test"));
+                    res.set_header("Retry-After", "7");
+                    res.set_content(req.body + "|" + req.get_param_value("q"), "text/plain");
+                  });
   s.start();
   HTTP_Session_Ptr session = session_to(s);
   ASSERT_TRUE(session);
@@ -62,12 +64,14 @@ TEST(HttpSession, ReportsTransportFailures)
   EXPECT_EQ(session->transport_error(), HTTP_TRANSPORT_CONNECT);
   EXPECT_FALSE(session->error().empty());
 
-  Scripted_Server dropping([](const Scripted_Request& r) {
-    Scripted_Reply reply;
-    reply.drop = r.target == "/cut";
-    reply.body = "fine";
-    return reply;
-  });
+  Scripted_Server dropping(
+    [](const Scripted_Request& r)
+    {
+      Scripted_Reply reply;
+      reply.drop = r.target == "/cut";
+      reply.body = "fine";
+      return reply;
+    });
   HTTP_Session_Ptr live = HTTP_Session_Factory::create("127.0.0.1", dropping.port(), false, 5, 5);
   HTTP_Request cut(HTTP_METHOD_GET, "/cut");
   EXPECT_FALSE(live->perform(cut, response));
@@ -95,19 +99,22 @@ TEST(HttpSessionFactory, RefusesPlainHttpToRemoteHostsAndBadAddresses)
 TEST(JsonRestfulClient, SendsStandingHeadersAndParsesOnlySuccessfulJson)
 {
   Loopback_Server s;
-  s.server().Get("/ok", [](const httplib::Request& req, httplib::Response& res) {
-    res.set_content("{\"auth\":\"" + req.get_header_value("Authorization") + "\",\"accept\":\"" +
-                      req.get_header_value("Accept") + "\",\"c\":\"" + req.get_header_value("ConsistencyLevel") +
-                      "\"}",
-                    "application/json");
-  });
-  s.server().Get("/denied", [](const httplib::Request&, httplib::Response& res) {
-    res.status = 403;
-    res.set_content("{\"error\":{\"code\":\"Authorization_RequestDenied\"}}", "application/json");
-  });
-  s.server().Get("/text", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content("not json", "text/plain");
-  });
+  s.server().Get("/ok",
+                 [](const httplib::Request& req, httplib::Response& res)
+                 {
+                   res.set_content("{\"auth\":\"" + req.get_header_value("Authorization") + "\",\"accept\":\"" +
+                                     req.get_header_value("Accept") + "\",\"c\":\"" +
+                                     req.get_header_value("ConsistencyLevel") + "\"}",
+                                   "application/json");
+                 });
+  s.server().Get("/denied",
+                 [](const httplib::Request&, httplib::Response& res)
+                 {
+                   res.status = 403;
+                   res.set_content("{\"error\":{\"code\":\"Authorization_RequestDenied\"}}", "application/json");
+                 });
+  s.server().Get("/text",
+                 [](const httplib::Request&, httplib::Response& res) { res.set_content("not json", "text/plain"); });
   s.start();
 
   JSON_RESTful_Client client(true);
@@ -144,18 +151,21 @@ TEST(HttpSession, StreamsBodiesBothWaysAndNamesItself)
   Loopback_Server s;
   std::string stored;
   std::string agent;
-  s.server().Put("/object", [&](const httplib::Request& req, httplib::Response& res) {
-    stored = req.body;
-    agent = req.get_header_value("User-Agent");
-    res.status = 201;
-  });
-  s.server().Get("/object", [&](const httplib::Request&, httplib::Response& res) {
-    res.set_content(stored, "application/octet-stream");
-  });
-  s.server().Get("/missing", [](const httplib::Request&, httplib::Response& res) {
-    res.status = 404;
-    res.set_content("{\"error\":\"no such object\"}", "application/json");
-  });
+  s.server().Put("/object",
+                 [&](const httplib::Request& req, httplib::Response& res)
+                 {
+                   stored = req.body;
+                   agent = req.get_header_value("User-Agent");
+                   res.status = 201;
+                 });
+  s.server().Get("/object", [&](const httplib::Request&, httplib::Response& res)
+                 { res.set_content(stored, "application/octet-stream"); });
+  s.server().Get("/missing",
+                 [](const httplib::Request&, httplib::Response& res)
+                 {
+                   res.status = 404;
+                   res.set_content("{\"error\":\"no such object\"}", "application/json");
+                 });
   s.start();
   HTTP_Session_Ptr session = session_to(s);
 
@@ -163,15 +173,17 @@ TEST(HttpSession, StreamsBodiesBothWaysAndNamesItself)
   std::string expected;
   int piece = 0;
   HTTP_Request put(HTTP_METHOD_PUT, "/object");
-  put.set_body_source([&](char* buffer, size_t size) -> size_t {
-    if (piece == 1000)
-      return 0;
-    const std::string text = "piece " + std::to_string(piece++) + ";";
-    EXPECT_GE(size, text.size());
-    text.copy(buffer, text.size());
-    expected += text;
-    return text.size();
-  });
+  put.set_body_source(
+    [&](char* buffer, size_t size) -> size_t
+    {
+      if (piece == 1000)
+        return 0;
+      const std::string text = "piece " + std::to_string(piece++) + ";";
+      EXPECT_GE(size, text.size());
+      text.copy(buffer, text.size());
+      expected += text;
+      return text.size();
+    });
   HTTP_Response response;
   ASSERT_TRUE(session->perform(put, response)) << session->error();
   EXPECT_EQ(response.status(), 201);
@@ -181,11 +193,13 @@ TEST(HttpSession, StreamsBodiesBothWaysAndNamesItself)
   // A 2xx body goes to the sink, an error body stays in the response.
   std::string received;
   HTTP_Response streamed;
-  streamed.set_body_sink([&](const char* data, size_t size, long status) {
-    EXPECT_EQ(status, 200);
-    received.append(data, size);
-    return true;
-  });
+  streamed.set_body_sink(
+    [&](const char* data, size_t size, long status)
+    {
+      EXPECT_EQ(status, 200);
+      received.append(data, size);
+      return true;
+    });
   HTTP_Request get(HTTP_METHOD_GET, "/object");
   ASSERT_TRUE(session->perform(get, streamed));
   EXPECT_EQ(received, expected);
@@ -210,19 +224,21 @@ TEST(HttpSession, StreamsBodiesBothWaysAndNamesItself)
 TEST(JsonRestfulClient, RetriesThrottledAnswersAfterTheirWaitOnly)
 {
   std::atomic<int> calls{0};
-  Scripted_Server server([&](const Scripted_Request& r) {
-    Scripted_Reply reply;
-    ++calls;
-    if (r.target == "/busy" && calls < 3)
+  Scripted_Server server(
+    [&](const Scripted_Request& r)
     {
-      reply.status = calls == 1 ? 429 : 503;
-      reply.headers["Retry-After"] = "0";
-    }
-    else if (r.target == "/broken")
-      reply.status = 500;
-    reply.body = "{\"ok\":true}";
-    return reply;
-  });
+      Scripted_Reply reply;
+      ++calls;
+      if (r.target == "/busy" && calls < 3)
+      {
+        reply.status = calls == 1 ? 429 : 503;
+        reply.headers["Retry-After"] = "0";
+      }
+      else if (r.target == "/broken")
+        reply.status = 500;
+      reply.body = "{\"ok\":true}";
+      return reply;
+    });
   JSON_RESTful_Client client(true);
   client.reset(HTTP_Session_Factory::create("127.0.0.1", server.port(), false, 5, 5));
   nlohmann::ordered_json value;

@@ -39,12 +39,11 @@ TEST(HttpStatus, RetryAfterAndClassification)
     long status;
     Host_Status_Kind kind;
     long wait;
-  } cases[] = {{200, HOST_STATUS_OK, -1},           {204, HOST_STATUS_OK, -1},
-               {429, HOST_STATUS_THROTTLED, 3000},  {503, HOST_STATUS_THROTTLED, 3000},
-               {408, HOST_STATUS_TRANSIENT, -1},    {500, HOST_STATUS_TRANSIENT, -1},
-               {502, HOST_STATUS_TRANSIENT, -1},    {504, HOST_STATUS_TRANSIENT, -1},
-               {401, HOST_STATUS_UNAUTHORIZED, -1}, {403, HOST_STATUS_PERMANENT, -1},
-               {404, HOST_STATUS_PERMANENT, -1},    {409, HOST_STATUS_PERMANENT, -1}};
+  } cases[] = {
+    {200, HOST_STATUS_OK, -1},          {204, HOST_STATUS_OK, -1},        {429, HOST_STATUS_THROTTLED, 3000},
+    {503, HOST_STATUS_THROTTLED, 3000}, {408, HOST_STATUS_TRANSIENT, -1}, {500, HOST_STATUS_TRANSIENT, -1},
+    {502, HOST_STATUS_TRANSIENT, -1},   {504, HOST_STATUS_TRANSIENT, -1}, {401, HOST_STATUS_UNAUTHORIZED, -1},
+    {403, HOST_STATUS_PERMANENT, -1},   {404, HOST_STATUS_PERMANENT, -1}, {409, HOST_STATUS_PERMANENT, -1}};
   for (const auto& c : cases)
   {
     response.status(c.status);
@@ -83,10 +82,13 @@ TEST(RetryPolicy, RetriesByKindScopeAndBudget)
 
   int calls = 0;
   Retry_Policy loop(30);
-  const Host_Status last = run_with_retry_T(loop, [&] {
-    ++calls;
-    return calls < 3 ? now : Host_Status::make(HOST_STATUS_PERMANENT, "HTTP 404", "gone");
-  });
+  const Host_Status last =
+    run_with_retry_T(loop,
+                     [&]
+                     {
+                       ++calls;
+                       return calls < 3 ? now : Host_Status::make(HOST_STATUS_PERMANENT, "HTTP 404", "gone");
+                     });
   EXPECT_EQ(calls, 3);
   EXPECT_EQ(last.code, "HTTP 404");
 }

@@ -22,8 +22,9 @@ public:
     const std::string ec = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes ";
     ok_ = run("openssl req -x509" + ec + "-keyout ca.key -out ca.pem -days 2 -subj /CN=Test-CA") &&
           run("openssl req" + ec + "-keyout server.key -out server.csr -subj /CN=localhost") &&
-          run("openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem "
-              "-days 2 -extfile ext.cnf");
+          run(
+            "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem "
+            "-days 2 -extfile ext.cnf");
   }
   ~Test_CA() { EXPECT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
 

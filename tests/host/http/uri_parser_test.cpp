@@ -35,9 +35,9 @@ TEST(UriParser, RejectsMalformedUrlsAndLeavesOutputAlone)
 {
   URI uri;
   ASSERT_TRUE(URI_Parser::parse("https://keep.example/", uri));
-  for (const char* bad : {"", "graph.microsoft.com/v1.0", "ftp://host/", "https://", "https://:443/",
-                          "https://host:0/", "https://host:65536/", "https://host:12a/", "https://user:pw@host/",
-                          "https://ho st/", "https://[::1/"})
+  for (const char* bad :
+       {"", "graph.microsoft.com/v1.0", "ftp://host/", "https://", "https://:443/", "https://host:0/",
+        "https://host:65536/", "https://host:12a/", "https://user:pw@host/", "https://ho st/", "https://[::1/"})
   {
     EXPECT_FALSE(URI_Parser::parse(bad, uri)) << bad;
   }

@@ -12,10 +12,7 @@ struct Parsed
   int err;
   std::string error;
   Job_Source_var source;
-  const Default_Backup_Job_Source& get() const
-  {
-    return *static_cast<const Default_Backup_Job_Source*>(source.get());
-  }
+  const Default_Backup_Job_Source& get() const { return *static_cast<const Default_Backup_Job_Source*>(source.get()); }
 };
 
 Parsed parse(const std::string& json)

@@ -194,10 +194,7 @@ class Checking_Restore_Callback : public MTF::Restore_Callback_Base
 {
 public:
   Checking_Restore_Callback(const Generated_Tree& tree, Check_Record& record) : tree_(tree), record_(record) {}
-  MTF::IFile_Writer_var make_file_writer() override
-  {
-    return std::make_shared<Checking_File_Writer>(tree_, record_);
-  }
+  MTF::IFile_Writer_var make_file_writer() override { return std::make_shared<Checking_File_Writer>(tree_, record_); }
 
 private:
   const Generated_Tree& tree_;

@@ -63,7 +63,9 @@ int main(int argc, char** argv)
   if (!catalog.parse(read_file(dir + "/v1-plain" + set + "set.1.cat"), error))
     return 1;
   const MTF_Set_Catalog::Entry* readme = find(catalog, "/data/docs/readme.txt");
-  const MTF_Set_Catalog::Entry* grusse = find(catalog, "/data/docs/Gr\xC3\xBC\xC3\x9F" "e.txt");
+  const MTF_Set_Catalog::Entry* grusse = find(catalog,
+                                              "/data/docs/Gr\xC3\xBC\xC3\x9F"
+                                              "e.txt");
   std::string good = read_file(dir + "/v1-plain" + set + "set.1.0.mtf");
   for (const char* name : {"damaged-checksum", "damaged-truncated", "damaged-length"})
     system(("cp -r '" + dir + "/v1-plain' '" + dir + "/" + name + "'").c_str());

@@ -33,14 +33,13 @@ protected:
   }
 
   // Restores the whole set; the files that came back, with their contents.
-  std::map<std::string, std::string> restore(const std::string& name, ACE_UINT64& failed,
-                                             Log_Capture* log = nullptr)
+  std::map<std::string, std::string> restore(const std::string& name, ACE_UINT64& failed, Log_Capture* log = nullptr)
   {
     std::string target = root_ + "/out-" + name;
     Local_Restore_Factory factory(target);
     MTF::Event_Handler handler;
     MTF_Restore r(handler, log ? std::shared_ptr<ACE_Log_Msg_Callback>(log, [](ACE_Log_Msg_Callback*) {})
-                                   : std::shared_ptr<ACE_Log_Msg_Callback>());
+                               : std::shared_ptr<ACE_Log_Msg_Callback>());
     r.callback_factory(&factory);
     r.pool_uuid("pool-1");
     r.pool_url("file://" + root_ + "/" + name);
@@ -81,9 +80,12 @@ TEST_F(MTF_Fixtures, DamagedSetsNameThePathAndRestoreTheRest)
     const char* why;
   };
   const Case cases[] = {
-      {"damaged-checksum", "/data/docs/readme.txt", "checksum"},
-      {"damaged-truncated", "/data/docs/readme.txt", "ends"},
-      {"damaged-length", "/data/docs/Gr\xC3\xBC\xC3\x9F" "e.txt", "bytes"},
+    {"damaged-checksum", "/data/docs/readme.txt", "checksum"},
+    {"damaged-truncated", "/data/docs/readme.txt", "ends"},
+    {"damaged-length",
+     "/data/docs/Gr\xC3\xBC\xC3\x9F"
+     "e.txt",
+     "bytes"},
   };
   for (const Case& c : cases)
   {

@@ -22,12 +22,12 @@ TEST(MTF_Format, StringsDatesAndPaths)
 {
   std::string wide, back;
   ASSERT_TRUE(utf8_to_utf16le("a\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80", wide));  // a é 日 😀
-  EXPECT_EQ(wide.size(), 2u * 5);  // the emoji takes a surrogate pair
+  EXPECT_EQ(wide.size(), 2u * 5);                                               // the emoji takes a surrogate pair
   EXPECT_EQ(get16(wide.data() + 6), 0xd83d);
   ASSERT_TRUE(utf16le_to_utf8(wide, back));
   EXPECT_EQ(back, "a\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80");
-  EXPECT_FALSE(utf8_to_utf16le("\xC3", wide));          // cut sequence
-  EXPECT_FALSE(utf8_to_utf16le("\xC0\xAF", wide));      // overlong
+  EXPECT_FALSE(utf8_to_utf16le("\xC3", wide));                      // cut sequence
+  EXPECT_FALSE(utf8_to_utf16le("\xC0\xAF", wide));                  // overlong
   EXPECT_FALSE(utf16le_to_utf8(std::string("\x3d\xd8", 2), back));  // lone surrogate
 
   char date[5];
@@ -57,10 +57,13 @@ TEST(MTF_Format, StringsDatesAndPaths)
 static std::string write_sample(int level, std::vector<MTF_Writer::Location>& where)
 {
   std::string out;
-  MTF_Writer w([&out](const char* p, size_t n) {
-    out.append(p, n);
-    return true;
-  }, level);
+  MTF_Writer w(
+    [&out](const char* p, size_t n)
+    {
+      out.append(p, n);
+      return true;
+    },
+    level);
   MTF_Writer::Set_Info info;
   info.set_name = "sample";
   info.when = 1700000000;
@@ -69,7 +72,7 @@ static std::string write_sample(int level, std::vector<MTF_Writer::Location>& wh
   EXPECT_TRUE(w.add_directory({}, 0, 0, root));
   EXPECT_TRUE(w.add_directory({"d\xC3\xA9j\xC3\xA0", "sub"}, 1700000000, 0, sub));
   std::vector<std::pair<std::string, std::string>> files = {
-      {"empty", ""}, {"one-block", std::string(1024, 'x')}, {"odd", "hello"}, {"big", std::string(5000, 'b')}};
+    {"empty", ""}, {"one-block", std::string(1024, 'x')}, {"odd", "hello"}, {"big", std::string(5000, 'b')}};
   for (const auto& f : files)
   {
     MTF_Writer::Location loc;
@@ -88,7 +91,8 @@ static std::string write_sample(int level, std::vector<MTF_Writer::Location>& wh
 static std::function<long long(void*, size_t)> from_string(const std::string& s)
 {
   auto pos = std::make_shared<size_t>(0);
-  return [&s, pos](void* p, size_t n) -> long long {
+  return [&s, pos](void* p, size_t n) -> long long
+  {
     size_t k = std::min(n, s.size() - *pos);
     memcpy(p, s.data() + *pos, k);
     *pos += k;

@@ -48,10 +48,13 @@ protected:
     root_ = mkdtemp(tmpl);
     system(("mkdir -p " + root_ + "/src/m1/sub/deeper " + root_ + "/src/m2 " + root_ + "/src/m3/x " + root_ +
             "/src/m4 " + root_ + "/pool")
-               .c_str());
+             .c_str());
     write_file(root_ + "/src/m1/empty", "");
     write_file(root_ + "/src/m1/one-block", std::string(1024, 'q'));
-    write_file(root_ + "/src/m1/Gr\xC3\xBC\xC3\x9F" "e \xE6\x97\xA5\xE6\x9C\xAC.txt", "non-ASCII name\n");
+    write_file(root_ +
+                 "/src/m1/Gr\xC3\xBC\xC3\x9F"
+                 "e \xE6\x97\xA5\xE6\x9C\xAC.txt",
+               "non-ASCII name\n");
     write_file(root_ + "/src/m1/sub/a.bin", bytes(100 * 1024, 1));
     write_file(root_ + "/src/m1/sub/deeper/b.bin", bytes(3 * 1024 * 1024 + 17, 2));
     write_file(root_ + "/src/m2/c.txt", "see\n");
@@ -75,9 +78,9 @@ protected:
                           options);
   }
 
-  int backup_sources(MTF::IBackup_Callback_Factory& factory, const std::vector<std::string>& sources,
-                     unsigned channels, bool zstd, int prev_rev, MTF::Event_Handler* handler = nullptr,
-                     const std::string& pool_uuid = "", const Client_IO_Base::Options* options = nullptr)
+  int backup_sources(MTF::IBackup_Callback_Factory& factory, const std::vector<std::string>& sources, unsigned channels,
+                     bool zstd, int prev_rev, MTF::Event_Handler* handler = nullptr, const std::string& pool_uuid = "",
+                     const Client_IO_Base::Options* options = nullptr)
   {
     MTF_Metadata md;
     md.set_agent("backup.exchange.linux-x86");
@@ -102,8 +105,8 @@ protected:
     return rc;
   }
 
-  int restore(MTF::IRestore_Callback_Factory& factory, int rev, const nlohmann::ordered_json& selection, unsigned workers,
-              MTF_Restore* keep = nullptr, const std::string& pool_uuid = "",
+  int restore(MTF::IRestore_Callback_Factory& factory, int rev, const nlohmann::ordered_json& selection,
+              unsigned workers, MTF_Restore* keep = nullptr, const std::string& pool_uuid = "",
               const Client_IO_Base::Options* options = nullptr)
   {
     MTF::Event_Handler plain;
@@ -158,7 +161,10 @@ protected:
   }
 
   // Log lines of the streams' threads go to `log`.
-  void capture(Log_Capture& log) { log_.reset(&log, [](ACE_Log_Msg_Callback*) {}); }
+  void capture(Log_Capture& log)
+  {
+    log_.reset(&log, [](ACE_Log_Msg_Callback*) {});
+  }
 
   std::shared_ptr<ACE_Log_Msg_Callback> log_;
   std::string root_;

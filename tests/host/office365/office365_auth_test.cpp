@@ -142,13 +142,16 @@ TEST(Office365Token, ReasonQuotingTheRequestHasTheSecretMasked)
 {
   // A login endpoint (or a proxy in front of it) that quotes the request body back.
   Loopback_Server server;
-  server.server().Post(R"(/[^/]+/oauth2/v2\.0/token)", [](const httplib::Request& req, httplib::Response& res) {
-    res.status = 400;
-    res.set_content(nlohmann::ordered_json{{"error", "invalid_request"},
-                                           {"error_description", "Cannot read the request: " + req.body}}
-                      .dump(),
-                    "application/json");
-  });
+  server.server().Post(R"(/[^/]+/oauth2/v2\.0/token)",
+                       [](const httplib::Request& req, httplib::Response& res)
+                       {
+                         res.status = 400;
+                         res.set_content(
+                           nlohmann::ordered_json{{"error", "invalid_request"},
+                                                  {"error_description", "Cannot read the request: " + req.body}}
+                             .dump(),
+                           "application/json");
+                       });
   server.start();
   Office365_Auth_Entry entry;
   entry.ms_login_endpoint = server.url();

@@ -128,8 +128,7 @@ TEST(Office365TenantRegistry, RefusesExposedOrDamagedFiles)
   EXPECT_TRUE(registry.load(error)) << error;
 
   for (const char* text : {"{\"format_version\":1,\"tenants\":{\"u\":{\"tenant_id\":\"t\"}}}",
-                           "{\"format_version\":2,\"tenants\":{}}", "{\"format_version\":1,\"tenants\":{",
-                           "[]"})
+                           "{\"format_version\":2,\"tenants\":{}}", "{\"format_version\":1,\"tenants\":{", "[]"})
   {
     {
       std::ofstream out(path);
@@ -142,8 +141,9 @@ TEST(Office365TenantRegistry, RefusesExposedOrDamagedFiles)
 
 TEST(Office365TenantRegistry, TestsARegistrationAgainstTheLoginEndpoint)
 {
-  EXPECT_EQ(Office365_Tenant_Registry::token_scopes(sample("a.test")),
-            (std::vector<std::string>{"https://graph.microsoft.com/.default", "https://outlook.office365.com/.default"}));
+  EXPECT_EQ(
+    Office365_Tenant_Registry::token_scopes(sample("a.test")),
+    (std::vector<std::string>{"https://graph.microsoft.com/.default", "https://outlook.office365.com/.default"}));
   EXPECT_EQ(Office365_Tenant_Registry::file_in("/var/lib/agent"), "/var/lib/agent/office365_tenants.json");
 
   Exo_Sim_Process sim;

@@ -198,12 +198,14 @@ class Fault_Factory
 public:
   explicit Fault_Factory(const Client_IO_Fault::Faults& faults = Client_IO_Fault::Faults())
   {
-    Client_IO_Ex::set_factory_for_tests([this, faults](const std::string& location) {
-      std::unique_ptr<Client_IO_Fault> wrapper(new Client_IO_Fault(Client_IO_Ex::make_default(location)));
-      wrapper->arm(faults);
-      ++made_;
-      return std::unique_ptr<Client_IO_Base>(std::move(wrapper));
-    });
+    Client_IO_Ex::set_factory_for_tests(
+      [this, faults](const std::string& location)
+      {
+        std::unique_ptr<Client_IO_Fault> wrapper(new Client_IO_Fault(Client_IO_Ex::make_default(location)));
+        wrapper->arm(faults);
+        ++made_;
+        return std::unique_ptr<Client_IO_Base>(std::move(wrapper));
+      });
   }
   ~Fault_Factory() { Client_IO_Ex::set_factory_for_tests(nullptr); }
   int made() const { return made_; }
@@ -238,8 +240,7 @@ protected:
   Client_IO_Ex io_;
 };
 
-using Implementations =
-  ::testing::Types<File_Pool, Backupd_Pool, Fault_Pool<File_Pool>, Fault_Pool<Backupd_Pool>>;
+using Implementations = ::testing::Types<File_Pool, Backupd_Pool, Fault_Pool<File_Pool>, Fault_Pool<Backupd_Pool>>;
 TYPED_TEST_SUITE(Storage_Contract, Implementations);
 
 std::vector<std::string> temporaries(const std::string& pool_dir)
@@ -443,10 +444,12 @@ TEST_F(Http_Client_Test, RetriesUntilTheServerComesBack)
   std::string location = "http://127.0.0.1:" + std::to_string(port) + "/d2/storage/pool-a";
   ASSERT_TRUE(io.open(location, o));
   auto start = std::chrono::steady_clock::now();
-  std::thread restart([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    backupd_.start(port);
-  });
+  std::thread restart(
+    [&]
+    {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+      backupd_.start(port);
+    });
   bool stored = io.put_contents("after-retry", "late", true);
   restart.join();
   ASSERT_TRUE(stored) << io.last_error();
@@ -454,7 +457,8 @@ TEST_F(Http_Client_Test, RetriesUntilTheServerComesBack)
 
   Client_IO_Base::Options once = options();
   Client_IO_Ex no_retry;
-  ASSERT_TRUE(no_retry.open("http://127.0.0.1:" + std::to_string(Backupd_Process::free_port()) + "/d2/storage/p", once));
+  ASSERT_TRUE(
+    no_retry.open("http://127.0.0.1:" + std::to_string(Backupd_Process::free_port()) + "/d2/storage/p", once));
   EXPECT_FALSE(no_retry.put_contents("x", "x", true));
   EXPECT_FALSE(no_retry.last_error().empty());
 }

@@ -11,8 +11,8 @@ TEST(Storage_Name, AcceptsPlainAndNestedNames)
 
 TEST(Storage_Name, RefusesEscapesEmptyPartsAndTemporaries)
 {
-  for (const char* name : {"", "..", "../x", "a/../b", "a/..", ".", "a/./b", "/a", "a/", "a//b", "a\\b", ".~tmp/x",
-                           "a/.~x"})
+  for (const char* name :
+       {"", "..", "../x", "a/../b", "a/..", ".", "a/./b", "/a", "a/", "a//b", "a\\b", ".~tmp/x", "a/.~x"})
     EXPECT_FALSE(is_valid_storage_name(name)) << name;
   EXPECT_FALSE(is_valid_storage_name(std::string("a\0b", 3)));
 }

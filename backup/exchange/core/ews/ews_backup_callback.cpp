@@ -21,10 +21,7 @@
 namespace
 {
 // The path table key of a folder: always with its trailing "/".
-std::string folder_key(const std::string& path)
-{
-  return is_folder(path) ? path : path + "/";
-}
+std::string folder_key(const std::string& path) { return is_folder(path) ? path : path + "/"; }
 
 MTF::Directory_Entry make_entry(const std::string& name, mode_t mode, time_t mtime, time_t ctime)
 {
@@ -226,8 +223,7 @@ bool EWS_Backup_Callback::handle_source_entry_begin(const MTF::source_entry& ent
   ctx_.begin_mailbox(cur_mailbox_);
   ews_->impersonate(cur_mailbox_);
   ++processed_mailbox_;
-  LOG_MSG(LM_INFO, "Processing mailbox '%s' (%d/%d).\n", cur_mailbox_.c_str(), processed_mailbox_,
-          ctx_.mailbox_count_);
+  LOG_MSG(LM_INFO, "Processing mailbox '%s' (%d/%d).\n", cur_mailbox_.c_str(), processed_mailbox_, ctx_.mailbox_count_);
   return true;
 }
 

@@ -46,10 +46,7 @@ EWS_Backup_Context::EWS_Backup_Context(const std::string& username, const Secure
 {
 }
 
-EWS_Backup_Context::~EWS_Backup_Context()
-{
-  stop_export_task();
-}
+EWS_Backup_Context::~EWS_Backup_Context() { stop_export_task(); }
 
 bool EWS_Backup_Context::activate_export_task(Job* job)
 {
@@ -171,10 +168,7 @@ void EWS_Backup_Context::add_out_file(const std::string& name, uint64_t stored_b
   out_size_ += static_cast<int64_t>(stored_bytes);
 }
 
-bool EWS_Backup_Context::is_cancelling() const
-{
-  return act_.state == JOB_STATE_CANCELING;
-}
+bool EWS_Backup_Context::is_cancelling() const { return act_.state == JOB_STATE_CANCELING; }
 
 int EWS_Backup_Context::retry_seconds() const
 {

@@ -32,10 +32,7 @@ EWS_Export_Task::EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ct
 {
 }
 
-EWS_Export_Task::~EWS_Export_Task()
-{
-  stop();
-}
+EWS_Export_Task::~EWS_Export_Task() { stop(); }
 
 bool EWS_Export_Task::start()
 {

@@ -14,20 +14,11 @@
 
 typedef ACE_Unmanaged_Singleton<EWS_Folders_Cache, ACE_Null_Mutex> EWS_Folders_Cache_Singleton;
 
-EWS_Folders_Cache* EWS_Folders_Cache::instance()
-{
-  return EWS_Folders_Cache_Singleton::instance();
-}
+EWS_Folders_Cache* EWS_Folders_Cache::instance() { return EWS_Folders_Cache_Singleton::instance(); }
 
-void EWS_Folders_Cache::close_instance()
-{
-  EWS_Folders_Cache_Singleton::close();
-}
+void EWS_Folders_Cache::close_instance() { EWS_Folders_Cache_Singleton::close(); }
 
-void EWS_Folders_Cache_fini()
-{
-  EWS_Folders_Cache::close_instance();
-}
+void EWS_Folders_Cache_fini() { EWS_Folders_Cache::close_instance(); }
 
 bool EWS_Folders_Cache::is_cachce_valid(const std::string& pool_uuid, const std::string& uri,
                                         const std::string& index) const
@@ -72,8 +63,8 @@ bool EWS_Folders_Cache::download_mailbox_index(const std::string& pool_uuid, con
   std::string text;
   if (!channel.get_contents(index, text))
   {
-    LOG_MSG(LM_ERROR, "Failed to get mailbox index from pool, uuid = %s, uri = %s, name = %s: %s\n",
-            pool_uuid.c_str(), uri.c_str(), index.c_str(), channel.last_error().c_str());
+    LOG_MSG(LM_ERROR, "Failed to get mailbox index from pool, uuid = %s, uri = %s, name = %s: %s\n", pool_uuid.c_str(),
+            uri.c_str(), index.c_str(), channel.last_error().c_str());
     return false;
   }
   EWS_Folders* folders = new (std::nothrow) EWS_Folders();
@@ -85,8 +76,8 @@ bool EWS_Folders_Cache::download_mailbox_index(const std::string& pool_uuid, con
   out.reset(folders);
   if (!load_ews_folders(text, *folders))
   {
-    LOG_MSG(LM_ERROR, "Failed to parse EWS index file %s, pool_uuid = %s, uri = %s\n", index.c_str(),
-            pool_uuid.c_str(), uri.c_str());
+    LOG_MSG(LM_ERROR, "Failed to parse EWS index file %s, pool_uuid = %s, uri = %s\n", index.c_str(), pool_uuid.c_str(),
+            uri.c_str());
     return false;
   }
   return true;

@@ -57,10 +57,7 @@ std::string decode_path(const std::string& text)
   return out;
 }
 
-std::string mailbox_to_path(const std::string& mailbox)
-{
-  return "/" + encode_name(mailbox) + "/";
-}
+std::string mailbox_to_path(const std::string& mailbox) { return "/" + encode_name(mailbox) + "/"; }
 
 std::string get_mailbox(const std::string& path)
 {
@@ -70,10 +67,7 @@ std::string get_mailbox(const std::string& path)
   return decode_path(path.substr(1, end == std::string::npos ? std::string::npos : end - 1));
 }
 
-bool is_folder(const std::string& path)
-{
-  return !path.empty() && path.back() == '/';
-}
+bool is_folder(const std::string& path) { return !path.empty() && path.back() == '/'; }
 
 bool is_mailbox(const std::string& path)
 {

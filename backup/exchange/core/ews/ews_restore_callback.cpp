@@ -5,10 +5,7 @@
 #include <cerrno>
 #include <new>
 
-bool EWS_Restore_Callback::mkdir_p(const char* path)
-{
-  return ctx_->mkdir_p(path);
-}
+bool EWS_Restore_Callback::mkdir_p(const char* path) { return ctx_->mkdir_p(path); }
 
 MTF::IFile_Writer_var EWS_Restore_Callback::make_file_writer()
 {

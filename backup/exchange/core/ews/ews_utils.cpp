@@ -138,8 +138,7 @@ bool find_folder_by_name(const EWS_Folders& folders, const std::string& name, co
   return true;
 }
 
-bool find_folder_path(const EWS_Folders& folders, const std::vector<std::string>& components,
-                      const EWS_Folder*& out)
+bool find_folder_path(const EWS_Folders& folders, const std::vector<std::string>& components, const EWS_Folder*& out)
 {
   if (components.empty())
     return false;

@@ -49,8 +49,7 @@ bool find_folder_by_name(const EWS_Folders& folders, const std::string& name, co
 // Walks `components` (display names) from the top level down; logs
 // "EWS folder '%s' not found\n" with the components joined by "/" when a level is
 // missing. An empty list finds nothing (silently).
-bool find_folder_path(const EWS_Folders& folders, const std::vector<std::string>& components,
-                      const EWS_Folder*& out);
+bool find_folder_path(const EWS_Folders& folders, const std::vector<std::string>& components, const EWS_Folder*& out);
 // The item `id` of the folder that `components` leads to; logs
 // "EWS item not found, id = %s\n" when that folder has no such item.
 bool find_item_by_id(const EWS_Folders& folders, const std::vector<std::string>& components, const std::string& id,

@@ -19,10 +19,7 @@ void set_access_key_to_options(Client_IO_Base::Options& options, const std::stri
   set_http_head_to_options(options, HTTP_HEAD_ACCESS_KEY, key);
 }
 
-void set_d2t_access_mode(Client_IO_Base::Options& options)
-{
-  options.d2t_access_mode = 2;
-}
+void set_d2t_access_mode(Client_IO_Base::Options& options) { options.d2t_access_mode = 2; }
 
 void set_options_by_host(Client_IO_Base::Options& options)
 {

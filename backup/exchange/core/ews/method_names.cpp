@@ -7,10 +7,8 @@
 namespace
 {
 const Key2_Value_T<Exchange_Backup_Method> method_table[] = {
-  {"vss", 3, EXCHANGE_BACKUP_METHOD_VSS},
-  {"streaming", 9, EXCHANGE_BACKUP_METHOD_STREAMING},
-  {"mapi", 4, EXCHANGE_BACKUP_METHOD_MAPI},
-  {"ews", 3, EXCHANGE_BACKUP_METHOD_EWS},
+  {"vss", 3, EXCHANGE_BACKUP_METHOD_VSS},    {"streaming", 9, EXCHANGE_BACKUP_METHOD_STREAMING},
+  {"mapi", 4, EXCHANGE_BACKUP_METHOD_MAPI},  {"ews", 3, EXCHANGE_BACKUP_METHOD_EWS},
   {nullptr, 0, EXCHANGE_BACKUP_METHOD_NONE},
 };
 }  // namespace
@@ -23,7 +21,4 @@ Exchange_Backup_Method name_to_method(const char* name, int len)
   return get_key_value_entry(method_table, name, n)->value;
 }
 
-const char* method_to_name(Exchange_Backup_Method method)
-{
-  return get_key_value_entry(method_table, method)->key;
-}
+const char* method_to_name(Exchange_Backup_Method method) { return get_key_value_entry(method_table, method)->key; }

@@ -8,10 +8,7 @@
 #include "host/base/log.h"
 #include <nlohmann/json.hpp>
 
-std::string ms_graph_default_scope(const std::string& graph_endpoint)
-{
-  return graph_endpoint + "/.default";
-}
+std::string ms_graph_default_scope(const std::string& graph_endpoint) { return graph_endpoint + "/.default"; }
 
 Office365_Console::Office365_Console(Office365_Auth_Entry entry)
   : client_(true), auth_(entry, ms_graph_default_scope(entry.ms_graph_endpoint))
@@ -22,8 +19,8 @@ Office365_Console::Office365_Console(Office365_Auth_Entry entry)
     LOG_MSG(LM_ERROR, "Invalid Microsoft graph endpoint '%s'\n", entry.ms_graph_endpoint.c_str());
     return;
   }
-  client_.reset(HTTP_Session_Factory::create(uri.host(false), uri.port(), uri.is_ssl(), nullptr, 3, nullptr, false,
-                                             120, 120, 0, 0));
+  client_.reset(HTTP_Session_Factory::create(uri.host(false), uri.port(), uri.is_ssl(), nullptr, 3, nullptr, false, 120,
+                                             120, 0, 0));
 }
 
 bool Office365_Console::check_token()
@@ -87,15 +84,15 @@ bool Office365_Console::list_mailboxes(std::vector<std::string>& mailboxes, cons
   return true;
 }
 
-bool Office365_Console::read_users(const nlohmann::ordered_json& value, std::vector<std::string>& mailboxes,
-                                   int& total, std::string& next_link, bool& has_next_link)
+bool Office365_Console::read_users(const nlohmann::ordered_json& value, std::vector<std::string>& mailboxes, int& total,
+                                   std::string& next_link, bool& has_next_link)
 {
   try
   {
     const nlohmann::ordered_json& users = value.at("value");
     if (!users.is_array())
-      throw nlohmann::ordered_json::type_error::create(302, "\"value\" must be an array, but is " +
-                                                              std::string(users.type_name()), &users);
+      throw nlohmann::ordered_json::type_error::create(
+        302, "\"value\" must be an array, but is " + std::string(users.type_name()), &users);
     const auto link = value.find("@odata.nextLink");
     if (link != value.end())
     {
@@ -106,16 +103,16 @@ bool Office365_Console::read_users(const nlohmann::ordered_json& value, std::vec
     if (count != value.end())
     {
       if (!count->is_number_integer())
-        throw nlohmann::ordered_json::type_error::create(302, "\"@odata.count\" must be an integer, but is " +
-                                                                std::string(count->type_name()), &*count);
+        throw nlohmann::ordered_json::type_error::create(
+          302, "\"@odata.count\" must be an integer, but is " + std::string(count->type_name()), &*count);
       total = count->get<int>();
     }
     mailboxes.reserve(mailboxes.size() + users.size());
     for (const auto& user : users)
     {
       if (!user.is_object())
-        throw nlohmann::ordered_json::type_error::create(302, "a user must be an object, but is " +
-                                                                std::string(user.type_name()), &user);
+        throw nlohmann::ordered_json::type_error::create(
+          302, "a user must be an object, but is " + std::string(user.type_name()), &user);
       mailboxes.push_back(user.at("userPrincipalName").get<std::string>());
     }
   }

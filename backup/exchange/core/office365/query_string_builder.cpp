@@ -3,9 +3,7 @@
 #include "backup/exchange/core/office365/snprintf_t.h"
 #include "host/http/http_encoding.h"
 
-Query_String_Builder::Query_String_Builder(std::string& buffer) : buffer_(buffer)
-{
-}
+Query_String_Builder::Query_String_Builder(std::string& buffer) : buffer_(buffer) {}
 
 void Query_String_Builder::add_key(const char* key, bool encode_key, const char* prefix)
 {

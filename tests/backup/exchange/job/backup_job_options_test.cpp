@@ -59,8 +59,9 @@ TEST(BackupJobOptions, ParsesEveryKeyAndRoundTrips)
 
 TEST(BackupJobOptions, UnknownKeysWrongTypesAndNestedKeysAreSkipped)
 {
-  Parsed p = parse("{\"Method\":\"ews\",\"truncate\":\"no\",\"channels\":\"4\",\"is_office365\":1,"
-                   "\"list\":[1,\"x\",true],\"method\":\"EWS\"}");
+  Parsed p = parse(
+    "{\"Method\":\"ews\",\"truncate\":\"no\",\"channels\":\"4\",\"is_office365\":1,"
+    "\"list\":[1,\"x\",true],\"method\":\"EWS\"}");
   ASSERT_EQ(p.rc, 0);
   Exchange_Backup_Job_Options& o = backup(p);
   EXPECT_TRUE(o.truncate());

@@ -53,8 +53,9 @@ TEST(EWS_MTF_Event_Handler, CancelsExactlyInTheCancelingState)
   Recording_Handler handler(job);
   EWS_MTF_Event_Handler bridge(handler, job.activity(), MTF::Event_Handler::PRM_FILE_SIZE);
   Job_Activity& act = job.activity();
-  for (int32_t state : std::initializer_list<int32_t>{JOB_STATE_NONE, JOB_STATE_IDLE, JOB_STATE_RUNNING, JOB_STATE_PAUSING, JOB_STATE_COMPLETING,
-                        JOB_STATE_SKIPPED, JOB_STATE_ABORTING, JOB_STATE_SWITCHING, 9})
+  for (int32_t state : std::initializer_list<int32_t>{JOB_STATE_NONE, JOB_STATE_IDLE, JOB_STATE_RUNNING,
+                                                      JOB_STATE_PAUSING, JOB_STATE_COMPLETING, JOB_STATE_SKIPPED,
+                                                      JOB_STATE_ABORTING, JOB_STATE_SWITCHING, 9})
   {
     act.state = state;
     EXPECT_FALSE(bridge.canceling()) << state;

@@ -48,14 +48,17 @@ class Scripted_Catalog
 {
 public:
   explicit Scripted_Catalog(const std::string& body)
-    : body_(body), server_([this](const Scripted_Request& r) {
-        std::lock_guard<std::mutex> guard(lock_);
-        targets_.push_back(r.target);
-        Scripted_Reply reply;
-        reply.headers["Content-Type"] = "application/json";
-        reply.body = r.target.find("/pools/") != std::string::npos ? pool_ : body_;
-        return reply;
-      })
+    : body_(body),
+      server_(
+        [this](const Scripted_Request& r)
+        {
+          std::lock_guard<std::mutex> guard(lock_);
+          targets_.push_back(r.target);
+          Scripted_Reply reply;
+          reply.headers["Content-Type"] = "application/json";
+          reply.body = r.target.find("/pools/") != std::string::npos ? pool_ : body_;
+          return reply;
+        })
   {
     Host_Manager::Settings settings;
     settings.backupd_url = server_.url();
@@ -88,12 +91,12 @@ TEST(ExchangeBackupLookup, LastInstanceReadsTheNewestRevisionStrictly)
     int rev;
   };
   const Case cases[] = {
-      {R"({"total":0,"rows":[]})", true, 0},
-      {R"({"total":3,"rows":[{"uuid":"u","rev":7},{"rev":3}]})", true, 7},
-      {R"({"total":1,"rows":[{"uuid":"u"}]})", false, 0},
-      {R"({"total":1,"rows":[{"uuid":"u","rev":"7"}]})", false, 0},
-      {R"({"total":1,"rows":[5]})", false, 0},
-      {R"({"total":1})", false, 0},
+    {R"({"total":0,"rows":[]})", true, 0},
+    {R"({"total":3,"rows":[{"uuid":"u","rev":7},{"rev":3}]})", true, 7},
+    {R"({"total":1,"rows":[{"uuid":"u"}]})", false, 0},
+    {R"({"total":1,"rows":[{"uuid":"u","rev":"7"}]})", false, 0},
+    {R"({"total":1,"rows":[5]})", false, 0},
+    {R"({"total":1})", false, 0},
   };
   for (const Case& c : cases)
   {
@@ -106,8 +109,8 @@ TEST(ExchangeBackupLookup, LastInstanceReadsTheNewestRevisionStrictly)
     EXPECT_EQ(log.contains("Unrecognized Exchange catalog: "), !c.ok) << c.body;
     ASSERT_EQ(catalog.targets().size(), 1u);
     EXPECT_EQ(catalog.targets()[0], std::string("/d2/r/v2/sets/restore/sets?module=exchange&resource_uuid=") +
-                                        tenant_uuid +
-                                        "&minor_resource_id=nightly&sort=backup_start_time&order=desc&offset=0&limit=1");
+                                      tenant_uuid +
+                                      "&minor_resource_id=nightly&sort=backup_start_time&order=desc&offset=0&limit=1");
   }
   Scripted_Catalog broken("not json");
   Plain_Job job(backup_definition({"a@x"}));
@@ -121,7 +124,8 @@ TEST(ExchangeBackupLookup, IncarnationDecidesBetweenFullAndIncremental)
 {
   Plain_Job job(backup_definition({"a@x"}));
   Exchange_Backup_Job_Executor executor(job);
-  auto input = [] {
+  auto input = []
+  {
     Exchange_Backup_Input in;
     in.instance = "EX1";
     in.database = "DB1";
@@ -136,7 +140,8 @@ TEST(ExchangeBackupLookup, IncarnationDecidesBetweenFullAndIncremental)
     ASSERT_EQ(catalog.targets().size(), 1u);
     EXPECT_NE(catalog.targets()[0].find("&host_uuid=host-1&instance=EX1&database=DB1&sort="), std::string::npos);
   }
-  const std::string row = R"("backup_method":"ews","incarnation":"inc-1","device_uuid":"00000000-0000-0000-0000-000000000000")";
+  const std::string row =
+    R"("backup_method":"ews","incarnation":"inc-1","device_uuid":"00000000-0000-0000-0000-000000000000")";
   {
     Scripted_Catalog catalog(R"({"rows":[{)" + row + R"(,"rev":4,"pool_uuid":"pool-1","uri":"host-1/nightly"}]})");
     Exchange_Backup_Input in = input();
@@ -166,7 +171,8 @@ TEST(ExchangeBackupLookup, IncarnationDecidesBetweenFullAndIncremental)
     EXPECT_TRUE(log.contains("Exchange catalog error: \"rev\""));
   }
   {
-    Scripted_Catalog catalog(R"({"rows":[{"backup_method":"vss","incarnation":"i","rev":1,"pool_uuid":"pool-1","device_uuid":"","uri":"a/b"}]})");
+    Scripted_Catalog catalog(
+      R"({"rows":[{"backup_method":"vss","incarnation":"i","rev":1,"pool_uuid":"pool-1","device_uuid":"","uri":"a/b"}]})");
     Exchange_Backup_Input in = input();
     Log_Capture log;
     EXPECT_FALSE(executor.retrieve_incarnation_info(in));
@@ -193,8 +199,7 @@ TEST(ExchangeBackupExecutor, BacksUpMailboxesNumbersSetsAndPostsTheRecord)
   }
   Office365_Tenant_Registry::set_default_path(registry);
 
-  const std::vector<std::string> mailboxes = {sim.mailbox("alice.archer"), sim.mailbox("nobody"),
-                                              sim.mailbox("admin")};
+  const std::vector<std::string> mailboxes = {sim.mailbox("alice.archer"), sim.mailbox("nobody"), sim.mailbox("admin")};
   for (int run = 1; run <= 2; ++run)
   {
     Plain_Job job(backup_definition(mailboxes));
@@ -234,7 +239,7 @@ TEST(ExchangeBackupExecutor, BacksUpMailboxesNumbersSetsAndPostsTheRecord)
     for (const auto& file : set.files)
       EXPECT_TRUE(file.first.rfind(mailbox_to_path(sim.mailbox("alice.archer")), 0) == 0 ||
                   file.first.rfind(mailbox_to_path(sim.mailbox("admin")), 0) == 0)
-          << file.first;
+        << file.first;
   }
 
   // Every mailbox failing fails the job and posts nothing.

@@ -39,16 +39,19 @@ class Scripted_Catalog
 {
 public:
   explicit Scripted_Catalog(const std::string& body)
-    : body_(body), server_([this](const Scripted_Request& r) {
-        std::lock_guard<std::mutex> guard(lock_);
-        targets_.push_back(r.target);
-        Scripted_Reply reply;
-        reply.headers["Content-Type"] = "application/json";
-        reply.body = r.target.find("/pools/") != std::string::npos
+    : body_(body),
+      server_(
+        [this](const Scripted_Request& r)
+        {
+          std::lock_guard<std::mutex> guard(lock_);
+          targets_.push_back(r.target);
+          Scripted_Reply reply;
+          reply.headers["Content-Type"] = "application/json";
+          reply.body = r.target.find("/pools/") != std::string::npos
                          ? R"({"uuid":"pool-1","name":"p","host_uuid":"h","url":"http://store/pool-1","settings":{}})"
                          : body_;
-        return reply;
-      })
+          return reply;
+        })
   {
     Host_Manager::Settings settings;
     settings.backupd_url = server_.url();
@@ -71,9 +74,8 @@ private:
 
 std::string record(const std::string& method, const std::string& uri, bool channels = true)
 {
-  return R"({"total":1,"rows":[{"uuid":"set-1","backup_method":")" + method +
-         R"(","pool_uuid":"pool-1","uri":")" + uri +
-         R"(","host_uuid":"host-1","rev":3,"agent":"backup.exchange.linux-x86",)" +
+  return R"({"total":1,"rows":[{"uuid":"set-1","backup_method":")" + method + R"(","pool_uuid":"pool-1","uri":")" +
+         uri + R"(","host_uuid":"host-1","rev":3,"agent":"backup.exchange.linux-x86",)" +
          (channels ? R"("channels":2,)" : "") + R"("minor_resource_id":"nightly"}]})";
 }
 }  // namespace
@@ -97,8 +99,8 @@ TEST(ExchangeRestoreJobExecutor, ReadsTheSetRecordAndBuildsTheStorageLocation)
     EXPECT_EQ(executor.backup_minor_resource_id(), "nightly");
     const std::vector<std::string> targets = catalog.targets();
     ASSERT_FALSE(targets.empty());
-    EXPECT_EQ(targets[0], std::string("/d2/r/v2/sets/restore/sets?module=exchange&resource_uuid=") + tenant_uuid +
-                              "&uuid=set-1");
+    EXPECT_EQ(targets[0],
+              std::string("/d2/r/v2/sets/restore/sets?module=exchange&resource_uuid=") + tenant_uuid + "&uuid=set-1");
   }
 }
 

@@ -33,18 +33,19 @@ TEST(RestoreJobOptions, ParsesRoundTripsAndSkipsWrongTypes)
 {
   int rc = 0, err = 0;
   Job_Options_var holder;
-  Exchange_Restore_Job_Options* o =
-    parse("{\"relocation\":\"Restored/2026\",\"auto_mount\":false,\"is_office365\":true,\"overwrite\":true,"
-          "\"channels\":3,\"unknown\":1}",
-          rc, err, holder);
+  Exchange_Restore_Job_Options* o = parse(
+    "{\"relocation\":\"Restored/2026\",\"auto_mount\":false,\"is_office365\":true,\"overwrite\":true,"
+    "\"channels\":3,\"unknown\":1}",
+    rc, err, holder);
   ASSERT_EQ(rc, 0);
   EXPECT_EQ(o->relocation(), "Restored/2026");
   EXPECT_FALSE(o->auto_mount());
   EXPECT_TRUE(o->is_office365_);
   EXPECT_TRUE(o->overwrite());
   EXPECT_EQ(o->channels_, 3);
-  EXPECT_EQ(generate_json(*o), "{\"relocation\":\"Restored/2026\",\"auto_mount\":false,\"is_office365\":true,"
-                               "\"overwrite\":true,\"channels\":3}");
+  EXPECT_EQ(generate_json(*o),
+            "{\"relocation\":\"Restored/2026\",\"auto_mount\":false,\"is_office365\":true,"
+            "\"overwrite\":true,\"channels\":3}");
 
   Job_Options_var other;
   Exchange_Restore_Job_Options* skipped = parse("{\"channels\":\"4\",\"overwrite\":\"yes\"}", rc, err, other);

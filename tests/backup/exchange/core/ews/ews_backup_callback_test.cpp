@@ -138,9 +138,9 @@ TEST(EwsBackupCallback, ListsFoldersThenSortedItemsAndQueuesThemInThatOrder)
 
   out.clear();
   ASSERT_TRUE(callback.read_dirs((root + "Inbox").c_str(), out));
-  EXPECT_EQ(names(out), (std::vector<std::string>{"Inbox%200001/", "Empty%2fDir/", "Inbox%200000", "Inbox%200001",
-                                                  "Inbox%200002", "Inbox%200003", "Inbox%200004", "Inbox%200005",
-                                                  "Inbox%200006"}));
+  EXPECT_EQ(names(out),
+            (std::vector<std::string>{"Inbox%200001/", "Empty%2fDir/", "Inbox%200000", "Inbox%200001", "Inbox%200002",
+                                      "Inbox%200003", "Inbox%200004", "Inbox%200005", "Inbox%200006"}));
   // The folder and the item of one name keep apart.
   ASSERT_TRUE(callback.lstat((root + "Inbox/Inbox%200001").c_str(), st));
   EXPECT_TRUE(S_ISREG(st.mode));

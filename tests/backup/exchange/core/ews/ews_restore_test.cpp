@@ -143,12 +143,12 @@ TEST(EwsRestoreContext, SelectionEntriesDirectoriesAndWriters)
 
   ctx->set_linux_paths();
   const std::map<std::string, nlohmann::ordered_json> good = {
-      {"in", {{"dir", "/anna%40x.test/Inbox"}}},
-      {"d2", {{"dir", "/anna%40x.test/Dup"}}},
-      {"u", {{"dir", "/anna%40x.test/" + encode_name("\xc3\x9cn\xc3\xaf code")}}},
-      {"Inbox/pj", {{"dir", "/anna%40x.test/Inbox/Projects%2f2024"}}},
-      {"Inbox/AAMk%2B%2Fx%3D", {{"file", "/anna%40x.test/Inbox/Hello"}}},
-      {"In%62ox/AAMk%2B%2Fx%3D", {{"file", "/anna%40x.test/Inbox/Hello"}}},
+    {"in", {{"dir", "/anna%40x.test/Inbox"}}},
+    {"d2", {{"dir", "/anna%40x.test/Dup"}}},
+    {"u", {{"dir", "/anna%40x.test/" + encode_name("\xc3\x9cn\xc3\xaf code")}}},
+    {"Inbox/pj", {{"dir", "/anna%40x.test/Inbox/Projects%2f2024"}}},
+    {"Inbox/AAMk%2B%2Fx%3D", {{"file", "/anna%40x.test/Inbox/Hello"}}},
+    {"In%62ox/AAMk%2B%2Fx%3D", {{"file", "/anna%40x.test/Inbox/Hello"}}},
   };
   for (const auto& entry : good)
   {

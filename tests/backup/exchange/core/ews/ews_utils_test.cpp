@@ -44,10 +44,7 @@ EWS_Item item(const std::string& id, const std::string& display_name, const std:
   return i;
 }
 
-std::string dump(const std::vector<nlohmann::ordered_json>& values)
-{
-  return nlohmann::ordered_json(values).dump();
-}
+std::string dump(const std::vector<nlohmann::ordered_json>& values) { return nlohmann::ordered_json(values).dump(); }
 
 // Inbox (i1) holds Projects (p1, with Alpha a1), a second "Projects" (p2), a
 // folder named "projects" (p3) and the items m1, m2; a top-level "Inbox" again
@@ -97,11 +94,15 @@ TEST(EwsUtils, JsonFormsHoldOnlyIdAndNameInOrderAndAreAppended)
   // A display name wins over a subject; then the subject; then "(no subject)".
   std::vector<nlohmann::ordered_json> items;
   jsonify_ews_items({item("m2", "Named", "Ignored"), item("m1", "", "Hi"), item("m0", "", ""),
-                     item("u", "", "Gr\xC3\xBC\xC3\x9F" "e \"quoted\"")},
+                     item("u", "",
+                          "Gr\xC3\xBC\xC3\x9F"
+                          "e \"quoted\"")},
                     items);
-  EXPECT_EQ(dump(items), "[{\"entry_id\":\"m2\",\"subject\":\"Named\"},{\"entry_id\":\"m1\",\"subject\":\"Hi\"},"
-                         "{\"entry_id\":\"m0\",\"subject\":\"(no subject)\"},"
-                         "{\"entry_id\":\"u\",\"subject\":\"Gr\xC3\xBC\xC3\x9F" "e \\\"quoted\\\"\"}]");
+  EXPECT_EQ(dump(items),
+            "[{\"entry_id\":\"m2\",\"subject\":\"Named\"},{\"entry_id\":\"m1\",\"subject\":\"Hi\"},"
+            "{\"entry_id\":\"m0\",\"subject\":\"(no subject)\"},"
+            "{\"entry_id\":\"u\",\"subject\":\"Gr\xC3\xBC\xC3\x9F"
+            "e \\\"quoted\\\"\"}]");
 
   EXPECT_STREQ(get_item_name(item("d", " ", "Subject")), " ") << "only an empty name falls back";
 }

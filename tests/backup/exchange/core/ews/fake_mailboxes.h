@@ -38,7 +38,7 @@ class Fake_Mailboxes
 {
 public:
   std::map<std::string, std::vector<Fake_Folder>> mailboxes;
-  std::set<std::string> refused_items;      // exported without data ("ErrorItemNotFound")
+  std::set<std::string> refused_items;       // exported without data ("ErrorItemNotFound")
   std::set<std::string> unlistable_folders;  // FindItem fails for good
   bool fail_exports = false;                 // every ExportItems call fails for good
   size_t item_size = 100;                    // bytes of each exported item
@@ -118,10 +118,7 @@ public:
   void set_mailbox(const EWS_Mailbox& mailbox) override { mailbox_ = mailbox.name; }
   void set_credentials(const EWS_Credentials&) override {}
   void set_cancel_check(const EWS_Cancel_Check&) override {}
-  bool is_unknown_mailbox(const Host_Status& status) const override
-  {
-    return status.code == "ErrorNonExistentMailbox";
-  }
+  bool is_unknown_mailbox(const Host_Status& status) const override { return status.code == "ErrorNonExistentMailbox"; }
 
   Host_Status find_folders(const EWS_Folder_Ref& parent, bool, const EWS_Page_Cursor& at, int max,
                            EWS_Folder_Page& page) override
@@ -155,8 +152,7 @@ public:
     return Host_Status();
   }
 
-  Host_Status find_items(const std::string& folder_id, const EWS_Page_Cursor& at, int max,
-                         EWS_Item_Page& page) override
+  Host_Status find_items(const std::string& folder_id, const EWS_Page_Cursor& at, int max, EWS_Item_Page& page) override
   {
     const int offset = static_cast<int>(at.offset);
     ++boxes_.find_items_calls;
@@ -232,7 +228,8 @@ private:
 
 inline EWS_Client_Maker Fake_Mailboxes::maker()
 {
-  return [this](EWS_Client_Ptr& out) {
+  return [this](EWS_Client_Ptr& out)
+  {
     EWS_Client_Ptr client(new EWS_Client());
     // Basic credentials: no token requests; the transport never goes to the wire.
     if (!client->init("http://127.0.0.1:9/EWS/Exchange.asmx", "svc", Secure_String("pw"), nullptr, ""))

@@ -36,9 +36,10 @@ class Graph_Stub
 {
 public:
   explicit Graph_Stub(const std::string& token = "stub-token")
-    : login_([this, token](const Scripted_Request& r) {
-        return reply(r, tokens_, 200, R"({"token_type":"Bearer","expires_in":3599,"access_token":")" + token + "\"}");
-      }),
+    : login_(
+        [this, token](const Scripted_Request& r) {
+          return reply(r, tokens_, 200, R"({"token_type":"Bearer","expires_in":3599,"access_token":")" + token + "\"}");
+        }),
       graph_([this](const Scripted_Request& r) { return reply(r, users_, 0, std::string()); })
   {
   }
@@ -248,7 +249,7 @@ TEST(Office365Console, SendsTheUsersQueryEncodedWithHeadersAndTheEndpointScope)
   const std::string base = "/v1.0/users?%24select=userPrincipalName&%24orderBy=userPrincipalName&%24count=true";
   EXPECT_EQ(sent[0].target, base + "&%24top=25");
   EXPECT_EQ(sent[1].target, base + "&%24top=0&%24search=%22userPrincipalName%3Aa%22b%26c%20d%3A" + long_term +
-                                "%22&%24skiptoken=x%2Fy%2Bz%3D%26%25");
+                              "%22&%24skiptoken=x%2Fy%2Bz%3D%26%25");
   EXPECT_EQ(sent[2].target, base + "&%24top=999");
 
   const std::map<std::string, std::string> pairs = decode_pairs(sent[1].target.substr(sent[1].target.find('?') + 1));
@@ -352,8 +353,7 @@ TEST(Office365Console, NextLinksWithoutAUsableSkipTokenEndTheListing)
                                   std::string("https://graph.microsoft.com/v1.0/users?%24SkipToken=abc")})
   {
     SCOPED_TRACE(link);
-    stub.answer((link.empty() ? std::string("{\"@odata.count\":1") : "{\"@odata.nextLink\":\"" + link + "\"") +
-                users);
+    stub.answer((link.empty() ? std::string("{\"@odata.count\":1") : "{\"@odata.nextLink\":\"" + link + "\"") + users);
     Log_Capture log;
     const Page page = list_page(console, nullptr, 1, nullptr);
     EXPECT_TRUE(page.ok);
