@@ -43,30 +43,6 @@ const uint64_t alert_pool_unknown = 48;
 const uint64_t alert_code2_backupd = 0x100000000000ull;
 
 // Strict reading of one member of a catalog row; `error` says what is wrong.
-bool read_string(const nlohmann::ordered_json& row, const char* key, std::string& out, std::string& error)
-{
-  auto it = row.find(key);
-  if (it == row.end() || !it->is_string())
-  {
-    error = std::string("\"") + key + "\" is missing or not a string";
-    return false;
-  }
-  out = it->get<std::string>();
-  return true;
-}
-
-bool read_int(const nlohmann::ordered_json& row, const char* key, int& out, std::string& error)
-{
-  auto it = row.find(key);
-  if (it == row.end() || !it->is_number_integer())
-  {
-    error = std::string("\"") + key + "\" is missing or not an integer";
-    return false;
-  }
-  out = it->get<int>();
-  return true;
-}
-
 // The first row of a catalog answer {"rows": [...]}; false with `error` when the
 // answer is not of that form. `row` stays empty for no rows.
 bool first_row(const nlohmann::ordered_json& result, nlohmann::ordered_json& row, std::string& error)
@@ -164,7 +140,7 @@ bool Exchange_Backup_Job_Executor::get_last_instance_info()
   nlohmann::ordered_json row;
   std::string error;
   int rev = 0;
-  if (!first_row(result, row, error) || (!row.empty() && !read_int(row, "rev", rev, error)))
+  if (!first_row(result, row, error) || (!row.empty() && !read_json_int(row, "rev", rev, error)))
   {
     LOG_MSG(LM_ERROR, "Unrecognized Exchange catalog: %s\n", error.c_str());
     return false;
@@ -235,9 +211,10 @@ bool Exchange_Backup_Job_Executor::retrieve_incarnation_info(Exchange_Backup_Inp
   }
   std::string method, incarnation, pool_uuid, device_uuid, uri, error;
   int rev = 0;
-  if (!read_string(row, "backup_method", method, error) || !read_string(row, "incarnation", incarnation, error) ||
-      !read_int(row, "rev", rev, error) || !read_string(row, "pool_uuid", pool_uuid, error) ||
-      !read_string(row, "device_uuid", device_uuid, error) || !read_string(row, "uri", uri, error))
+  if (!read_json_string(row, "backup_method", method, error) ||
+      !read_json_string(row, "incarnation", incarnation, error) || !read_json_int(row, "rev", rev, error) ||
+      !read_json_string(row, "pool_uuid", pool_uuid, error) ||
+      !read_json_string(row, "device_uuid", device_uuid, error) || !read_json_string(row, "uri", uri, error))
   {
     LOG_MSG(LM_ERROR, "Exchange catalog error: %s\n", error.c_str());
     return false;

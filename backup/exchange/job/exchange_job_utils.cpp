@@ -1,5 +1,7 @@
 #include "backup/exchange/job/exchange_job_utils.h"
 
+#include <nlohmann/json.hpp>
+
 #include "host/http/http_encoding.h"
 #include "host/base/log.h"
 
@@ -40,4 +42,28 @@ void parse_entry(const char* val, size_t len, std::string* first, std::string* s
   const char* end = val + len;
   if (read_segment(cursor, end, first) && read_segment(cursor, end, second) && rest != nullptr && cursor < end)
     http_decode_string(cursor, end, 0, *rest);
+}
+
+bool read_json_string(const nlohmann::ordered_json& row, const char* key, std::string& out, std::string& error)
+{
+  auto it = row.find(key);
+  if (it == row.end() || !it->is_string())
+  {
+    error = std::string("\"") + key + "\" is missing or not a string";
+    return false;
+  }
+  out = it->get<std::string>();
+  return true;
+}
+
+bool read_json_int(const nlohmann::ordered_json& row, const char* key, int& out, std::string& error)
+{
+  auto it = row.find(key);
+  if (it == row.end() || !it->is_number_integer())
+  {
+    error = std::string("\"") + key + "\" is missing or not an integer";
+    return false;
+  }
+  out = it->get<int>();
+  return true;
 }

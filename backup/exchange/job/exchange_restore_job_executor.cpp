@@ -22,30 +22,6 @@
 namespace
 {
 const char* const catalog_resource = "/d2/r/v2/sets/restore/sets?";
-
-bool read_string(const nlohmann::ordered_json& row, const char* key, std::string& out, std::string& error)
-{
-  auto it = row.find(key);
-  if (it == row.end() || !it->is_string())
-  {
-    error = std::string("\"") + key + "\" is missing or not a string";
-    return false;
-  }
-  out = it->get<std::string>();
-  return true;
-}
-
-bool read_int(const nlohmann::ordered_json& row, const char* key, int& out, std::string& error)
-{
-  auto it = row.find(key);
-  if (it == row.end() || !it->is_number_integer())
-  {
-    error = std::string("\"") + key + "\" is missing or not an integer";
-    return false;
-  }
-  out = it->get<int>();
-  return true;
-}
 }  // namespace
 
 Exchange_Restore_Job_Executor::Exchange_Restore_Job_Executor(Job& job)
@@ -97,10 +73,11 @@ bool Exchange_Restore_Job_Executor::execute_i(const Action_Options*)
 
 bool Exchange_Restore_Job_Executor::read_record(const nlohmann::ordered_json& record, std::string& error)
 {
-  return read_string(record, "backup_method", backup_method_, error) &&
-         read_string(record, "pool_uuid", pool_uuid_, error) && read_string(record, "uri", uri_, error) &&
-         read_string(record, "host_uuid", backup_host_id_, error) && read_int(record, "rev", backup_rev_, error) &&
-         read_string(record, "agent", backup_agent_, error) && read_int(record, "channels", backup_channels_, error);
+  return read_json_string(record, "backup_method", backup_method_, error) &&
+         read_json_string(record, "pool_uuid", pool_uuid_, error) && read_json_string(record, "uri", uri_, error) &&
+         read_json_string(record, "host_uuid", backup_host_id_, error) &&
+         read_json_int(record, "rev", backup_rev_, error) && read_json_string(record, "agent", backup_agent_, error) &&
+         read_json_int(record, "channels", backup_channels_, error);
 }
 
 bool Exchange_Restore_Job_Executor::get_backupset_info(const std::string& id, const std::string& catalog_id,
@@ -151,13 +128,13 @@ bool Exchange_Restore_Job_Executor::get_backupset_info(const std::string& id, co
   if (minor != record->end() && minor->is_string())
     backup_minor_resource_id_ = minor->get<std::string>();
   std::string ignored;
-  if (!read_string(*record, "pool_uuid", pool_uuid_, ignored))
+  if (!read_json_string(*record, "pool_uuid", pool_uuid_, ignored))
   {
     error = "no pool_uuid";
     LOG_MSG(LM_EMERGENCY, "Unexpected error in %N:%l, pool_uuid is NULL:\n%?\n");
     return false;
   }
-  if (!read_string(*record, "uri", uri_, ignored))
+  if (!read_json_string(*record, "uri", uri_, ignored))
   {
     error = "no uri";
     LOG_MSG(LM_EMERGENCY, "Unexpected error in %N:%l, uri is NULL:\n%?\n");
