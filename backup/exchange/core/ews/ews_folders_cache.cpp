@@ -20,6 +20,17 @@ void EWS_Folders_Cache::close_instance() { EWS_Folders_Cache_Singleton::close();
 
 void EWS_Folders_Cache_fini() { EWS_Folders_Cache::close_instance(); }
 
+namespace
+{
+// The module has no unload hook of its own: the process-wide cache is released when
+// the module's static objects are destroyed, at dlclose (or at exit when the module
+// is never unloaded), so that no index outlives the code that made it.
+struct Cache_Release
+{
+  ~Cache_Release() { EWS_Folders_Cache_fini(); }
+} release_at_unload;
+}  // namespace
+
 bool EWS_Folders_Cache::is_cachce_valid(const std::string& pool_uuid, const std::string& uri,
                                         const std::string& index) const
 {
