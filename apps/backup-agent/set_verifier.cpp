@@ -57,9 +57,12 @@ void Set_Verifier::check(const std::function<bool(const std::string& path)>& wan
 {
   outcomes_.assign(catalog_.entries.size(), Outcome());
   problems_.clear();
-  bytes_read_ = 0;
+  bytes_done_ = 0;
   for (uint32_t i = 0; i < catalog_.files.size(); ++i)
+  {
     check_data_file(i, wanted, progress);
+    bytes_done_ += catalog_.files[i].size;
+  }
   // An entry naming a data file the header does not list is in no data file.
   for (size_t i = 0; i < catalog_.entries.size(); ++i)
   {
@@ -192,9 +195,8 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
         }
         if (!reader.error().empty())
           break;
-        bytes_read_ = std::max(bytes_read_, reader.position());
         if (progress)
-          progress(bytes_read_);
+          progress(bytes_done_ + reader.position());
         if (block.type == "ESET")
         {
           if (!reader.at_end())

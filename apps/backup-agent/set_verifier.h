@@ -40,8 +40,8 @@ public:
     State state = UNCHECKED;
     std::string reason;
   };
-  // Called after each block read: catalog files settled so far are not known
-  // until a data file ends, so this reports the MTF bytes read.
+  // Called after each block read with the MTF bytes passed so far (those of
+  // the data files done, and the position in the one being read).
   typedef std::function<void(uint64_t bytes_read)> Progress;
 
   explicit Set_Verifier(Client_IO_Ex& io) : io_(io) {}
@@ -66,7 +66,7 @@ private:
   MTF_Set_Catalog catalog_;
   std::vector<Outcome> outcomes_;
   std::vector<std::string> problems_;
-  uint64_t bytes_read_ = 0;
+  uint64_t bytes_done_ = 0;  // MTF bytes of the data files done
 };
 
 #endif
