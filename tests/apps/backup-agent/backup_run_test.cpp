@@ -185,22 +185,17 @@ TEST_F(Backup_Run, BackupCommandRunsTheSameJobAndSummarizesTheSet)
   Exo_Sim_Process sim({"--profile", "tiny", "--fail-item-rate", "0.05"});
   // The registry and configuration of a first run.
   ASSERT_EQ(run_backup(sim, {sim.mailbox("admin")}).status, 0);
-  const std::string config = config_;
 
-  Agent_Process help({"backup", "--help"}, dir_, "help");
-  Agent_Outcome shown = help.wait();
+  const Agent_Outcome shown = agent({"backup", "--help"}, "help");
   EXPECT_EQ(shown.status, 0);
   EXPECT_TRUE(shown.says("usage: backup-agent [--config FILE] backup --tenant UUID"));
   Agent_Process top_help({"--help"}, dir_, "top-help");
   EXPECT_EQ(top_help.wait().status, 0);
-  Agent_Process bad({"--module", EXCHANGE_MODULE_PATH, "backup", "--tenant", tenant_uuid}, dir_, "bad");
-  EXPECT_EQ(bad.wait().status, 64);
+  EXPECT_EQ(agent({"backup", "--tenant", tenant_uuid}, "bad").status, 64);
 
-  Agent_Process agent(
-    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "backup", "--tenant", tenant_uuid, "--mailbox",
-     sim.mailbox("alice.archer"), "--mailbox", sim.mailbox("nobody"), "--pool", "pool-1", "--channels", "2", "--json"},
-    dir_, "backup");
-  Agent_Outcome run = agent.wait();
+  const Agent_Outcome run = agent({"backup", "--tenant", tenant_uuid, "--mailbox", sim.mailbox("alice.archer"),
+                                   "--mailbox", sim.mailbox("nobody"), "--pool", "pool-1", "--channels", "2", "--json"},
+                                  "backup");
   // A mailbox and some items failed: done, with failures.
   ASSERT_EQ(run.status, 2) << run.out << run.err;
   const nlohmann::json summary = nlohmann::json::parse(run.out);
@@ -226,19 +221,16 @@ TEST_F(Backup_Run, AllMailboxesComeFromGraphAndCtrlCLeavesNoTrace)
   // the latter.
   Exo_Sim_Process sim({"--profile", "tiny", "--renamed-users", "3"});
   ASSERT_EQ(run_backup(sim, {sim.mailbox("admin")}).status, 0);
-  const std::string config = config_;
   const std::vector<std::string> all = {
-    "--module",  EXCHANGE_MODULE_PATH, "--config", config,   "backup",     "--tenant",
+    "--module",  EXCHANGE_MODULE_PATH, "--config", config_,  "backup",     "--tenant",
     tenant_uuid, "--all-mailboxes",    "--pool",   "pool-1", "--channels", "2"};
-  Agent_Process both({"--module", EXCHANGE_MODULE_PATH, "backup", "--tenant", tenant_uuid, "--all-mailboxes",
-                      "--mailbox", "a@b", "--pool", "pool-1"},
-                     dir_, "both");
-  EXPECT_EQ(both.wait().status, 64);
+  EXPECT_EQ(
+    agent({"backup", "--tenant", tenant_uuid, "--all-mailboxes", "--mailbox", "a@b", "--pool", "pool-1"}, "both")
+      .status,
+    64);
 
-  std::vector<std::string> args = all;
-  args.push_back("--json");
-  Agent_Process agent(args, dir_, "all");
-  Agent_Outcome run = agent.wait();
+  const Agent_Outcome run = agent(
+    {"backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool", "pool-1", "--channels", "2", "--json"}, "all");
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const nlohmann::json summary = nlohmann::json::parse(run.out);
   EXPECT_EQ(summary["mailboxes"], sim.status()["mailboxes"]);

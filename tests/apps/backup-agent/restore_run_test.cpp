@@ -237,36 +237,26 @@ TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAn
   Tree_Contents original;
   ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
 
-  const std::string config = config_;
-  Agent_Process lister({"--config", config, "sets", "--mailbox", alice, "--json"}, dir_, "sets");
-  Agent_Outcome listed = lister.wait();
+  const Agent_Outcome listed = agent({"sets", "--mailbox", alice, "--json"}, "sets");
   ASSERT_EQ(listed.status, 0) << listed.err;
   const nlohmann::json sets = nlohmann::json::parse(listed.out);
   ASSERT_EQ(sets.size(), 1u);
   EXPECT_EQ(sets[0]["set_uuid"], set);
   EXPECT_EQ(sets[0]["mailboxes"], nlohmann::json::array({alice}));
   EXPECT_EQ(sets[0]["items"].get<size_t>(), original.size());
-  Agent_Process none({"--config", config, "sets", "--mailbox", admin, "--json"}, dir_, "no-sets");
-  Agent_Outcome empty = none.wait();
+  const Agent_Outcome empty = agent({"sets", "--mailbox", admin, "--json"}, "no-sets");
   EXPECT_EQ(empty.status, 0);
   EXPECT_EQ(nlohmann::json::parse(empty.out), nlohmann::json::array());
 
-  Agent_Process bad(
-    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice, "--to", admin},
-    dir_, "bad");
-  EXPECT_EQ(bad.wait().status, 64);
-  Agent_Process missing({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
-                         "--to", admin, "--path", "Inbox/No such folder"},
-                        dir_, "missing");
-  Agent_Outcome refused = missing.wait();
+  EXPECT_EQ(agent({"restore", "--set", set, "--from", alice, "--to", admin}, "bad").status, 64);
+  const Agent_Outcome refused =
+    agent({"restore", "--set", set, "--from", alice, "--to", admin, "--path", "Inbox/No such folder"}, "missing");
   EXPECT_EQ(refused.status, 1);
   EXPECT_TRUE(refused.says("the set has no folder Inbox/No such folder")) << refused.err;
 
-  Agent_Process agent(
-    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice, "--to", admin,
-     "--path", "Inbox/" + below[0].display_name, "--item", items[0].id, "--relocation", "By Command", "--json"},
-    dir_, "restore");
-  run = agent.wait();
+  run = agent({"restore", "--set", set, "--from", alice, "--to", admin, "--path", "Inbox/" + below[0].display_name,
+               "--item", items[0].id, "--relocation", "By Command", "--json"},
+              "restore");
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const nlohmann::json summary = nlohmann::json::parse(run.out);
   EXPECT_EQ(summary["entries"], 2);
