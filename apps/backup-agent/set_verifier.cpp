@@ -4,6 +4,7 @@
 #include "host/mtf/mtf_sha256.h"
 #include "host/storage/client_io_ex.h"
 
+#include <iterator>
 #include <map>
 #include <set>
 
@@ -115,8 +116,7 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
   std::multiset<std::string> elsewhere;
   std::map<size_t, std::string> other_bytes;
   std::map<uint32_t, std::string> dirs;
-  uint64_t first_damage = UINT64_MAX;
-  std::string first_damage_text;
+  std::map<uint64_t, std::string> damage;  // where reading failed, and why
   std::vector<char> piece(256 * 1024);
 
   bool from_start = true;
@@ -125,11 +125,16 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
   {
     const uint64_t start_stored = from_start ? 0 : compressed ? target->frame : target->offset;
     const uint64_t start_mtf = from_start ? 0 : compressed ? target->frame_base : target->offset;
+    // A data file cut short holds nothing from its end on: no read is tried
+    // there (the entries left are settled as damaged below).
+    if (!from_start && start_stored >= stored)
+      break;
     io_.close_read();
     std::string error;
     uint64_t block_at = start_mtf;
     bool ended = false;
     bool in_skip = false;
+    bool truncated = false;
     if (!io_.open_read(data.name, start_stored))
       error = "cannot be read at " + std::to_string(start_stored) + ": " + io_.last_error();
     else
@@ -146,7 +151,10 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
         if (reader.at_end())
         {
           if (reader.error().empty())
+          {
             error = "offset " + std::to_string(block_at) + ": ends without an ESET block";
+            truncated = true;
+          }
           break;
         }
         MTF_Reader::Block block;
@@ -239,11 +247,7 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
     // Damage at `block_at`: the entry there (if any) is damaged; reading starts
     // again at the next pending entry after it.
     const std::string text = data.name + " " + error;
-    if (first_damage == UINT64_MAX)
-    {
-      first_damage = block_at;
-      first_damage_text = text;
-    }
+    damage.emplace(block_at, text);
     problems_.push_back(text);
     const auto hit = at.find(block_at);
     if (hit != at.end() && pending.count(hit->second))
@@ -258,7 +262,8 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
     for (auto next = at.upper_bound(block_at); next != at.end() && target == nullptr; ++next)
       if (pending.count(next->second))
         target = &catalog_.entries[next->second];
-    if (target == nullptr)
+    // Nothing lies beyond the end of a cut-off file.
+    if (target == nullptr || truncated)
       break;
     from_start = false;
   }
@@ -274,8 +279,8 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
     }
     else if (other_bytes.count(entry))
       settle(entry, DAMAGED, other_bytes[entry]);
-    else if (e.offset >= first_damage)
-      settle(entry, DAMAGED, "unreadable: " + first_damage_text);
+    else if (damage.upper_bound(e.offset) != damage.begin())
+      settle(entry, DAMAGED, "unreadable: " + std::prev(damage.upper_bound(e.offset))->second);
     else
       settle(entry, MISSING, "not in " + data.name);
   }

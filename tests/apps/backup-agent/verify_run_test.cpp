@@ -344,6 +344,20 @@ TEST_F(Verify_Run, AlteredRemovedAndMissingItemsAreFoundAndNamed)
     EXPECT_FALSE(report["problems"].empty());
   }
 
+  // The data file cut off inside an item: that item and every later one of
+  // the file are damaged, the earlier ones verified.
+  {
+    const MTF_Set_Catalog::Entry& cut = *unique[1];
+    write_file(first, original.substr(0, cut.offset + 100));
+    std::vector<const MTF_Set_Catalog::Entry*> lost;
+    for (const MTF_Set_Catalog::Entry* e : in_busy)
+      if (e->offset >= cut.offset)
+        lost.push_back(e);
+    nlohmann::json report;
+    EXPECT_EQ(verify(set, report), 1);
+    expect_only(report, lost, "damaged");
+  }
+
   // An item left out of the data file: the data file is valid, the files after
   // it have moved, and only the one left out is missing.
   {
