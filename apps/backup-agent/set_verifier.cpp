@@ -134,9 +134,14 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
     uint64_t block_at = start_mtf;
     bool ended = false;
     bool in_skip = false;
-    bool truncated = false;
+    bool give_up = false;  // nothing further of this file can be read
     if (!io_.open_read(data.name, start_stored))
+    {
+      // The storage client has retried already: further attempts at other
+      // offsets would only wait as long again for each entry.
       error = "cannot be read at " + std::to_string(start_stored) + ": " + io_.last_error();
+      give_up = true;
+    }
     else
     {
       MTF_Reader reader([this](void* p, size_t n) { return io_.read(p, n); }, compressed, start_mtf);
@@ -153,7 +158,7 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
           if (reader.error().empty())
           {
             error = "offset " + std::to_string(block_at) + ": ends without an ESET block";
-            truncated = true;
+            give_up = true;
           }
           break;
         }
@@ -262,8 +267,7 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
     for (auto next = at.upper_bound(block_at); next != at.end() && target == nullptr; ++next)
       if (pending.count(next->second))
         target = &catalog_.entries[next->second];
-    // Nothing lies beyond the end of a cut-off file.
-    if (target == nullptr || truncated)
+    if (target == nullptr || give_up)
       break;
     from_start = false;
   }

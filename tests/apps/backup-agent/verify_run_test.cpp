@@ -180,6 +180,7 @@ TEST_F(Verify_Run, AnUntouchedSetIsSoundAndItsRestoreRehearsalRoundTrips)
   const Agent_Outcome help = agent({"verify", "--help"}, "help");
   EXPECT_EQ(help.status, 0);
   EXPECT_TRUE(help.says("usage: backup-agent [--config FILE] verify --set UUID")) << help.out;
+  EXPECT_TRUE(agent({"--help"}, "top-help").says("\n  verify --set UUID"));
   EXPECT_EQ(agent({"verify", "--mailbox", alice}, "no-set").status, 64);
   EXPECT_EQ(agent({"verify", "--set", set, "--bogus"}, "bogus").status, 64);
   EXPECT_EQ(verify(set, report, {"--mailbox", sim.mailbox("nobody")}), 1);
