@@ -330,6 +330,24 @@ TEST_F(Verify_Run, AlteredRemovedAndMissingItemsAreFoundAndNamed)
     EXPECT_EQ(verify(set, report), 1);
     expect_only(report, {&altered}, "damaged");
     EXPECT_NE(report["items"][0]["reason"].get<std::string>().find("SHA-256"), std::string::npos) << report.dump();
+
+    // Its mailbox rehearsed: the restore refuses the altered item, every
+    // other item round-trips and the altered one is named as not restored.
+    const std::string mailbox = get_mailbox(altered.path);
+    const std::string into = mailbox == sim.mailbox("admin") ? sim.mailbox("alice.archer") : sim.mailbox("admin");
+    EXPECT_EQ(verify(set, report, {"--mailbox", mailbox, "--rehearse-into", into}), 1);
+    ASSERT_EQ(report["rehearsals"].size(), 1u) << report.dump();
+    const nlohmann::json& rehearsal = report["rehearsals"][0];
+    EXPECT_EQ(rehearsal["round_trips"], report["mailboxes"][0]["verified"]) << rehearsal.dump();
+    EXPECT_EQ(rehearsal["differ"], 0);
+    EXPECT_EQ(rehearsal["not_restored"], 1);
+    for (const auto& item : rehearsal["items"])
+      if (item["state"] != "round-trips")
+      {
+        EXPECT_EQ(item["state"], "not restored");
+        EXPECT_EQ(std::make_pair(item["folder"].get<std::string>(), item["item"].get<std::string>()),
+                  folder_and_item(altered.path));
+      }
   }
 
   // An item's block header damaged: its checksum fails, that item alone is
