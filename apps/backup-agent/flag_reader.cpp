@@ -4,7 +4,7 @@
 
 Flag_Reader& Flag_Reader::add(const char* name, bool takes_value, Apply apply)
 {
-  specs_.push_back(Spec{name, takes_value, std::move(apply)});
+  known_.push_back(Known_Flag{name, takes_value, std::move(apply)});
   return *this;
 }
 
@@ -85,22 +85,22 @@ bool Flag_Reader::read(const std::vector<std::string>& args, std::string& error)
       help_ = true;
       continue;
     }
-    const Spec* spec = nullptr;
-    for (const Spec& s : specs_)
+    const Known_Flag* known = nullptr;
+    for (const Known_Flag& s : known_)
       if (s.name == arg)
-        spec = &s;
-    if (spec == nullptr)
+        known = &s;
+    if (known == nullptr)
     {
       // Only the part before "=": a value glued to a flag may be a secret.
       error = "unexpected argument " + arg.substr(0, arg.find('='));
       return false;
     }
-    if (spec->takes_value && i + 1 >= args.size())
+    if (known->takes_value && i + 1 >= args.size())
     {
       error = arg + " needs a value";
       return false;
     }
-    if (!spec->apply(spec->takes_value ? args[++i] : std::string(), error))
+    if (!known->apply(known->takes_value ? args[++i] : std::string(), error))
       return false;
   }
   return true;

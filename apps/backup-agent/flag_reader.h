@@ -35,7 +35,7 @@ private:
   // Takes the flag's value (empty for a flag without one); false with `error`
   // for a value it refuses.
   typedef std::function<bool(const std::string& value, std::string& error)> Apply;
-  struct Spec
+  struct Known_Flag
   {
     std::string name;
     bool takes_value;
@@ -44,7 +44,7 @@ private:
   Flag_Reader& add(const char* name, bool takes_value, Apply apply);
 
   bool& help_;
-  std::vector<Spec> specs_;
+  std::vector<Known_Flag> known_;
 };
 
 #endif
