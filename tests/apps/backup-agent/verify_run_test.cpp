@@ -185,6 +185,9 @@ TEST_F(Verify_Run, AnUntouchedSetIsSoundAndItsRestoreRehearsalRoundTrips)
   EXPECT_EQ(agent({"verify", "--set", set, "--bogus"}, "bogus").status, 64);
   EXPECT_EQ(verify(set, report, {"--mailbox", sim.mailbox("nobody")}), 1);
   EXPECT_NE(report["error"].get<std::string>().find("no mailbox"), std::string::npos) << report.dump();
+  EXPECT_EQ(verify("0b5e3c1a-no-such-set", report), 1);
+  EXPECT_EQ(report["sound"], false);
+  EXPECT_NE(report["error"].get<std::string>().find("no backup set"), std::string::npos) << report.dump();
   const Agent_Outcome text = agent({"verify", "--set", set}, "text");
   EXPECT_EQ(text.status, 0) << text.err;
   EXPECT_TRUE(text.says("mailbox " + alice + ": verified ")) << text.out;
