@@ -52,6 +52,8 @@ const char* Agent_Options::usage()
          "                   list the backup sets in the catalog, newest first\n"
          "  restore --set UUID --from ADDRESS --to ADDRESS (--path P | --item ID)... [--relocation FOLDER] [--json]\n"
          "                   restore folders or items of a backup set (backup-agent restore --help)\n"
+         "  verify --set UUID [--mailbox ADDRESS] [--json] [--rehearse-into ADDRESS]\n"
+         "                   read a backup set back and check every item (backup-agent verify --help)\n"
          "  tenant add|list|remove|test\n"
          "                   manage the Office 365 tenant registrations (backup-agent tenant for details)\n";
 }

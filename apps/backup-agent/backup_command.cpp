@@ -1,20 +1,17 @@
 #include "apps/backup-agent/backup_command.h"
 
 #include "apps/backup-agent/backup_progress.h"
+#include "apps/backup-agent/flag_reader.h"
 #include "apps/backup-agent/graph_users_lister.h"
+#include "apps/backup-agent/set_access.h"
 #include "host/office365/office365_tenant_registry.h"
 
 #include "host/base/agent_config.h"
 #include "host/base/uuid.h"
 #include "host/catalog/exchange_backup_set.h"
 #include "host/catalog/read_catalogs.h"
-#include "host/ews/ews_folders_index.h"
 #include "host/http/http_encoding.h"
 #include "host/job/job.h"
-#include "host/storage/client_io_ex.h"
-#include "host/storage/pool_info.h"
-#include "host/storage/host_manager.h"
-#include "host/storage/http_head.h"
 
 #include <ace/Log_Msg.h>
 
@@ -59,49 +56,16 @@ const char* Backup_Command::usage()
 
 bool Backup_Command::parse(const std::vector<std::string>& args, Request& request, std::string& error)
 {
-  for (size_t i = 0; i < args.size(); ++i)
-  {
-    const std::string& arg = args[i];
-    const bool has_value = i + 1 < args.size();
-    if (arg == "--help" || arg == "-h")
-      request.help = true;
-    else if (arg == "--json")
-      request.json = true;
-    else if (arg == "--all-mailboxes")
-      request.all_mailboxes = true;
-    else if (arg == "--tenant" && has_value)
-      request.tenant = args[++i];
-    else if (arg == "--mailbox" && has_value)
-      request.mailboxes.push_back(args[++i]);
-    else if (arg == "--pool" && has_value)
-      request.pool = args[++i];
-    else if (arg == "--channels" && has_value)
-    {
-      const std::string& value = args[++i];
-      char* end = nullptr;
-      const long n = strtol(value.c_str(), &end, 10);
-      if (value.empty() || *end != '\0' || n < 1 || n > 64)
-      {
-        error = "--channels takes a number from 1 to 64";
-        return false;
-      }
-      request.channels = static_cast<int>(n);
-    }
-    else if (arg == "--compression" && has_value)
-    {
-      request.compression = args[++i];
-      if (request.compression != "none" && request.compression != "zstd")
-      {
-        error = "--compression takes none or zstd";
-        return false;
-      }
-    }
-    else
-    {
-      error = "unknown or incomplete option " + arg;
-      return false;
-    }
-  }
+  if (!Flag_Reader(request.help)
+         .flag("--json", request.json)
+         .flag("--all-mailboxes", request.all_mailboxes)
+         .value("--tenant", request.tenant)
+         .values("--mailbox", request.mailboxes)
+         .value("--pool", request.pool)
+         .number("--channels", request.channels, 1, 64)
+         .choice("--compression", request.compression, {"none", "zstd"})
+         .read(args, error))
+    return false;
   if (request.help)
     return true;
   if (request.all_mailboxes && !request.mailboxes.empty())
@@ -306,30 +270,19 @@ bool Backup_Command::summarize(const Request& request, const Job& job, const Bac
       result["rows"].empty() || !record.from_json(result["rows"][0], error))
     return false;
 
-  Pool_Info pool;
-  Client_IO_Base::Options options;
   Client_IO_Ex io;
-  if (!get_pool_info(record.pool_uuid, nullptr, pool, POOL_ACCESS_READ, 30, nullptr) ||
-      !set_options_by_pool(options, pool))
-    return false;
-  const std::string key = Host_Manager::instance().effective_access_key();
-  if (const char* header = http_head_string(HTTP_HEAD_ACCESS_KEY, 0, key))
-    options.set_extra_option(header, key);
-  if (!io.open(pool.url + "/" + record.uri, options))
+  if (!Set_Access::open(record, io, error))
     return false;
   size_t folders = 0, items = 0;
   nlohmann::ordered_json failed_items = nlohmann::ordered_json::array();
   for (const std::string& name : record.index_files)
   {
-    std::string text;
     EWS_Folders tree;
     std::vector<std::string> failed;
-    if (!io.get_contents(name, text) || !load_ews_folders(text, tree, failed, error))
+    if (!Set_Access::read_index(io, name, tree, failed, error))
       return false;
     count_tree(tree, folders, items);
-    const std::string mailbox = name.substr(0, name.rfind('.', name.size() - 5));
-    std::string decoded;
-    http_decode_string(mailbox, 0, decoded);
+    const std::string decoded = Set_Access::index_mailbox(name);
     for (const std::string& id_failed : failed)
     {
       // The index keeps the ids only; the service's code comes from the job

@@ -10,12 +10,14 @@
 #include "apps/backup-agent/run_job_command.h"
 #include "apps/backup-agent/sets_command.h"
 #include "apps/backup-agent/tenant_command.h"
+#include "apps/backup-agent/verify_command.h"
 #include "host/ews/ews_params.h"
 #include "host/base/agent_config.h"
 #include "host/office365/office365_tenant_registry.h"
 #include "host/storage/host_manager.h"
 
 #include <ace/Log_Msg.h>
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 
@@ -58,33 +60,20 @@ void apply_configuration(const Agent_Config& config)
   Host_Manager::instance().init(backup_server);
 }
 
-int backup_command(const Agent_Options& options)
+// A command that runs jobs of the module: the module is loaded first, except
+// for --help, which needs none.
+template <class Command>
+int module_command(const Agent_Options& options)
 {
   Module_Host module;
-  // --help needs no module.
-  for (const std::string& arg : options.args)
-    if (arg == "--help" || arg == "-h")
-      return Backup_Command(module).run(options.args, std::cout, std::cerr);
-  if (!module.load(options.module_path))
+  const bool help = std::find(options.args.begin(), options.args.end(), "--help") != options.args.end() ||
+                    std::find(options.args.begin(), options.args.end(), "-h") != options.args.end();
+  if (!help && !module.load(options.module_path))
   {
     std::cerr << "backup-agent: " << module.error() << "\n";
     return 1;
   }
-  return Backup_Command(module).run(options.args, std::cout, std::cerr);
-}
-
-int restore_command(const Agent_Options& options)
-{
-  Module_Host module;
-  for (const std::string& arg : options.args)
-    if (arg == "--help" || arg == "-h")
-      return Restore_Command(module).run(options.args, std::cout, std::cerr);
-  if (!module.load(options.module_path))
-  {
-    std::cerr << "backup-agent: " << module.error() << "\n";
-    return 1;
-  }
-  return Restore_Command(module).run(options.args, std::cout, std::cerr);
+  return Command(module).run(options.args, std::cout, std::cerr);
 }
 
 int run_job_command(const Agent_Options& options)
@@ -139,11 +128,13 @@ int main(int argc, char** argv)
   if (options.command == "check-job" || options.command == "run-job")
     return run_job_command(options);
   if (options.command == "backup")
-    return backup_command(options);
+    return module_command<Backup_Command>(options);
   if (options.command == "sets")
     return Sets_Command().run(options.args, std::cout, std::cerr);
   if (options.command == "restore")
-    return restore_command(options);
+    return module_command<Restore_Command>(options);
+  if (options.command == "verify")
+    return module_command<Verify_Command>(options);
   if (options.command == "tenant")
     return Tenant_Command(Office365_Tenant_Registry::default_path(), std::cout, std::cerr).run(options.args);
   std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();

@@ -1,17 +1,13 @@
 #include "apps/backup-agent/restore_command.h"
 
+#include "apps/backup-agent/flag_reader.h"
+#include "apps/backup-agent/set_access.h"
+
 #include "host/base/agent_config.h"
 #include "host/base/uuid.h"
-#include "host/catalog/exchange_backup_set.h"
-#include "host/catalog/read_catalogs.h"
-#include "host/ews/ews_folders_index.h"
 #include "host/http/http_encoding.h"
 #include "host/job/job.h"
 #include "host/job/job_definition_reader.h"
-#include "host/storage/client_io_ex.h"
-#include "host/storage/host_manager.h"
-#include "host/storage/http_head.h"
-#include "host/storage/pool_info.h"
 
 #include <atomic>
 #include <chrono>
@@ -54,51 +50,15 @@ bool find_item(const EWS_Folders& folders, const std::string& prefix, const std:
 bool read_set(const std::string& set, const std::string& mailbox, Exchange_Backup_Set& record, EWS_Folders& tree,
               std::string& error)
 {
-  nlohmann::ordered_json result;
-  const std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&uuid=" + encoded(set);
-  if (!read_catalogs(query.c_str(), result, -1, 30) || !result.contains("rows") || !result["rows"].is_array())
-  {
-    error = "the catalog cannot be read";
-    return false;
-  }
-  if (result["rows"].empty())
-  {
-    error = "no backup set " + set;
-    return false;
-  }
-  if (!record.from_json(result["rows"][0], error))
-    return false;
-  Pool_Info pool;
-  Client_IO_Base::Options options;
   Client_IO_Ex io;
-  if (!get_pool_info(record.pool_uuid, nullptr, pool, POOL_ACCESS_READ, 30, nullptr) ||
-      !set_options_by_pool(options, pool))
-  {
-    error = "the set's pool " + record.pool_uuid + " is unknown";
+  if (!Set_Access::find(set, record, error) || !Set_Access::open(record, io, error))
     return false;
-  }
-  const std::string key = Host_Manager::instance().effective_access_key();
-  if (const char* header = http_head_string(HTTP_HEAD_ACCESS_KEY, 0, key))
-    options.set_extra_option(header, key);
-  if (!io.open(pool.url + "/" + record.uri, options))
-  {
-    error = "the set's storage cannot be opened";
-    return false;
-  }
   for (const std::string& name : record.index_files)
   {
-    std::string decoded;
-    http_decode_string(name.substr(0, name.rfind('.', name.size() - 5)), 0, decoded);
-    if (decoded != mailbox)
+    if (Set_Access::index_mailbox(name) != mailbox)
       continue;
-    std::string text;
     std::vector<std::string> failed;
-    if (!io.get_contents(name, text) || !load_ews_folders(text, tree, failed, error))
-    {
-      error = "the index of " + mailbox + " cannot be read";
-      return false;
-    }
-    return true;
+    return Set_Access::read_index(io, name, tree, failed, error);
   }
   error = "the set holds no mailbox " + mailbox;
   return false;
@@ -117,32 +77,16 @@ const char* Restore_Command::usage()
 
 bool Restore_Command::parse(const std::vector<std::string>& args, Request& request, std::string& error)
 {
-  for (size_t i = 0; i < args.size(); ++i)
-  {
-    const std::string& arg = args[i];
-    const bool has_value = i + 1 < args.size();
-    if (arg == "--help" || arg == "-h")
-      request.help = true;
-    else if (arg == "--json")
-      request.json = true;
-    else if (arg == "--set" && has_value)
-      request.set = args[++i];
-    else if (arg == "--from" && has_value)
-      request.from = args[++i];
-    else if (arg == "--to" && has_value)
-      request.to = args[++i];
-    else if (arg == "--path" && has_value)
-      request.paths.push_back(args[++i]);
-    else if (arg == "--item" && has_value)
-      request.items.push_back(args[++i]);
-    else if (arg == "--relocation" && has_value)
-      request.relocation = args[++i];
-    else
-    {
-      error = "unexpected argument " + arg;
-      return false;
-    }
-  }
+  if (!Flag_Reader(request.help)
+         .flag("--json", request.json)
+         .value("--set", request.set)
+         .value("--from", request.from)
+         .value("--to", request.to)
+         .values("--path", request.paths)
+         .values("--item", request.items)
+         .value("--relocation", request.relocation)
+         .read(args, error))
+    return false;
   if (request.help)
     return true;
   if (request.set.empty() || request.from.empty() || request.to.empty())
@@ -247,24 +191,52 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
     }
     storages.push_back(entry);
   }
+  const auto started = std::chrono::steady_clock::now();
+  uint64_t bytes = 0;
+  std::string failures;
+  const int status = restore(record, request.from, request.to, request.relocation, storages, err, bytes, failures);
+  if (status != 0)
+    return status;
+  const long seconds = static_cast<long>(
+    std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
+  nlohmann::ordered_json summary = {
+    {"set_uuid", record.uuid},          {"from", request.from},       {"to", request.to},
+    {"relocation", request.relocation}, {"entries", storages.size()}, {"bytes", bytes},
+    {"duration_seconds", seconds},      {"failures", failures}};
+  if (request.json)
+    out << summary.dump() << "\n";
+  else
+  {
+    out << "restored " << storages.size() << " selection(s) of set " << record.uuid << " from " << request.from
+        << " to " << request.to << (request.relocation.empty() ? "" : " under /" + request.relocation) << "\n"
+        << "bytes: " << bytes << ", duration: " << seconds << " s\n";
+    if (!failures.empty())
+      out << "failures: " << failures << "\n";
+  }
+  return failures.empty() ? 0 : 2;
+}
+
+int Restore_Command::restore(const Exchange_Backup_Set& record, const std::string& from, const std::string& to,
+                             const std::string& relocation, const nlohmann::ordered_json& storages, std::ostream& err,
+                             uint64_t& bytes, std::string& failures)
+{
   const std::string tenant = encoded(record.resource_uuid);
-  nlohmann::ordered_json def = {{"type", "restore"},
-                                {"uid", uuid_generate_string()},
-                                {"id", "restore-" + record.resource_uuid},
-                                {"name", "restore of set " + record.uuid},
-                                {"host_id", Agent_Config::instance().host_id()},
-                                {"module", "exchange"},
-                                {"schedule", {{"type", "ondemand"}}},
-                                {"options",
-                                 {{"relocation", request.relocation},
-                                  {"is_office365", true},
-                                  {"channels", record.channels > 0 ? record.channels : 1}}},
-                                {"source",
-                                 {{"id", record.resource_uuid},
-                                  {"catalog_id", record.uuid},
-                                  {"original", "exchange://" + tenant + "/" + encoded(request.from)},
-                                  {"restore_as", "exchange://" + tenant + "/" + encoded(request.to)},
-                                  {"storages", storages}}}};
+  nlohmann::ordered_json def = {
+    {"type", "restore"},
+    {"uid", uuid_generate_string()},
+    {"id", "restore-" + record.resource_uuid},
+    {"name", "restore of set " + record.uuid},
+    {"host_id", Agent_Config::instance().host_id()},
+    {"module", "exchange"},
+    {"schedule", {{"type", "ondemand"}}},
+    {"options",
+     {{"relocation", relocation}, {"is_office365", true}, {"channels", record.channels > 0 ? record.channels : 1}}},
+    {"source",
+     {{"id", record.resource_uuid},
+      {"catalog_id", record.uuid},
+      {"original", "exchange://" + tenant + "/" + encoded(from)},
+      {"restore_as", "exchange://" + tenant + "/" + encoded(to)},
+      {"storages", storages}}}};
   Job_Definition_var job_def;
   Job_Definition_Reader reader(module_.parser_creators());
   if (!reader.read_text(def.dump(), job_def))
@@ -281,7 +253,6 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
   stop_requested = false;
   std::signal(SIGINT, request_stop);
   std::signal(SIGTERM, request_stop);
-  const auto started = std::chrono::steady_clock::now();
   if (job->start(nullptr) != 0)
   {
     err << "error: the restore could not be started\n";
@@ -304,6 +275,8 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
     }
   }
   const Job_Activity& act = job->activity();
+  bytes = act.size;
+  failures = act.message;
   if (stopping || act.result == JOB_RESULT_CANCELED)
   {
     err << "restore cancelled\n";
@@ -316,22 +289,5 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
       err << "job log: " << job->log_path() << "\n";
     return 1;
   }
-  const long seconds = static_cast<long>(
-    std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
-  const std::string failures = act.message;
-  nlohmann::ordered_json summary = {
-    {"set_uuid", record.uuid},          {"from", request.from},       {"to", request.to},
-    {"relocation", request.relocation}, {"entries", storages.size()}, {"bytes", act.size},
-    {"duration_seconds", seconds},      {"failures", failures}};
-  if (request.json)
-    out << summary.dump() << "\n";
-  else
-  {
-    out << "restored " << storages.size() << " selection(s) of set " << record.uuid << " from " << request.from
-        << " to " << request.to << (request.relocation.empty() ? "" : " under /" + request.relocation) << "\n"
-        << "bytes: " << act.size << ", duration: " << seconds << " s\n";
-    if (!failures.empty())
-      out << "failures: " << failures << "\n";
-  }
-  return failures.empty() ? 0 : 2;
+  return 0;
 }

@@ -2,7 +2,12 @@
 #define APPS_BACKUP_AGENT_RESTORE_COMMAND_H
 
 #include "apps/backup-agent/module_host.h"
+#include "host/catalog/exchange_backup_set.h"
 #include "host/ews/ews_folder.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
 
 #include <ostream>
 #include <string>
@@ -43,6 +48,15 @@ public:
   // `error` when the tree has no such folder or item.
   static bool path_entry(const EWS_Folders& tree, const std::string& path, std::string& entry, std::string& error);
   static bool item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error);
+
+  // Runs a restore job of set `record`: the selection entries `storages` of
+  // mailbox `from` into mailbox `to`, under `relocation` when not empty; shows
+  // the job's progress on `err` and stops the job on Ctrl-C. 0 when the job
+  // succeeded (`failures` then holds the items it could not restore, if any),
+  // 1 when it failed, 130 when cancelled; `bytes` is what it restored.
+  int restore(const Exchange_Backup_Set& record, const std::string& from, const std::string& to,
+              const std::string& relocation, const nlohmann::ordered_json& storages, std::ostream& err, uint64_t& bytes,
+              std::string& failures);
 
 private:
   Module_Host& module_;

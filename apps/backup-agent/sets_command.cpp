@@ -1,13 +1,11 @@
 #include "apps/backup-agent/sets_command.h"
 
+#include "apps/backup-agent/flag_reader.h"
+#include "apps/backup-agent/set_access.h"
+
 #include "host/catalog/exchange_backup_set.h"
 #include "host/catalog/read_catalogs.h"
-#include "host/ews/ews_folders_index.h"
 #include "host/http/http_encoding.h"
-#include "host/storage/client_io_ex.h"
-#include "host/storage/host_manager.h"
-#include "host/storage/http_head.h"
-#include "host/storage/pool_info.h"
 
 #include <nlohmann/json.hpp>
 
@@ -23,35 +21,19 @@ size_t count_items(const EWS_Folders& folders)
   return n;
 }
 
-// The mailbox an index file name stands for ("<encoded mailbox>.<rev>.idx").
-std::string index_mailbox(const std::string& name)
-{
-  std::string decoded;
-  http_decode_string(name.substr(0, name.rfind('.', name.size() - 5)), 0, decoded);
-  return decoded;
-}
-
 // Items in the set's indexes; false when they cannot be read.
 bool count_set_items(const Exchange_Backup_Set& record, size_t& items)
 {
-  Pool_Info pool;
-  Client_IO_Base::Options options;
   Client_IO_Ex io;
-  if (!get_pool_info(record.pool_uuid, nullptr, pool, POOL_ACCESS_READ, 30, nullptr) ||
-      !set_options_by_pool(options, pool))
-    return false;
-  const std::string key = Host_Manager::instance().effective_access_key();
-  if (const char* header = http_head_string(HTTP_HEAD_ACCESS_KEY, 0, key))
-    options.set_extra_option(header, key);
-  if (!io.open(pool.url + "/" + record.uri, options))
+  std::string error;
+  if (!Set_Access::open(record, io, error))
     return false;
   items = 0;
   for (const std::string& name : record.index_files)
   {
-    std::string text, error;
     EWS_Folders tree;
     std::vector<std::string> failed;
-    if (!io.get_contents(name, text) || !load_ews_folders(text, tree, failed, error))
+    if (!Set_Access::read_index(io, name, tree, failed, error))
       return false;
     items += count_items(tree);
   }
@@ -67,26 +49,17 @@ const char* Sets_Command::usage()
 
 int Sets_Command::run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
-  std::string tenant, mailbox;
-  bool json = false;
-  for (size_t i = 0; i < args.size(); ++i)
+  std::string tenant, mailbox, error;
+  bool json = false, help = false;
+  if (!Flag_Reader(help).flag("--json", json).value("--tenant", tenant).value("--mailbox", mailbox).read(args, error))
   {
-    if (args[i] == "--help" || args[i] == "-h")
-    {
-      out << usage();
-      return 0;
-    }
-    if (args[i] == "--json")
-      json = true;
-    else if (args[i] == "--tenant" && i + 1 < args.size())
-      tenant = args[++i];
-    else if (args[i] == "--mailbox" && i + 1 < args.size())
-      mailbox = args[++i];
-    else
-    {
-      err << "backup-agent sets: unexpected argument " << args[i] << "\n" << usage();
-      return 64;
-    }
+    err << "backup-agent sets: " << error << "\n" << usage();
+    return 64;
+  }
+  if (help)
+  {
+    out << usage();
+    return 0;
   }
   std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&sort=backup_start_time&order=desc";
   if (!tenant.empty())
@@ -105,12 +78,11 @@ int Sets_Command::run(const std::vector<std::string>& args, std::ostream& out, s
   for (const auto& row : result["rows"])
   {
     Exchange_Backup_Set record;
-    std::string error;
     if (!record.from_json(row, error))
       continue;  // a record of another form (not written by this module's backup)
     std::vector<std::string> mailboxes;
     for (const std::string& name : record.index_files)
-      mailboxes.push_back(index_mailbox(name));
+      mailboxes.push_back(Set_Access::index_mailbox(name));
     bool wanted = mailbox.empty();
     for (const std::string& m : mailboxes)
       wanted = wanted || m == mailbox;

@@ -4,16 +4,9 @@
 // restore job definitions; the restored items, exported from exo-sim again, must
 // be byte for byte the originals, in folders of the original names.
 
-#include <sys/stat.h>  // backupd_process.h uses chmod
-
-#include "apps/backup-agent/agent_process.h"
-#include "apps/backupd/backupd_process.h"
+#include "apps/backup-agent/agent_run_fixture.h"
 #include "backup/exchange/core/ews/ews_mtf_utils.h"
-#include "backup/exchange/core/ews/ews_utils.h"
-#include "host/catalog/read_catalogs.h"
 #include "host/ews/ews_folder_creation_request.h"
-#include "host/office365/office365_tenant_registry.h"
-#include "support/exo_sim_process.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -27,15 +20,10 @@
 
 namespace
 {
-const char* const tenant_uuid = "4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f";
 const char* const odd_name =
   "\xc3\x9c"
   "ber/Projekte \xe2\x82\xac";  // Unicode and a "/"
 const char* const uni_name = "\xc3\x9cn\xc3\xaf Ordner";
-
-// Folder path (display names joined by "/", from below the start) -> the
-// exported bytes of its items.
-typedef std::multiset<std::pair<std::string, std::string>> Tree_Contents;
 
 // The items only one side has: folder, size and a hash of the bytes, one a line.
 std::string difference(const Tree_Contents& got, const Tree_Contents& want)
@@ -59,51 +47,9 @@ std::string difference(const Tree_Contents& got, const Tree_Contents& want)
   return out;
 }
 
-class Restore_Run : public ::testing::Test
+class Restore_Run : public Agent_Run_Fixture
 {
 protected:
-  void SetUp() override
-  {
-    ASSERT_TRUE(backupd_.add_pool("pool-1", "main"));
-    ASSERT_TRUE(backupd_.start());
-    backupd_.configure_host();
-    dir_ = backupd_.root();
-  }
-
-  std::string write(const std::string& name, const std::string& text)
-  {
-    const std::string path = dir_ + "/" + name;
-    std::ofstream(path) << text;
-    return path;
-  }
-
-  EWS_Client_Ptr client(const Exo_Sim_Process& sim, const std::string& mailbox)
-  {
-    EWS_Client_Ptr ews;
-    EXPECT_TRUE(create_ews_client(
-      "", Secure_String(), std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
-      ews, mailbox.c_str()));
-    return ews;
-  }
-
-  Agent_Outcome run_job(const Exo_Sim_Process& sim, const nlohmann::ordered_json& job)
-  {
-    Office365_Tenant_Registry tenants(Office365_Tenant_Registry::file_in(dir_ + "/state"));
-    std::string error;
-    ::mkdir((dir_ + "/state").c_str(), 0700);
-    tenants.add(tenant_uuid, sim.entry());
-    EXPECT_TRUE(tenants.save(error)) << error;
-    const std::string config = write("agent.json", "{\"state_dir\": \"" + dir_ +
-                                                     "/state\", \"host_id\": \"host-1\", \"backup_server\": "
-                                                     "{\"url\": \"" +
-                                                     backupd_.url() + "\", \"access_key\": \"" +
-                                                     Backupd_Process::key() + "\"}, \"settings\": {}}");
-    const std::string job_file = write(job["id"].get<std::string>() + ".json", job.dump());
-    Agent_Process agent({"--module", EXCHANGE_MODULE_PATH, "--config", config, "run-job", job_file}, dir_,
-                        job["id"].get<std::string>());
-    return agent.wait();
-  }
-
   nlohmann::ordered_json restore_job(const std::string& id, const std::string& set, const std::string& from,
                                      const std::string& to, const std::string& relocation,
                                      const std::vector<std::string>& storages)
@@ -122,39 +68,6 @@ protected:
                                     {"storages", storages}}}};
     return job;
   }
-
-  // Every item below `folder_id` of `mailbox`, exported, by folder path.
-  void contents(EWS_Client& ews, const std::string& folder_id, const std::string& path, Tree_Contents& out)
-  {
-    EWS_Folders children;
-    ASSERT_TRUE(ews.list_folders(folder_id, children, true));
-    for (const EWS_Folder& child : children)
-      contents(ews, child.id, path.empty() ? child.display_name : path + "/" + child.display_name, out);
-    if (folder_id.empty())
-      return;
-    EWS_Items items;
-    ASSERT_TRUE(ews.list_items(folder_id, make_ews_item_appender(items), 0, 100000));
-    EWS_Export_Requests requests(items.size());
-    for (size_t i = 0; i < items.size(); ++i)
-      requests[i].id = items[i].id;
-    ASSERT_TRUE(ews.export_items(requests));
-    for (const EWS_Export_Request& r : requests)
-    {
-      ASSERT_TRUE(r.data.ptr) << r.id;
-      out.emplace(path, std::string(reinterpret_cast<const char*>(r.data.ptr.get()), r.data.size));
-    }
-  }
-
-  const EWS_Folder* find(const EWS_Folders& folders, const std::string& name)
-  {
-    for (const EWS_Folder& f : folders)
-      if (f.display_name == name)
-        return &f;
-    return nullptr;
-  }
-
-  Backupd_Process backupd_;
-  std::string dir_;
 };
 }  // namespace
 
@@ -192,16 +105,7 @@ TEST_F(Restore_Run, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames)
   for (const std::string& id : {odd.id, uni.id, nested.id, dup1.id, dup2.id})
     ASSERT_TRUE(ews->upload_items(id, copies));
 
-  nlohmann::ordered_json backup = {
-    {"type", "backup"},
-    {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
-    {"id", "e2e"},
-    {"host_id", "host-1"},
-    {"target", {{"id", "pool-1"}}},
-    {"max_seconds_retry", 30},
-    {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
-    {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
-  Agent_Outcome run = run_job(sim, backup);
+  Agent_Outcome run = run_job(sim, backup_job({alice}));
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   nlohmann::ordered_json result;
   ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
@@ -271,16 +175,7 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
 {
   Exo_Sim_Process sim({"--profile", "tiny", "--busy-backoff-ms", "20"});
   const std::string alice = sim.mailbox("alice.archer");
-  nlohmann::ordered_json backup = {
-    {"type", "backup"},
-    {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
-    {"id", "e2e"},
-    {"host_id", "host-1"},
-    {"target", {{"id", "pool-1"}}},
-    {"max_seconds_retry", 30},
-    {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
-    {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
-  Agent_Outcome run = run_job(sim, backup);
+  Agent_Outcome run = run_job(sim, backup_job({alice}));
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   nlohmann::ordered_json result;
   ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
@@ -320,16 +215,7 @@ TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAn
   Exo_Sim_Process sim({"--profile", "tiny"});
   const std::string alice = sim.mailbox("alice.archer");
   const std::string admin = sim.mailbox("admin");
-  nlohmann::ordered_json backup = {
-    {"type", "backup"},
-    {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
-    {"id", "e2e"},
-    {"host_id", "host-1"},
-    {"target", {{"id", "pool-1"}}},
-    {"max_seconds_retry", 30},
-    {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", "zstd"}}},
-    {"source", {{"id", tenant_uuid}, {"entries", {std::string("exchange://") + tenant_uuid + "/" + alice}}}}};
-  Agent_Outcome run = run_job(sim, backup);
+  Agent_Outcome run = run_job(sim, backup_job({alice}));
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   nlohmann::ordered_json result;
   ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=e2e", result, -1, 0));
@@ -351,36 +237,26 @@ TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAn
   Tree_Contents original;
   ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
 
-  const std::string config = dir_ + "/agent.json";
-  Agent_Process lister({"--config", config, "sets", "--mailbox", alice, "--json"}, dir_, "sets");
-  Agent_Outcome listed = lister.wait();
+  const Agent_Outcome listed = agent({"sets", "--mailbox", alice, "--json"}, "sets");
   ASSERT_EQ(listed.status, 0) << listed.err;
   const nlohmann::json sets = nlohmann::json::parse(listed.out);
   ASSERT_EQ(sets.size(), 1u);
   EXPECT_EQ(sets[0]["set_uuid"], set);
   EXPECT_EQ(sets[0]["mailboxes"], nlohmann::json::array({alice}));
   EXPECT_EQ(sets[0]["items"].get<size_t>(), original.size());
-  Agent_Process none({"--config", config, "sets", "--mailbox", admin, "--json"}, dir_, "no-sets");
-  Agent_Outcome empty = none.wait();
+  const Agent_Outcome empty = agent({"sets", "--mailbox", admin, "--json"}, "no-sets");
   EXPECT_EQ(empty.status, 0);
   EXPECT_EQ(nlohmann::json::parse(empty.out), nlohmann::json::array());
 
-  Agent_Process bad(
-    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice, "--to", admin},
-    dir_, "bad");
-  EXPECT_EQ(bad.wait().status, 64);
-  Agent_Process missing({"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice,
-                         "--to", admin, "--path", "Inbox/No such folder"},
-                        dir_, "missing");
-  Agent_Outcome refused = missing.wait();
+  EXPECT_EQ(agent({"restore", "--set", set, "--from", alice, "--to", admin}, "bad").status, 64);
+  const Agent_Outcome refused =
+    agent({"restore", "--set", set, "--from", alice, "--to", admin, "--path", "Inbox/No such folder"}, "missing");
   EXPECT_EQ(refused.status, 1);
   EXPECT_TRUE(refused.says("the set has no folder Inbox/No such folder")) << refused.err;
 
-  Agent_Process agent(
-    {"--module", EXCHANGE_MODULE_PATH, "--config", config, "restore", "--set", set, "--from", alice, "--to", admin,
-     "--path", "Inbox/" + below[0].display_name, "--item", items[0].id, "--relocation", "By Command", "--json"},
-    dir_, "restore");
-  run = agent.wait();
+  run = agent({"restore", "--set", set, "--from", alice, "--to", admin, "--path", "Inbox/" + below[0].display_name,
+               "--item", items[0].id, "--relocation", "By Command", "--json"},
+              "restore");
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const nlohmann::json summary = nlohmann::json::parse(run.out);
   EXPECT_EQ(summary["entries"], 2);

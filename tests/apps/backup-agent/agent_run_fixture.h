@@ -1,0 +1,170 @@
+#ifndef TESTS_APPS_BACKUP_AGENT_AGENT_RUN_FIXTURE_H
+#define TESTS_APPS_BACKUP_AGENT_AGENT_RUN_FIXTURE_H
+
+// The set-up the end-to-end agent tests share: a real backupd (pool "pool-1")
+// in a fresh data directory, the host libraries of the test process configured
+// for it, and for an exo-sim the tenant registry and agent configuration the
+// real agent runs with. Also the jobs they run and the EWS client and listing
+// helpers they check mailboxes with.
+
+#include <sys/stat.h>  // backupd_process.h uses chmod
+
+#include "apps/backup-agent/agent_process.h"
+#include "apps/backupd/backupd_process.h"
+#include "backup/exchange/core/ews/ews_utils.h"
+#include "host/catalog/exchange_backup_set.h"
+#include "host/catalog/read_catalogs.h"
+#include "host/office365/office365_tenant_registry.h"
+#include "support/exo_sim_process.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+// Folder path (display names joined by "/", from below the start) -> the
+// exported bytes of its items.
+typedef std::multiset<std::pair<std::string, std::string>> Tree_Contents;
+
+class Agent_Run_Fixture : public ::testing::Test
+{
+protected:
+  static constexpr const char* tenant_uuid = "4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f";
+
+  void SetUp() override
+  {
+    ASSERT_TRUE(backupd_.add_pool("pool-1", "main"));
+    ASSERT_TRUE(backupd_.start());
+    backupd_.configure_host();
+    dir_ = backupd_.root();
+  }
+
+  std::string write(const std::string& name, const std::string& text)
+  {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  // The tenant registry (holding `sim`'s tenant) and the agent configuration
+  // ("agent.json", host "host-1", `settings`) the agent runs with; its path.
+  std::string configure(const Exo_Sim_Process& sim, const std::string& settings = "{}")
+  {
+    Office365_Tenant_Registry tenants(Office365_Tenant_Registry::file_in(dir_ + "/state"));
+    std::string error;
+    ::mkdir((dir_ + "/state").c_str(), 0700);
+    tenants.add(tenant_uuid, sim.entry());
+    EXPECT_TRUE(tenants.save(error)) << error;
+    config_ =
+      write("agent.json", "{\"state_dir\": \"" + dir_ +
+                            "/state\", \"host_id\": \"host-1\", \"backup_server\": {\"url\": \"" + backupd_.url() +
+                            "\", \"access_key\": \"" + Backupd_Process::key() + "\"}, \"settings\": " + settings + "}");
+    return config_;
+  }
+
+  // Runs the agent with the real module and the configuration of the last
+  // configure(); `name` names its output files.
+  Agent_Outcome agent(const std::vector<std::string>& args, const std::string& name)
+  {
+    std::vector<std::string> all = {"--module", EXCHANGE_MODULE_PATH, "--config", config_};
+    all.insert(all.end(), args.begin(), args.end());
+    Agent_Process process(all, dir_, name);
+    return process.wait();
+  }
+
+  // A backup job "e2e" (unless `id` says otherwise) of `mailboxes` to pool-1.
+  static nlohmann::ordered_json backup_job(const std::vector<std::string>& mailboxes,
+                                           const std::string& compression = "zstd", const std::string& id = "e2e")
+  {
+    nlohmann::ordered_json job = {
+      {"type", "backup"},
+      {"uid", "2b6f0c8e-9d1a-4e3b-8f7c-5a4d3e2f1b0c"},
+      {"id", id},
+      {"host_id", "host-1"},
+      {"target", {{"id", "pool-1"}}},
+      {"max_seconds_retry", 30},
+      {"options", {{"method", "ews"}, {"is_office365", true}, {"channels", 2}, {"compression", compression}}},
+      {"source", {{"id", tenant_uuid}, {"entries", nlohmann::ordered_json::array()}}}};
+    for (const std::string& m : mailboxes)
+      job["source"]["entries"].push_back(std::string("exchange://") + tenant_uuid + "/" + m);
+    return job;
+  }
+
+  // Configures the agent for `sim` and runs `job` through `run-job`.
+  Agent_Outcome run_job(const Exo_Sim_Process& sim, const nlohmann::ordered_json& job,
+                        const std::string& settings = "{}")
+  {
+    configure(sim, settings);
+    const std::string id = job["id"].get<std::string>();
+    return agent({"run-job", write(id + ".json", job.dump())}, id);
+  }
+
+  // The newest record of job `id`.
+  Exchange_Backup_Set newest_record(const std::string& id = "e2e")
+  {
+    nlohmann::ordered_json result;
+    Exchange_Backup_Set record;
+    std::string error;
+    EXPECT_TRUE(read_catalogs(
+      ("/d2/r/v2/sets/restore/sets?module=exchange&minor_resource_id=" + id + "&sort=rev&order=desc").c_str(), result,
+      -1, 0));
+    EXPECT_FALSE(result["rows"].empty());
+    if (!result["rows"].empty())
+    {
+      EXPECT_TRUE(record.from_json(result["rows"][0], error)) << error;
+    }
+    return record;
+  }
+
+  // An EWS client of `sim` acting for `mailbox`.
+  static EWS_Client_Ptr client(const Exo_Sim_Process& sim, const std::string& mailbox)
+  {
+    EWS_Client_Ptr ews;
+    EXPECT_TRUE(create_ews_client(
+      "", Secure_String(), std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
+      ews, mailbox.c_str()));
+    return ews;
+  }
+
+  // Every item below `folder_id` (the mailbox root when empty), exported, by
+  // folder path.
+  static void contents(EWS_Client& ews, const std::string& folder_id, const std::string& path, Tree_Contents& out)
+  {
+    EWS_Folders children;
+    ASSERT_TRUE(ews.list_folders(folder_id, children, true));
+    for (const EWS_Folder& child : children)
+      contents(ews, child.id, path.empty() ? child.display_name : path + "/" + child.display_name, out);
+    if (folder_id.empty())
+      return;
+    EWS_Items items;
+    ASSERT_TRUE(ews.list_items(folder_id, make_ews_item_appender(items), 0, 100000));
+    EWS_Export_Requests requests(items.size());
+    for (size_t i = 0; i < items.size(); ++i)
+      requests[i].id = items[i].id;
+    ASSERT_TRUE(ews.export_items(requests));
+    for (const EWS_Export_Request& r : requests)
+    {
+      ASSERT_TRUE(r.data.ptr) << r.id;
+      out.emplace(path, std::string(reinterpret_cast<const char*>(r.data.ptr.get()), r.data.size));
+    }
+  }
+
+  // The first folder of `folders` named `name`, or null.
+  static const EWS_Folder* find(const EWS_Folders& folders, const std::string& name)
+  {
+    for (const EWS_Folder& f : folders)
+      if (f.display_name == name)
+        return &f;
+    return nullptr;
+  }
+
+  Backupd_Process backupd_;
+  std::string dir_;
+  std::string config_;
+};
+
+#endif
