@@ -63,6 +63,15 @@ bool read_set(const std::string& set, const std::string& mailbox, Exchange_Backu
   error = "the set holds no mailbox " + mailbox;
   return false;
 }
+
+// Adds a folder and everything below it to `size`: what restoring it creates and uploads.
+void count_subtree(const EWS_Folder& folder, Restore_Command::Selection_Size& size)
+{
+  ++size.folders;
+  size.items += folder.items.size();
+  for (const EWS_Folder& sub : folder.subfolders)
+    count_subtree(sub, size);
+}
 }  // namespace
 
 const char* Restore_Command::usage()
@@ -97,7 +106,7 @@ bool Restore_Command::parse(const std::vector<std::string>& args, Request& reque
 }
 
 bool Restore_Command::path_entry(const EWS_Folders& tree, const std::string& path, std::string& entry,
-                                 std::string& error)
+                                 std::string& error, Selection_Size* selected)
 {
   const EWS_Folders* level = &tree;
   const EWS_Folder* found = nullptr;
@@ -134,6 +143,8 @@ bool Restore_Command::path_entry(const EWS_Folders& tree, const std::string& pat
     return false;
   }
   entry = parent.empty() ? encoded(found->id) : encoded(parent) + "/" + encoded(found->id);
+  if (selected != nullptr)
+    count_subtree(*found, *selected);
   return true;
 }
 
@@ -171,10 +182,11 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
     return 1;
   }
   nlohmann::ordered_json storages = nlohmann::ordered_json::array();
+  Selection_Size selected;
   for (const std::string& path : request.paths)
   {
     std::string entry;
-    if (!path_entry(tree, path, entry, error))
+    if (!path_entry(tree, path, entry, error, &selected))
     {
       err << "error: " << error << "\n";
       return 1;
@@ -190,35 +202,55 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
       return 1;
     }
     storages.push_back(entry);
+    ++selected.items;
   }
   const auto started = std::chrono::steady_clock::now();
-  uint64_t bytes = 0;
-  std::string failures;
-  const int status = restore(record, request.from, request.to, request.relocation, storages, err, bytes, failures);
+  Outcome outcome;
+  const int status = restore(record, request.from, request.to, request.relocation, storages, err, outcome);
   if (status != 0)
     return status;
   const long seconds = static_cast<long>(
     std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
-  nlohmann::ordered_json summary = {
-    {"set_uuid", record.uuid},          {"from", request.from},       {"to", request.to},
-    {"relocation", request.relocation}, {"entries", storages.size()}, {"bytes", bytes},
-    {"duration_seconds", seconds},      {"failures", failures}};
+  print_summary(request, record, selected, outcome, seconds, out);
+  return outcome.failures.empty() ? 0 : 2;
+}
+
+void Restore_Command::print_summary(const Request& request, const Exchange_Backup_Set& record,
+                                    const Selection_Size& selected, const Outcome& outcome, long seconds,
+                                    std::ostream& out)
+{
   if (request.json)
-    out << summary.dump() << "\n";
-  else
   {
-    out << "restored " << storages.size() << " selection(s) of set " << record.uuid << " from " << request.from
-        << " to " << request.to << (request.relocation.empty() ? "" : " under /" + request.relocation) << "\n"
-        << "bytes: " << bytes << ", duration: " << seconds << " s\n";
-    if (!failures.empty())
-      out << "failures: " << failures << "\n";
+    nlohmann::ordered_json summary = {{"set_uuid", record.uuid},
+                                      {"from", request.from},
+                                      {"to", request.to},
+                                      {"relocation", request.relocation},
+                                      {"folders_selected", selected.folders},
+                                      {"items_selected", selected.items},
+                                      {"items_restored", outcome.items},
+                                      {"bytes", outcome.bytes},
+                                      {"duration_seconds", seconds},
+                                      {"failures", outcome.failures}};
+    if (!outcome.failures.empty())
+      summary["job_log"] = outcome.log_path;
+    out << summary.dump() << "\n";
+    return;
   }
-  return failures.empty() ? 0 : 2;
+  out << "restored from set " << record.uuid << ": " << request.from << " to " << request.to
+      << (request.relocation.empty() ? "" : " under /" + request.relocation) << "\n"
+      << "folders: " << selected.folders << ", items: " << outcome.items << " of " << selected.items
+      << " restored, bytes: " << outcome.bytes << ", duration: " << seconds << " s\n";
+  if (!outcome.failures.empty())
+  {
+    out << "failures: " << outcome.failures << "\n";
+    if (!outcome.log_path.empty())
+      out << "each failed item and its reason: " << outcome.log_path << "\n";
+  }
 }
 
 int Restore_Command::restore(const Exchange_Backup_Set& record, const std::string& from, const std::string& to,
                              const std::string& relocation, const nlohmann::ordered_json& storages, std::ostream& err,
-                             uint64_t& bytes, std::string& failures)
+                             Outcome& outcome)
 {
   const std::string tenant = encoded(record.resource_uuid);
   nlohmann::ordered_json def = {
@@ -275,8 +307,10 @@ int Restore_Command::restore(const Exchange_Backup_Set& record, const std::strin
     }
   }
   const Job_Activity& act = job->activity();
-  bytes = act.size;
-  failures = act.message;
+  outcome.items = act.items_done;
+  outcome.bytes = act.size;
+  outcome.failures = act.message;
+  outcome.log_path = job->log_path();
   if (stopping || act.result == JOB_RESULT_CANCELED)
   {
     err << "restore cancelled\n";

@@ -18,8 +18,8 @@
 // source mailbox's index, turns each path (display names from the mailbox root,
 // joined by "/") and item id into an entry of a restore job definition
 // (docs/job-definition.md) and runs it through the module's job creator, as
-// `run-job` runs a file. Shows progress, then the bytes restored and the
-// failures the job reports. Exit status 0 when everything was restored, 2 when
+// `run-job` runs a file. Shows progress, then the folders and items selected,
+// the items and bytes restored and the failures the job reports. Exit status 0 when everything was restored, 2 when
 // some items failed, 1 when the restore failed, 130 when Ctrl-C cancelled it,
 // 64 for a bad invocation.
 class Restore_Command
@@ -46,19 +46,40 @@ public:
 
   // The selection entry of a folder path or of an item id of `tree`; false with
   // `error` when the tree has no such folder or item.
-  static bool path_entry(const EWS_Folders& tree, const std::string& path, std::string& entry, std::string& error);
+  // With `selected`, the folders and items the entry stands for are added to it.
+  struct Selection_Size
+  {
+    uint64_t folders = 0;
+    uint64_t items = 0;
+  };
+  static bool path_entry(const EWS_Folders& tree, const std::string& path, std::string& entry, std::string& error,
+                         Selection_Size* selected = nullptr);
   static bool item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error);
+
+  // What a restore job did: items and bytes restored, the job's account of the
+  // items it could not restore (empty when none failed), and its log file,
+  // where each failure's reason stands.
+  struct Outcome
+  {
+    uint64_t items = 0;
+    uint64_t bytes = 0;
+    std::string failures;
+    std::string log_path;
+  };
 
   // Runs a restore job of set `record`: the selection entries `storages` of
   // mailbox `from` into mailbox `to`, under `relocation` when not empty; shows
   // the job's progress on `err` and stops the job on Ctrl-C. 0 when the job
-  // succeeded (`failures` then holds the items it could not restore, if any),
-  // 1 when it failed, 130 when cancelled; `bytes` is what it restored.
+  // succeeded (`outcome.failures` then names the items it could not restore, if
+  // any), 1 when it failed, 130 when cancelled.
   int restore(const Exchange_Backup_Set& record, const std::string& from, const std::string& to,
-              const std::string& relocation, const nlohmann::ordered_json& storages, std::ostream& err, uint64_t& bytes,
-              std::string& failures);
+              const std::string& relocation, const nlohmann::ordered_json& storages, std::ostream& err,
+              Outcome& outcome);
 
 private:
+  static void print_summary(const Request& request, const Exchange_Backup_Set& record, const Selection_Size& selected,
+                            const Outcome& outcome, long seconds, std::ostream& out);
+
   Module_Host& module_;
 };
 

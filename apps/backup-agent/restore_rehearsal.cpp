@@ -55,16 +55,15 @@ bool Restore_Rehearsal::run(const std::string& mailbox, const EWS_Folders& tree,
     report["restore"] = "nothing to restore";
   else
   {
-    uint64_t bytes = 0;
-    std::string failures;
+    Restore_Command::Outcome outcome;
     err << "rehearsing the restore of " << mailbox << " into " << target_ << " /" << folder << "\n";
-    status = restore_.restore(record_, mailbox, target_, folder, storages, err, bytes, failures);
+    status = restore_.restore(record_, mailbox, target_, folder, storages, err, outcome);
     if (status != 0)
     {
       report["restore"] = status == 130 ? "cancelled" : "failed";
       return false;
     }
-    report["restore"] = failures.empty() ? std::string("done") : "done with failures: " + failures;
+    report["restore"] = outcome.failures.empty() ? std::string("done") : "done with failures: " + outcome.failures;
 
     std::string error;
     Office365_Auth_Entry entry;

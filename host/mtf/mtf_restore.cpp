@@ -1,5 +1,7 @@
 #include "host/mtf/mtf_restore.h"
 
+#include "host/job/job_log_callback.h"
+
 #include <algorithm>
 #include <chrono>
 #include <map>
@@ -279,6 +281,9 @@ void MTF_Restore::file_done(ACE_UINT64 bytes, bool ok)
     files = files_done_;
   }
   ACE_UINT64 done = files + files_failed_;
+  // The job's activity shows the items and bytes restored so far, as the backup's does.
+  if (const Job_Log_Callback* job_log = dynamic_cast<const Job_Log_Callback*>(log_callback_.get()))
+    job_log->report_progress(files, bytes_done_);
   int percent;
   if (handler_.progress_report_mode() == MTF::Event_Handler::PRM_FILE_COUNT)
     percent = files_total_ == 0 ? 0 : static_cast<int>(done * 100 / files_total_);
