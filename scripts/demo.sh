@@ -4,8 +4,9 @@
 # backupd (SQLite catalog and a directory pool in a temporary data directory) and exo-sim with
 # the demo tenant, registers both with the agent (backup server URL and access key in the agent
 # configuration, the tenant in its registry), runs `backup-agent backup --all-mailboxes`, which
-# shows its progress and the summary of the new backup set, lists the sets, and restores a
-# folder and a single item of one mailbox into another under relocation folders.
+# shows its progress and the summary of the new backup set, lists the sets, restores a folder
+# and a single item of one mailbox into another under relocation folders, verifies the set
+# and rehearses the restore of one mailbox.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh --target backup-agent --target exchange --target backupd --target exo-sim build
@@ -106,3 +107,12 @@ item="$(grep -o '"items":\[{"entry_id":"[^"]*"' "$index" | head -n 1 | cut -d'"'
 echo "== restore of one item of $from into $to, under \"Restored item\""
 "$agent" --config "$work/agent.json" restore --set "$set_uuid" --from "$from" --to "$to" \
   --item "$item" --relocation "Restored item" || step_failed "restore of an item" $?
+
+echo "== verify of set $set_uuid: every item read back and checked against its recorded SHA-256"
+"$agent" --config "$work/agent.json" verify --set "$set_uuid" || step_failed "verify" $?
+
+# A rehearsal restores a mailbox of the set into a scratch folder and exports every restored
+# item again; the line of each item that round-trips is left out here.
+echo "== restore rehearsal of $from into $to"
+"$agent" --config "$work/agent.json" verify --set "$set_uuid" --mailbox "$from" --rehearse-into "$to" |
+  grep -v '^  round-trips: ' || step_failed "the restore rehearsal" $?

@@ -28,8 +28,10 @@ std::string encoded(const std::string& text)
   return out;
 }
 
-// The folder path ("a/b") of the folder holding item `id`, searched depth first.
-bool find_item(const EWS_Folders& folders, const std::string& prefix, const std::string& id, std::string& path)
+// The folder path ("a/b") of the folder holding item `id`, and that folder, searched
+// depth first.
+const EWS_Folder* find_item(const EWS_Folders& folders, const std::string& prefix, const std::string& id,
+                            std::string& path)
 {
   for (const EWS_Folder& f : folders)
   {
@@ -38,12 +40,20 @@ bool find_item(const EWS_Folders& folders, const std::string& prefix, const std:
       if (item.id == id)
       {
         path = here;
-        return true;
+        return &f;
       }
-    if (find_item(f.subfolders, here, id, path))
-      return true;
+    if (const EWS_Folder* found = find_item(f.subfolders, here, id, path))
+      return found;
   }
-  return false;
+  return nullptr;
+}
+
+// The name an item has in the set: its display name, else its subject.
+std::string item_name(const EWS_Item& item)
+{
+  if (!item.display_name.empty())
+    return item.display_name;
+  return item.subject.empty() ? "(no subject)" : item.subject;
 }
 
 // Reads the set's record and the index of `mailbox` in it.
@@ -148,15 +158,29 @@ bool Restore_Command::path_entry(const EWS_Folders& tree, const std::string& pat
   return true;
 }
 
-bool Restore_Command::item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error)
+bool Restore_Command::item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error,
+                                 Selection_Size* selected)
 {
   std::string folder;
-  if (!find_item(tree, "", id, folder))
+  const EWS_Folder* holder = find_item(tree, "", id, folder);
+  if (holder == nullptr)
   {
     error = "the set has no item " + id;
     return false;
   }
   entry = encoded(folder) + "/" + encoded(id);
+  if (selected != nullptr)
+  {
+    // Items of one name in one folder share their path in the set and are
+    // restored together.
+    std::string name;
+    for (const EWS_Item& item : holder->items)
+      if (item.id == id)
+        name = item_name(item);
+    for (const EWS_Item& item : holder->items)
+      if (item_name(item) == name)
+        ++selected->items;
+  }
   return true;
 }
 
@@ -196,13 +220,12 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
   for (const std::string& id : request.items)
   {
     std::string entry;
-    if (!item_entry(tree, id, entry, error))
+    if (!item_entry(tree, id, entry, error, &selected))
     {
       err << "error: " << error << "\n";
       return 1;
     }
     storages.push_back(entry);
-    ++selected.items;
   }
   const auto started = std::chrono::steady_clock::now();
   Outcome outcome;

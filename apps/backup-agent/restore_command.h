@@ -54,7 +54,9 @@ public:
   };
   static bool path_entry(const EWS_Folders& tree, const std::string& path, std::string& entry, std::string& error,
                          Selection_Size* selected = nullptr);
-  static bool item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error);
+  // An item's entry stands for every item of its folder that has its name.
+  static bool item_entry(const EWS_Folders& tree, const std::string& id, std::string& entry, std::string& error,
+                         Selection_Size* selected = nullptr);
 
   // What a restore job did: items and bytes restored, the job's account of the
   // items it could not restore (empty when none failed), and its log file,
