@@ -32,6 +32,8 @@ public:
   void set_credentials(const EWS_Credentials& credentials) override { credentials_ = credentials; }
   void set_cancel_check(const EWS_Cancel_Check& check) override { cancel_check_ = check; }
   bool is_unknown_mailbox(const Host_Status& status) const override;
+  bool is_folder_exists(const Host_Status& status) const override;
+  bool outcome_unknown() const override { return outcome_unknown_; }
 
   Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, const EWS_Page_Cursor& at, int max,
                            EWS_Folder_Page& page) override;
@@ -63,6 +65,7 @@ private:
   EWS_Mailbox mailbox_;
   EWS_Credentials credentials_;
   EWS_Cancel_Check cancel_check_;
+  bool outcome_unknown_ = false;
 };
 
 #endif

@@ -295,6 +295,7 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
       // libcurl wanted to send the request again because the connection died
       // after it went out: it may have been acted on.
       transport_error_ = HTTP_TRANSPORT_DROPPED;
+      error_ = "connection closed after the request was sent, without an answer";
       request_sent_ = true;
     }
     return false;
