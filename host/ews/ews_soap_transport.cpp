@@ -194,7 +194,8 @@ void EWS_Soap_Transport::prepare(HTTP_Request& http, const pugi::xml_document& d
 }
 
 Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
-                                     pugi::xml_document& answer, pugi::xml_node& messages, long long bytes)
+                                     pugi::xml_document& answer, pugi::xml_node& messages, long long bytes,
+                                     bool repeatable)
 {
   outcome_unknown_ = false;
   if (!session_)
@@ -202,9 +203,9 @@ Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const ch
   HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
   prepare(http, request);
   http.transfer_timeout(timeout_for(bytes));
-  // Every operation may be repeated by the client, which decides after a
-  // failure whose outcome is open; libcurl must not repeat one on its own.
-  http.repeatable(false);
+  // A creating request is repeated only by the client, which decides after a
+  // failure whose outcome is open; libcurl must not repeat it on its own.
+  http.repeatable(repeatable);
   HTTP_Response response;
   const bool sent = session_->perform(http, response);
   http.headers().clear();
@@ -381,7 +382,7 @@ Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_
 
   pugi::xml_document answer;
   pugi::xml_node messages;
-  Host_Status status = call(doc, "CreateFolder", answer, messages);
+  Host_Status status = call(doc, "CreateFolder", answer, messages, 0, false);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
@@ -419,7 +420,7 @@ Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const
   }
   pugi::xml_document answer;
   pugi::xml_node messages;
-  Host_Status status = call(doc, "UploadItems", answer, messages, bytes);
+  Host_Status status = call(doc, "UploadItems", answer, messages, bytes, false);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);

@@ -54,9 +54,11 @@ private:
   void prepare(HTTP_Request& http, const pugi::xml_document& doc) const;
   // Posts the envelope and reads the answer's response messages element
   // ("m:<operation>Response/m:ResponseMessages") into `messages`. `bytes` of
-  // item data in the request lengthen its time limit.
+  // item data in the request lengthen its time limit. A request that is not
+  // `repeatable` (it creates something) is never sent twice by the HTTP layer
+  // on its own.
   Host_Status call(const pugi::xml_document& request, const char* operation, pugi::xml_document& answer,
-                   pugi::xml_node& messages, long long bytes = 0);
+                   pugi::xml_node& messages, long long bytes = 0, bool repeatable = true);
   Host_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer, bool parsed) const;
 
   HTTP_Session_Ptr session_;
