@@ -46,6 +46,9 @@ typedef std::function<bool(const std::string& parent_id, size_t count, std::vect
 // logged at warning level with the operation and mailbox. A permanent error
 // fails at once. One bad item never fails its batch: it becomes a failed item
 // (its own status), and only items refused for passing reasons are sent again.
+// CreateFolder and UploadItems, which are not idempotent, are not repeated
+// blindly after a failure that may have been applied (the connection broke
+// after the request went out): see create_folder and upload_items.
 //
 // Mailboxes are impersonated by user principal name; a name the service does
 // not know as a UPN is tried once as an SMTP address, and the form that worked
