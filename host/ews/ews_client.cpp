@@ -460,7 +460,50 @@ bool EWS_Client::create_folder(const std::string& parent_id, EWS_Folder_Creation
   EWS_Folder_Ref parent;
   parent.id = parent_id;
   parent.distinguished = fallback;
-  return run("CreateFolder", [&] { return transport_->create_folder(parent, request); });
+  // Set once an attempt may have created the folder without saying so.
+  bool maybe_created = false;
+  return run("CreateFolder",
+             [&]
+             {
+               const Host_Status status = transport_->create_folder(parent, request);
+               if (status.ok())
+                 return status;
+               if (maybe_created && transport_->is_folder_exists(status))
+                 return find_created_folder(parent, request, status);
+               if (transport_->outcome_unknown())
+                 maybe_created = true;
+               return status;
+             });
+}
+
+Host_Status EWS_Client::find_created_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request,
+                                            const Host_Status& exists)
+{
+  EWS_Page_Cursor at;
+  const int size = std::min(EWS_Params::paging_size(), limits().max_page_size);
+  for (;;)
+  {
+    EWS_Folder_Page page;
+    const Host_Status listed = transport_->find_folders(parent, false, at, size, page);
+    if (!listed.ok())
+      return listed;
+    for (const EWS_Folder& f : page.folders)
+      if (f.display_name == request.display_name)
+      {
+        request.id = f.id;
+        request.change_key = f.change_key;
+        LOG_MSG(LM_WARNING,
+                "EWS CreateFolder for mailbox '%s': folder '%s' exists after an attempt whose answer was lost; "
+                "taking it as the one that attempt created\n",
+                mailbox_.name.c_str(), request.display_name.c_str());
+        return Host_Status();
+      }
+    if (page.last || (page.folders.empty() && page.next == at))
+      break;
+    at = page.next;
+  }
+  // Exists, yet not listed below the parent: nothing this call can use.
+  return exists;
 }
 
 bool EWS_Client::upload_batch(const std::string& parent_id, const std::vector<ustring>& items, size_t begin, size_t end,
@@ -482,7 +525,7 @@ bool EWS_Client::upload_batch(const std::string& parent_id, const std::vector<us
                         std::vector<EWS_Upload_Result> results;
                         const Host_Status call = transport_->upload_items(parent_id, pending, results);
                         if (!call.ok())
-                          return call;
+                          return transport_->outcome_unknown() ? settle_upload(parent_id, where, statuses, call) : call;
                         std::vector<const Host_Status*> open;
                         for (size_t k = 0; k < where.size(); ++k)
                         {
@@ -499,6 +542,44 @@ bool EWS_Client::upload_batch(const std::string& parent_id, const std::vector<us
     if (statuses[i].retryable())
       statuses[i] = last_status_;
   return false;
+}
+
+Host_Status EWS_Client::settle_upload(const std::string& parent_id, const std::vector<size_t>& where,
+                                      std::vector<Host_Status>& statuses, const Host_Status& call)
+{
+  std::vector<std::string> landed;
+  if (upload_reconciler_ && upload_reconciler_(parent_id, where.size(), landed))
+  {
+    if (landed.empty())
+    {
+      LOG_MSG(LM_WARNING,
+              "EWS UploadItems for mailbox '%s': the answer was lost (%s) and none of its %Q items is in the "
+              "folder; sending them again\n",
+              mailbox_.name.c_str(), call.text().c_str(), static_cast<ACE_UINT64>(where.size()));
+      return call;
+    }
+    if (landed.size() == where.size())
+    {
+      LOG_MSG(LM_WARNING,
+              "EWS UploadItems for mailbox '%s': the answer was lost (%s) but its %Q items are in the folder; "
+              "not sending them again\n",
+              mailbox_.name.c_str(), call.text().c_str(), static_cast<ACE_UINT64>(where.size()));
+      for (size_t k = 0; k < where.size(); ++k)
+      {
+        statuses[where[k]] = Host_Status();
+        uploaded_ids_[where[k]] = landed[k];
+      }
+      return Host_Status();
+    }
+  }
+  // Sending them again could make second copies: they fail, each named by the
+  // caller's log, and the batch goes on.
+  const Host_Status unknown = Host_Status::make(
+    HOST_STATUS_PERMANENT, "outcome unknown",
+    "the answer to the upload was lost (" + call.text() + ") and whether the item was created could not be told");
+  for (size_t k : where)
+    statuses[k] = unknown;
+  return Host_Status();
 }
 
 bool EWS_Client::upload_items(const std::string& parent_id, const std::vector<ustring>& items)

@@ -22,6 +22,17 @@
 class ACE_Log_Msg_Callback;
 class Retry_Policy;
 
+// Settles an upload whose outcome is open: an UploadItems request of `count`
+// items into folder `parent_id` went out whole and its answer was lost, so the
+// items may or may not have been created. Called by EWS_Client::upload_items on
+// its own thread, between the failed request and any further one. Returns true
+// with `landed` empty when none of them is in the folder (they are sent again),
+// or holding exactly `count` ids when all of them are (they count as uploaded,
+// with those ids, in the listing's order); false when that cannot be told (they
+// fail and are not sent again).
+typedef std::function<bool(const std::string& parent_id, size_t count, std::vector<std::string>& landed)>
+  EWS_Upload_Reconciler;
+
 // A client of one mailbox service account, acting for one mailbox at a time.
 //
 // Every operation goes through a transport (EWS_Transport, made by
@@ -35,6 +46,9 @@ class Retry_Policy;
 // logged at warning level with the operation and mailbox. A permanent error
 // fails at once. One bad item never fails its batch: it becomes a failed item
 // (its own status), and only items refused for passing reasons are sent again.
+// CreateFolder and UploadItems, which are not idempotent, are not repeated
+// blindly after a failure that may have been applied (the connection broke
+// after the request went out): see create_folder and upload_items.
 //
 // Mailboxes are impersonated by user principal name; a name the service does
 // not know as a UPN is tried once as an SMTP address, and the form that worked
@@ -106,13 +120,27 @@ public:
   // Creates folder `request.display_name` below `parent_id`, or below the
   // distinguished folder `fallback` when `parent_id` is empty; on success
   // `request.id` and `request.change_key` hold the new folder's.
+  //
+  // A folder of that name that already exists fails the call, unless an
+  // earlier attempt of this same call may have been applied (its connection
+  // broke after the request went out): then that attempt most likely made it,
+  // and the call looks it up below the parent by name (one shallow listing) and
+  // answers with its id.
   bool create_folder(const std::string& parent_id, EWS_Folder_Creation_Request& request,
                      ewstype__DistinguishedFolderIdNameType fallback);
 
   // Uploads each element (exported item data) as a new item of folder
   // `parent_id`, in batches sized by count and bytes; true when all were
-  // accepted.
+  // accepted. Refused items are logged by their position in `items`.
+  //
+  // A request whose outcome is open (sent whole, answer lost) is never sent
+  // again blindly: the reconciler, when one is set, tells whether its items
+  // landed; without one, or when it cannot tell, those items fail ("outcome
+  // unknown") rather than risk a second copy.
   bool upload_items(const std::string& parent_id, const std::vector<ustring>& items);
+  // Consulted by upload_items after a request whose outcome is open; empty
+  // removes it. It may call this client's listing operations.
+  void set_upload_reconciler(const EWS_Upload_Reconciler& reconciler) { upload_reconciler_ = reconciler; }
   // The ids of the items created by the last upload_items call (empty entries
   // for refused ones).
   const std::vector<std::string>& uploaded_ids() const { return uploaded_ids_; }
@@ -136,6 +164,13 @@ private:
   bool export_batch(EWS_Export_Requests& requests, size_t begin, size_t end);
   bool upload_batch(const std::string& parent_id, const std::vector<ustring>& items, size_t begin, size_t end,
                     std::vector<Host_Status>& statuses);
+  // After an UploadItems request of the items at `where` whose outcome is open.
+  Host_Status settle_upload(const std::string& parent_id, const std::vector<size_t>& where,
+                            std::vector<Host_Status>& statuses, const Host_Status& call);
+  // After a retried CreateFolder was told the folder exists: finds it below
+  // `parent` by name.
+  Host_Status find_created_folder(const EWS_Folder_Ref& parent, EWS_Folder_Creation_Request& request,
+                                  const Host_Status& exists);
   EWS_Transport_Limits limits() const;
 
   std::unique_ptr<EWS_Transport> transport_;
@@ -148,6 +183,7 @@ private:
   std::string last_error_;
   Host_Status last_status_;
   std::vector<std::string> uploaded_ids_;
+  EWS_Upload_Reconciler upload_reconciler_;
   unsigned retries_ = 0;
 
   mutable std::mutex cancel_lock_;

@@ -110,6 +110,11 @@ bool EWS_Soap_Transport::is_unknown_mailbox(const Host_Status& status) const
   return status.code == "ErrorNonExistentMailbox";
 }
 
+bool EWS_Soap_Transport::is_folder_exists(const Host_Status& status) const
+{
+  return status.code == "ErrorFolderExists";
+}
+
 pugi::xml_node EWS_Soap_Transport::start_envelope(pugi::xml_document& doc, const char* operation) const
 {
   pugi::xml_node decl = doc.append_child(pugi::node_declaration);
@@ -189,28 +194,43 @@ void EWS_Soap_Transport::prepare(HTTP_Request& http, const pugi::xml_document& d
 }
 
 Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const char* operation,
-                                     pugi::xml_document& answer, pugi::xml_node& messages, long long bytes)
+                                     pugi::xml_document& answer, pugi::xml_node& messages, long long bytes,
+                                     bool repeatable)
 {
+  outcome_unknown_ = false;
   if (!session_)
     return Host_Status::make(HOST_STATUS_PERMANENT, "connection", "no HTTP session to the EWS endpoint");
   HTTP_Request http(HTTP_METHOD_POST, path_.c_str(), true);
   prepare(http, request);
   http.transfer_timeout(timeout_for(bytes));
+  // A creating request is repeated only by the client, which decides after a
+  // failure whose outcome is open; libcurl must not repeat it on its own.
+  http.repeatable(repeatable);
   HTTP_Response response;
   const bool sent = session_->perform(http, response);
   http.headers().clear();
   if (!sent)
+  {
+    outcome_unknown_ = http_transport_outcome(*session_) == HTTP_OUTCOME_UNKNOWN;
     return http_transport_status(*session_);
+  }
 
   const bool parsed = answer.load_buffer(response.body().data(), response.body().size());
   if (response.status() != 200)
+  {
+    outcome_unknown_ = http_answer_outcome(response) == HTTP_OUTCOME_UNKNOWN;
     return read_http_failure(response, answer, parsed);
+  }
   const pugi::xml_node body = child(answer.document_element(), ews_xml::soap_ns, "Body");
   const pugi::xml_node op_response = child(body, (std::string(operation) + "Response").c_str());
   messages = child(op_response, "ResponseMessages");
   if (!parsed || !messages)
-    // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying.
+  {
+    // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying,
+    // but the service answered 200: it acted on the request.
+    outcome_unknown_ = true;
     return malformed(std::string("incomplete or unreadable ") + operation + " answer");
+  }
   return Host_Status();
 }
 
@@ -362,12 +382,15 @@ Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_
 
   pugi::xml_document answer;
   pugi::xml_node messages;
-  Host_Status status = call(doc, "CreateFolder", answer, messages);
+  Host_Status status = call(doc, "CreateFolder", answer, messages, 0, false);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
+  {
+    outcome_unknown_ = true;
     return malformed("CreateFolder answer without a message");
+  }
   status = ews_read_message(list[0]).status();
   if (!status.ok())
     return status;
@@ -397,12 +420,15 @@ Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const
   }
   pugi::xml_document answer;
   pugi::xml_node messages;
-  Host_Status status = call(doc, "UploadItems", answer, messages, bytes);
+  Host_Status status = call(doc, "UploadItems", answer, messages, bytes, false);
   if (!status.ok())
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.size() != items.size())
+  {
+    outcome_unknown_ = true;
     return malformed("UploadItems answer count differs");
+  }
   results.assign(items.size(), EWS_Upload_Result());
   for (size_t i = 0; i < list.size(); ++i)
   {

@@ -32,6 +32,8 @@ public:
   void set_credentials(const EWS_Credentials& credentials) override { credentials_ = credentials; }
   void set_cancel_check(const EWS_Cancel_Check& check) override { cancel_check_ = check; }
   bool is_unknown_mailbox(const Host_Status& status) const override;
+  bool is_folder_exists(const Host_Status& status) const override;
+  bool outcome_unknown() const override { return outcome_unknown_; }
 
   Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, const EWS_Page_Cursor& at, int max,
                            EWS_Folder_Page& page) override;
@@ -52,9 +54,11 @@ private:
   void prepare(HTTP_Request& http, const pugi::xml_document& doc) const;
   // Posts the envelope and reads the answer's response messages element
   // ("m:<operation>Response/m:ResponseMessages") into `messages`. `bytes` of
-  // item data in the request lengthen its time limit.
+  // item data in the request lengthen its time limit. A request that is not
+  // `repeatable` (it creates something) is never sent twice by the HTTP layer
+  // on its own.
   Host_Status call(const pugi::xml_document& request, const char* operation, pugi::xml_document& answer,
-                   pugi::xml_node& messages, long long bytes = 0);
+                   pugi::xml_node& messages, long long bytes = 0, bool repeatable = true);
   Host_Status read_http_failure(const HTTP_Response& response, const pugi::xml_document& answer, bool parsed) const;
 
   HTTP_Session_Ptr session_;
@@ -63,6 +67,7 @@ private:
   EWS_Mailbox mailbox_;
   EWS_Credentials credentials_;
   EWS_Cancel_Check cancel_check_;
+  bool outcome_unknown_ = false;
 };
 
 #endif

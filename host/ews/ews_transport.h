@@ -104,6 +104,18 @@ public:
   // True when `status` says the service knows no mailbox by the name given in
   // the form last set (another form of the same name may still find it).
   virtual bool is_unknown_mailbox(const Host_Status& status) const = 0;
+  // True when `status` says a folder of the requested name already exists below
+  // the parent given to create_folder.
+  virtual bool is_folder_exists(const Host_Status& status) const
+  {
+    (void)status;
+    return false;
+  }
+  // True when the last call failed after its request had gone out whole and
+  // before a whole answer came back: the service may have applied it (created
+  // the folder, added the items) although the call reports a failure. Such a
+  // call is not repeated blindly by the client.
+  virtual bool outcome_unknown() const { return false; }
 
   virtual Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, const EWS_Page_Cursor& at, int max,
                                    EWS_Folder_Page& page) = 0;

@@ -52,6 +52,13 @@ public:
   void transfer_timeout(long seconds) { transfer_timeout_ = seconds; }
   long transfer_timeout() const { return transfer_timeout_; }
 
+  // False for a request that must reach the server at most once per perform()
+  // (it creates something). libcurl sends a request again by itself when a
+  // reused connection dies before the first byte of the answer; such a request
+  // instead fails as dropped after being sent, and the caller decides.
+  void repeatable(bool yes) { repeatable_ = yes; }
+  bool repeatable() const { return repeatable_; }
+
 private:
   int method_;
   std::string path_;
@@ -60,6 +67,7 @@ private:
   Body_Source body_source_;
   int64_t body_source_size_ = -1;
   long transfer_timeout_ = -1;
+  bool repeatable_ = true;
 };
 
 // What came back: status, header fields (names as sent), body. With a body sink

@@ -22,6 +22,7 @@ struct Transfer
   const HTTP_Request* request = nullptr;
   HTTP_Response* response = nullptr;
   size_t upload_offset = 0;
+  bool resend_refused = false;
 };
 
 // A 2xx body goes to the response's sink when it has one; any other body is kept
@@ -55,6 +56,14 @@ size_t read_body(char* buffer, size_t size, size_t count, void* user)
   std::memcpy(buffer, body.data() + t.upload_offset, n);
   t.upload_offset += n;
   return n;
+}
+
+// Called by libcurl to rewind a body before sending it again on a fresh
+// connection; refused for a request that must not be repeated.
+int refuse_rewind(void* user, curl_off_t, int)
+{
+  static_cast<Transfer*>(user)->resend_refused = true;
+  return CURL_SEEKFUNC_FAIL;
 }
 
 // Adds the certificates of the configured CA file to the trust store libcurl has
@@ -184,6 +193,8 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
   response.reset();
   error_.clear();
   transport_error_ = HTTP_TRANSPORT_OK;
+  request_sent_ = false;
+  answer_started_ = false;
   if (curl_ == nullptr)
   {
     error_ = "HTTP client could not be initialised";
@@ -221,12 +232,18 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
     curl_easy_setopt(curl_, CURLOPT_HTTPGET, 1L);
   else if (method == HTTP_METHOD_HEAD)
     curl_easy_setopt(curl_, CURLOPT_NOBODY, 1L);
-  else if (method == HTTP_METHOD_PUT || request.body_source())
+  else if (method == HTTP_METHOD_PUT || request.body_source() || !request.repeatable())
   {
     // Sent through the read callback: from the source as it comes, or from body().
+    // libcurl rewinds such a body only through the seek callback.
     curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl_, CURLOPT_READFUNCTION, read_body);
     curl_easy_setopt(curl_, CURLOPT_READDATA, &transfer);
+    if (!request.repeatable())
+    {
+      curl_easy_setopt(curl_, CURLOPT_SEEKFUNCTION, refuse_rewind);
+      curl_easy_setopt(curl_, CURLOPT_SEEKDATA, &transfer);
+    }
     const int64_t size =
       request.body_source() ? request.body_source_size() : static_cast<int64_t>(request.body().size());
     if (size >= 0)
@@ -262,6 +279,25 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
   if (code != CURLE_OK)
   {
     set_error(code);
+    // How far the exchange got: a request whose body did not go out whole cannot
+    // have been acted on; one that did, or whose answer had begun, may have been.
+    long header_bytes = 0, answered = 0;
+    curl_off_t body_bytes = 0;
+    curl_easy_getinfo(curl_, CURLINFO_REQUEST_SIZE, &header_bytes);
+    curl_easy_getinfo(curl_, CURLINFO_SIZE_UPLOAD_T, &body_bytes);
+    curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &answered);
+    const int64_t body_size =
+      request.body_source() ? request.body_source_size() : static_cast<int64_t>(request.body().size());
+    answer_started_ = answered != 0;
+    request_sent_ = answer_started_ || (header_bytes > 0 && (body_size < 0 || body_bytes >= body_size));
+    if (transfer.resend_refused)
+    {
+      // libcurl wanted to send the request again because the connection died
+      // after it went out: it may have been acted on.
+      transport_error_ = HTTP_TRANSPORT_DROPPED;
+      error_ = "connection closed after the request was sent, without an answer";
+      request_sent_ = true;
+    }
     return false;
   }
   long status = 0;

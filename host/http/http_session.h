@@ -57,6 +57,11 @@ public:
 
   const std::string& error() const { return error_; }
   Http_Transport_Error transport_error() const { return transport_error_; }
+  // For the last perform() that failed: whether the whole request (headers and
+  // every body byte) was handed to the connection, and whether the answer had
+  // begun (a status line arrived). http_transport_outcome() reads these.
+  bool request_sent() const { return request_sent_; }
+  bool answer_started() const { return answer_started_; }
   // "http[s]://host:port", the base every request path is appended to.
   const std::string& base_url() const { return base_url_; }
   // Connections opened so far (1 while the server keeps the connection alive).
@@ -71,6 +76,8 @@ private:
   CURL* curl_ = nullptr;
   std::string error_;
   Http_Transport_Error transport_error_ = HTTP_TRANSPORT_OK;
+  bool request_sent_ = false;
+  bool answer_started_ = false;
   long connections_opened_ = 0;
 };
 

@@ -52,3 +52,50 @@ Host_Status http_answer_status(const HTTP_Response& response, const std::string&
     return Host_Status::make(HOST_STATUS_UNAUTHORIZED, code, detail);
   return Host_Status::make(HOST_STATUS_PERMANENT, code, detail);
 }
+
+Http_Outcome http_transport_outcome(const HTTP_Session& session)
+{
+  switch (session.transport_error())
+  {
+  case HTTP_TRANSPORT_OK:
+    return HTTP_OUTCOME_ANSWERED;
+  case HTTP_TRANSPORT_CONNECT:
+  case HTTP_TRANSPORT_TLS:
+    // No connection, or no secure one: not a byte of the request reached the server.
+    return HTTP_OUTCOME_NOT_APPLIED;
+  default:
+    // A server acts on a request only once it has the whole of it; after that, a
+    // reset, a close, a time-out or a cut answer leave the outcome open.
+    return session.request_sent() || session.answer_started() ? HTTP_OUTCOME_UNKNOWN : HTTP_OUTCOME_NOT_APPLIED;
+  }
+}
+
+Http_Outcome http_answer_outcome(const HTTP_Response& response)
+{
+  switch (response.status())
+  {
+  case 429:
+  case 503:
+    // Throttling and unavailability are answered before the request is acted on.
+    return HTTP_OUTCOME_NOT_APPLIED;
+  case 502:
+  case 504:
+    // A gateway lost or gave up waiting for the answer of the server behind it.
+    return HTTP_OUTCOME_UNKNOWN;
+  default:
+    return HTTP_OUTCOME_ANSWERED;
+  }
+}
+
+const char* http_outcome_name(Http_Outcome outcome)
+{
+  switch (outcome)
+  {
+  case HTTP_OUTCOME_ANSWERED:
+    return "answered";
+  case HTTP_OUTCOME_NOT_APPLIED:
+    return "not applied";
+  default:
+    return "unknown";
+  }
+}

@@ -106,12 +106,22 @@ void MTF_Restore::make_batches(std::vector<const MTF_Set_Catalog::Entry*>& files
   std::sort(files.begin(), files.end(),
             [](const MTF_Set_Catalog::Entry* a, const MTF_Set_Catalog::Entry* b)
             { return a->data != b->data ? a->data < b->data : a->offset < b->offset; });
+  // At least four batches per worker where the files allow, so that a set whose
+  // files sit in few data files (one mailbox is one stream) is still restored by
+  // every worker; a batch starts with a ranged read at its first file.
+  const uint64_t workers = concurrent_ != 0 ? concurrent_ : (channel_num_ != 0 ? channel_num_ : 1);
+  uint64_t all_bytes = 0;
+  for (const MTF_Set_Catalog::Entry* e : files)
+    all_bytes += e->length;
+  const size_t max_files =
+    static_cast<size_t>(std::max<uint64_t>(1, std::min<uint64_t>(BATCH_FILES, files.size() / (workers * 4))));
+  const uint64_t max_bytes = std::max<uint64_t>(1 << 20, std::min<uint64_t>(BATCH_BYTES, all_bytes / (workers * 4)));
   Batch batch;
   uint64_t bytes = 0;
   for (const MTF_Set_Catalog::Entry* e : files)
   {
     if (!batch.files.empty() &&
-        (batch.files.back()->data != e->data || bytes >= BATCH_BYTES || batch.files.size() >= BATCH_FILES))
+        (batch.files.back()->data != e->data || bytes >= max_bytes || batch.files.size() >= max_files))
     {
       batches_.push_back(batch);
       batch.files.clear();

@@ -1,4 +1,5 @@
 #include "host/http/http_session_factory.h"
+#include "host/http/http_status.h"
 #include "host/http/json_restful_client.h"
 #include "support/loopback_server.h"
 #include "support/scripted_server.h"
@@ -6,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <nlohmann/json.hpp>
 
 namespace
@@ -260,4 +263,103 @@ TEST(JsonRestfulClient, RetriesThrottledAnswersAfterTheirWaitOnly)
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(client.status().kind, HOST_STATUS_THROTTLED);
   EXPECT_EQ(client.status().retry_after_ms, 0);
+}
+
+// What a failed request may have done on the server: nothing when it never got
+// there, unknown once it went out whole and the answer did not come back whole.
+TEST(HttpSession, TellsARequestThatCannotHaveArrivedFromOneThatMayHaveBeenApplied)
+{
+  int port = 0;
+  {
+    Loopback_Server gone;
+    gone.start();
+    port = gone.port();
+  }
+  HTTP_Session_Ptr refused = HTTP_Session_Factory::create("127.0.0.1", port, false, 5, 5);
+  HTTP_Request post(HTTP_METHOD_POST, "/make");
+  post.body() = "item";
+  HTTP_Response response;
+  EXPECT_FALSE(refused->perform(post, response));
+  EXPECT_FALSE(refused->request_sent());
+  EXPECT_EQ(http_transport_outcome(*refused), HTTP_OUTCOME_NOT_APPLIED);
+
+  // The server reads the whole request, then closes without a byte of answer:
+  // on a fresh connection and, for a request that must not be repeated, on a
+  // kept-alive one, where libcurl would otherwise send it again by itself.
+  std::atomic<int> made{0};
+  std::atomic<int> drop_at{1};
+  Scripted_Server server(
+    [&](const Scripted_Request& r)
+    {
+      Scripted_Reply reply;
+      const int n = ++made;
+      reply.drop = n == drop_at;
+      reply.body = r.body;
+      return reply;
+    });
+  HTTP_Session_Ptr live = HTTP_Session_Factory::create("127.0.0.1", server.port(), false, 5, 5);
+  post.repeatable(false);
+  EXPECT_FALSE(live->perform(post, response));
+  EXPECT_TRUE(live->request_sent());
+  EXPECT_FALSE(live->answer_started());
+  EXPECT_EQ(http_transport_outcome(*live), HTTP_OUTCOME_UNKNOWN);
+  EXPECT_EQ(made, 1);
+
+  drop_at = 3;  // the second request on the next connection
+  ASSERT_TRUE(live->perform(post, response)) << live->error();
+  EXPECT_EQ(response.body(), "item");
+  EXPECT_FALSE(live->perform(post, response));
+  EXPECT_EQ(http_transport_outcome(*live), HTTP_OUTCOME_UNKNOWN);
+  EXPECT_EQ(made, 3);  // once each, never resent by libcurl
+  ASSERT_TRUE(live->perform(post, response)) << live->error();
+  EXPECT_EQ(made, 4);
+
+  // A repeatable request in the same place is sent again by libcurl on a fresh
+  // connection, and answered: the server saw it twice.
+  drop_at = 5;
+  post.repeatable(true);
+  ASSERT_TRUE(live->perform(post, response)) << live->error();
+  EXPECT_EQ(made, 6);
+}
+
+TEST(HttpSession, ACutAnswerOrATimeOutLeavesTheOutcomeOpen)
+{
+  Loopback_Server s;
+  s.server().Post("/cut",
+                  [](const httplib::Request&, httplib::Response& res)
+                  {
+                    res.set_content_provider(1000, "text/plain",
+                                             [](size_t offset, size_t, httplib::DataSink& sink)
+                                             {
+                                               if (offset >= 100)
+                                                 return false;
+                                               const std::string half(100, 'x');
+                                               return sink.write(half.data(), half.size());
+                                             });
+                  });
+  std::atomic<bool> release{false};
+  s.server().Post("/slow",
+                  [&](const httplib::Request&, httplib::Response& res)
+                  {
+                    for (int i = 0; i < 300 && !release; ++i)
+                      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                    res.set_content("late", "text/plain");
+                  });
+  s.start();
+  HTTP_Session_Ptr session = HTTP_Session_Factory::create("127.0.0.1", s.port(), false, 5, 1);
+  HTTP_Request cut(HTTP_METHOD_POST, "/cut");
+  cut.body() = "item";
+  cut.repeatable(false);
+  HTTP_Response response;
+  EXPECT_FALSE(session->perform(cut, response));
+  EXPECT_EQ(session->transport_error(), HTTP_TRANSPORT_DROPPED);
+  EXPECT_TRUE(session->answer_started());
+  EXPECT_EQ(http_transport_outcome(*session), HTTP_OUTCOME_UNKNOWN);
+
+  HTTP_Request slow(HTTP_METHOD_POST, "/slow");
+  slow.body() = "item";
+  EXPECT_FALSE(session->perform(slow, response));
+  release = true;
+  EXPECT_EQ(session->transport_error(), HTTP_TRANSPORT_TIMEOUT);
+  EXPECT_EQ(http_transport_outcome(*session), HTTP_OUTCOME_UNKNOWN);
 }

@@ -57,6 +57,28 @@ TEST(HttpStatus, RetryAfterAndClassification)
   }
 }
 
+TEST(HttpStatus, AnAnswerSaysWhetherTheRequestWasApplied)
+{
+  HTTP_Response response;
+  for (long status : {429L, 503L})
+  {
+    response.status(status);
+    EXPECT_EQ(http_answer_outcome(response), HTTP_OUTCOME_NOT_APPLIED) << status;
+  }
+  for (long status : {502L, 504L})
+  {
+    response.status(status);
+    EXPECT_EQ(http_answer_outcome(response), HTTP_OUTCOME_UNKNOWN) << status;
+  }
+  for (long status : {200L, 400L, 401L, 404L, 500L})
+  {
+    response.status(status);
+    EXPECT_EQ(http_answer_outcome(response), HTTP_OUTCOME_ANSWERED) << status;
+  }
+  EXPECT_STREQ(http_outcome_name(HTTP_OUTCOME_UNKNOWN), "unknown");
+  EXPECT_STREQ(http_outcome_name(HTTP_OUTCOME_NOT_APPLIED), "not applied");
+}
+
 TEST(RetryPolicy, RetriesByKindScopeAndBudget)
 {
   const Host_Status now = Host_Status::make(HOST_STATUS_THROTTLED, "HTTP 429", "", 0);

@@ -36,5 +36,18 @@ MTF::Error_Code EWS_File_Writer::write(const char* data, size_t size)
   // Complete: the buffer moves into the request without a copy.
   std::vector<ustring> items(1);
   items[0].swap(buffer_);
-  return ews_->upload_items(parent_id_, items) ? MTF::E_OK : MTF::E_FAILED;
+  // The upload is recorded with the folder's other uploads of this run, so that
+  // a request whose answer is lost is settled against the folder's contents
+  // instead of being sent again blindly.
+  boost::shared_ptr<EWS_Folder_Uploads> uploads;
+  if (!ctx_->folder_uploads(parent_id_, uploads) || !uploads->begin())
+    return MTF::E_FAILED;
+  EWS_Client* client = ews_.get();
+  EWS_Folder_Uploads* record = uploads.get();
+  ews_->set_upload_reconciler([client, record](const std::string&, size_t count, std::vector<std::string>& landed)
+                              { return record->reconcile(*client, count, landed); });
+  const bool uploaded = ews_->upload_items(parent_id_, items);
+  ews_->set_upload_reconciler(EWS_Upload_Reconciler());
+  record->end(ews_->uploaded_ids());
+  return uploaded ? MTF::E_OK : MTF::E_FAILED;
 }

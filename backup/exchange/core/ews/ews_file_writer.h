@@ -11,7 +11,9 @@
 // buffer of exactly the announced size) and uploads them as a new item into the
 // folder made for the item's directory, with one upload call, when the last
 // byte has come. Nothing touches disk; an item whose size is never reached is
-// not uploaded. One writer per file, driven by one worker thread.
+// not uploaded. One writer per file, driven by one worker thread. Uploads are
+// bracketed in the folder's EWS_Folder_Uploads record of the run, which settles
+// an upload whose answer was lost without sending the item a second time.
 class EWS_File_Writer : public MTF::File_Writer_Base
 {
 public:

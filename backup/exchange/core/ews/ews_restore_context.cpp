@@ -200,3 +200,24 @@ bool EWS_Restore_Context::get_folder_id(const std::string& path, std::string& id
   id = it->second;
   return true;
 }
+
+bool EWS_Restore_Context::folder_uploads(const std::string& id, boost::shared_ptr<EWS_Folder_Uploads>& out)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(lock_);
+  if (!guard.locked())
+    return false;
+  boost::shared_ptr<EWS_Folder_Uploads>& slot = uploads_[id];
+  if (!slot)
+  {
+    EWS_Folder_Uploads* uploads = new (std::nothrow) EWS_Folder_Uploads(id);
+    if (uploads == nullptr)
+    {
+      uploads_.erase(id);
+      errno = ENOMEM;
+      return false;
+    }
+    slot.reset(uploads);
+  }
+  out = slot;
+  return true;
+}

@@ -3,6 +3,7 @@
 
 #include "backup/exchange/core/ews/ews_backup_context.h"
 #include "backup/exchange/core/ews/ews_folder_creator.h"
+#include "backup/exchange/core/ews/ews_folder_uploads.h"
 #include "backup/exchange/core/ews/ews_folders_cache.h"
 #include "host/base/secure_allocator.h"
 #include "host/ews/ews_client.h"
@@ -26,8 +27,9 @@
 // The executor calls init, create_target_folder and load_src_index, in that
 // order, sets the path fields and builds the selection, all before the stream
 // starts; afterwards those fields are read-only. The stream's workers then call
-// mkdir_p, get_folder_id and create_ews_client concurrently; `lock_` guards
-// `created_dir_` only and is never held across an EWS call. Held by
+// mkdir_p, get_folder_id, folder_uploads and create_ews_client concurrently;
+// `lock_` guards `created_dir_` and `uploads_` only and is never held across an
+// EWS call. Held by
 // boost::shared_ptr (executor, factory, callbacks, writers).
 class EWS_Restore_Context
 {
@@ -62,6 +64,9 @@ public:
   bool mkdir_p(const char* path);
   // The folder recorded for a set directory.
   bool get_folder_id(const std::string& path, std::string& id);
+  // What this run has uploaded into folder `id` (one record per folder, made
+  // on first use), for settling uploads whose answer was lost.
+  bool folder_uploads(const std::string& id, boost::shared_ptr<EWS_Folder_Uploads>& out);
 
   // Paths of sets made by agents whose name contains "linux": "/" separated,
   // no drive prefix.
@@ -97,6 +102,7 @@ private:
   ACE_Thread_Mutex lock_;
   boost::shared_ptr<EWS_Folder_Creator> creator_;
   Path_Id_Map created_dir_;
+  std::map<std::string, boost::shared_ptr<EWS_Folder_Uploads>> uploads_;
   std::shared_ptr<Office365_Auth> auth_;
   std::shared_ptr<ACE_Log_Msg_Callback> log_cb_;
   EWS_Client_Maker client_maker_;
