@@ -10,8 +10,11 @@
 #include <ace/Log_Msg_Callback.h>
 
 #include <algorithm>
-#include <map>
+#include <atomic>
 #include <chrono>
+#include <map>
+#include <system_error>
+#include <thread>
 
 namespace
 {
@@ -421,6 +424,118 @@ bool EWS_Client::export_batch(EWS_Export_Requests& requests, size_t begin, size_
   return false;
 }
 
+size_t EWS_Client::ready_siblings(size_t wanted)
+{
+  while (siblings_.size() < wanted)
+  {
+    std::unique_ptr<EWS_Transport> transport = transport_->make_sibling();
+    if (!transport)
+      break;
+    std::unique_ptr<EWS_Client> sibling(new EWS_Client());
+    sibling->transport_ = std::move(transport);
+    sibling->auth_ = auth_;
+    // A sibling stops whenever this client is cancelled; it is never cancelled alone.
+    sibling->cancel_predicate_ = [this] { return cancelled(); };
+    siblings_.push_back(std::move(sibling));
+  }
+  return std::min(wanted, siblings_.size());
+}
+
+bool EWS_Client::export_concurrently(EWS_Export_Requests& requests,
+                                     const std::vector<std::pair<size_t, size_t>>& batches, size_t siblings)
+{
+  for (size_t i = 0; i < siblings; ++i)
+  {
+    EWS_Client& sibling = *siblings_[i];
+    sibling.log_callback_ = log_callback_;
+    sibling.forms_ = forms_;
+    sibling.mailbox_ = mailbox_;
+    sibling.transport_->set_mailbox(mailbox_);
+    sibling.retries_ = 0;
+  }
+  enum Outcome : char
+  {
+    NOT_TRIED = 0,
+    EXPORTED = 1,
+    FAILED = 2
+  };
+  std::vector<char> outcomes(batches.size(), NOT_TRIED);
+  std::vector<Host_Status> statuses(batches.size());
+  std::atomic<size_t> next{0};
+  // Each lane takes the next batch not yet taken; a batch writes only its own
+  // requests, so the lanes share nothing but the counter.
+  const auto lane = [&](EWS_Client& client)
+  {
+    for (;;)
+    {
+      if (client.cancelled())
+        return;
+      const size_t b = next++;
+      if (b >= batches.size())
+        return;
+      const bool ok = client.export_batch(requests, batches[b].first, batches[b].second);
+      statuses[b] = client.last_status_;
+      outcomes[b] = ok ? EXPORTED : FAILED;
+    }
+  };
+  // Workers log where the calling thread does (the job's log, a test's capture).
+  ACE_Log_Msg* log = ACE_LOG_MSG;
+  ACE_Log_Msg_Callback* inherited = (log->flags() & ACE_Log_Msg::MSG_CALLBACK) ? log->msg_callback() : nullptr;
+  std::vector<std::thread> workers;
+  for (size_t i = 0; i < siblings; ++i)
+  {
+    try
+    {
+      EWS_Client* sibling = siblings_[i].get();
+      workers.emplace_back(
+        [&lane, sibling, inherited]
+        {
+          Log_Callback_Scope scope(inherited);
+          lane(*sibling);
+        });
+    }
+    catch (const std::system_error& e)
+    {
+      // The lanes already running take the batches this one would have.
+      LOG_MSG(LM_WARNING, "EWS export runs on %d connections only: %s\n", static_cast<int>(i + 1), e.what());
+      break;
+    }
+  }
+  lane(*this);
+  for (std::thread& worker : workers)
+    worker.join();
+
+  for (size_t i = 0; i < siblings; ++i)
+  {
+    EWS_Client& sibling = *siblings_[i];
+    retries_ += sibling.retries_;
+    sibling.retries_ = 0;
+    const auto learned = sibling.forms_.find(mailbox_.name);
+    if (!mailbox_.name.empty() && learned != sibling.forms_.end())
+    {
+      forms_[mailbox_.name] = learned->second;
+      if (mailbox_.form != learned->second)
+      {
+        mailbox_.form = learned->second;
+        transport_->set_mailbox(mailbox_);
+      }
+    }
+  }
+  bool all = true;
+  for (size_t b = 0; b < batches.size(); ++b)
+  {
+    if (outcomes[b] == EXPORTED)
+      continue;
+    all = false;
+    if (outcomes[b] == FAILED)
+      last_status_ = statuses[b];
+    else
+      last_status_ = Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the client was cancelled");
+    last_error_ = last_status_.text();
+  }
+  return all;
+}
+
 bool EWS_Client::export_items(EWS_Export_Requests& requests)
 {
   std::vector<long long> sizes;
@@ -432,15 +547,21 @@ bool EWS_Client::export_items(EWS_Export_Requests& requests)
   }
   const EWS_Transport_Limits l = limits();
   const int most = std::min(EWS_Params::batch_size(), l.max_export_items);
+  const std::vector<std::pair<size_t, size_t>> batches = ews_batches(sizes, most, l.max_request_bytes);
+  const size_t wanted = std::min(static_cast<size_t>(EWS_Params::export_concurrency()), batches.size());
+  const size_t siblings = wanted > 1 && transport_ ? ready_siblings(wanted - 1) : 0;
   bool all = true;
-  for (const auto& batch : ews_batches(sizes, most, l.max_request_bytes))
-  {
-    // A failed batch does not stop the next ones; a cancelled client does.
-    if (!export_batch(requests, batch.first, batch.second))
-      all = false;
-    if (last_status_.kind == HOST_STATUS_CANCELLED && cancelled())
-      break;
-  }
+  if (siblings > 0)
+    all = export_concurrently(requests, batches, siblings);
+  else
+    for (const auto& batch : batches)
+    {
+      // A failed batch does not stop the next ones; a cancelled client does.
+      if (!export_batch(requests, batch.first, batch.second))
+        all = false;
+      if (last_status_.kind == HOST_STATUS_CANCELLED && cancelled())
+        break;
+    }
   for (EWS_Export_Request& r : requests)
   {
     if (r.status.retryable() || r.status.ok())
