@@ -28,7 +28,9 @@ EWS_Export_Task::EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ct
     timeout_(8),
     budget_(UINT64_MAX),
     cache_bytes_(0),
-    peak_cache_bytes_(0)
+    peak_cache_bytes_(0),
+    in_flight_bytes_(0),
+    peak_held_bytes_(0)
 {
 }
 
@@ -245,11 +247,18 @@ uint64_t EWS_Export_Task::peak_cache_bytes() const
   return peak_cache_bytes_;
 }
 
+uint64_t EWS_Export_Task::peak_held_bytes() const
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return peak_held_bytes_;
+}
+
 bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Requests& requests)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   if (!guard.locked())
     return false;
+  in_flight_bytes_ = 0;
   // Ended while this batch was being exported: nobody will read it.
   if (released_.count(mailbox) == 0)
   {
@@ -267,6 +276,7 @@ bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Request
         failed_items_.push_back(std::make_pair(mailbox, request.id));
     }
     peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
+    peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_);
   }
   if (cache_cond_->broadcast() == -1)
   {
@@ -276,12 +286,14 @@ bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Request
   return true;
 }
 
-bool EWS_Export_Task::wait_for_room()
+bool EWS_Export_Task::wait_for_room(const EWS_Export_Args& args, size_t begin, size_t& end)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
-  // A full queue means a lister is blocked before its folder's items can be
-  // read; waiting then would never end, so the budget yields to it.
-  while (cache_bytes_ > budget_ && !queue_.is_full())
+  // The first item waits until it fits beside the cache, or goes alone into an
+  // empty one. A full queue means a lister is blocked before its folder's items
+  // can be read; waiting then would never end, so the budget yields to it.
+  const auto fits = [&] { return cache_bytes_ == 0 || cache_bytes_ + args.size_of(begin) <= budget_; };
+  while (!fits() && !queue_.is_full())
   {
     if (stop_)
       return false;
@@ -291,7 +303,7 @@ bool EWS_Export_Task::wait_for_room()
     guard.acquire();
     if (leave)
       return false;
-    if (cache_bytes_ <= budget_ || queue_.is_full())
+    if (fits() || queue_.is_full())
       break;
     ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
     if (room_cond_->wait(&until) == -1 && errno != ETIME)
@@ -300,6 +312,17 @@ bool EWS_Export_Task::wait_for_room()
       return false;
     }
   }
+  if (stop_)
+    return false;
+  // The call takes what fits beside the cache (beside nothing when the budget
+  // yields to a full queue), always at least its first item.
+  const uint64_t beside = fits() ? cache_bytes_ : 0;
+  uint64_t bytes = args.size_of(begin);
+  end = begin + 1;
+  while (end < args.item_ids.size() && beside + bytes + args.size_of(end) <= budget_)
+    bytes += args.size_of(end++);
+  in_flight_bytes_ = bytes;
+  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_ + in_flight_bytes_);
   return true;
 }
 
@@ -307,7 +330,8 @@ void EWS_Export_Task::svc()
 {
   LOG_MSG(LM_DEBUG, "Exchange EWS items export task is starting.\n");
   EWS_Client_Ptr ews;
-  for (;;)
+  bool leave = false;
+  while (!leave)
   {
     if (stop_)
       break;
@@ -335,24 +359,39 @@ void EWS_Export_Task::svc()
     }
     if (!args || args->mailbox.empty())
       break;
-    if (is_released(args->mailbox))
-      continue;
-    if (!wait_for_room())
-      break;
-    // The mailbox may have ended while this batch waited for room.
-    if (is_released(args->mailbox))
-      continue;
 
-    EWS_Export_Requests requests(args->item_ids.size());
-    for (size_t i = 0; i < args->item_ids.size(); ++i)
-      requests[i].id = std::move(args->item_ids[i]);
-    ews->impersonate(args->mailbox);
-    if (!ews->export_items(requests))
-      LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", args->mailbox.c_str());
-    if (!cache_items(args->mailbox, requests))
+    // One queued batch, cut into calls that fit the budget.
+    for (size_t begin = 0, end = 0; begin < args->item_ids.size(); begin = end)
     {
-      LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", args->mailbox.c_str());
-      break;
+      if (is_released(args->mailbox))
+        break;
+      if (!wait_for_room(*args, begin, end))
+      {
+        leave = true;
+        break;
+      }
+      // The mailbox may have ended while this call waited for room.
+      if (is_released(args->mailbox))
+      {
+        ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+        in_flight_bytes_ = 0;
+        break;
+      }
+      EWS_Export_Requests requests(end - begin);
+      for (size_t i = begin; i < end; ++i)
+      {
+        requests[i - begin].id = std::move(args->item_ids[i]);
+        requests[i - begin].size = static_cast<long long>(args->size_of(i));
+      }
+      ews->impersonate(args->mailbox);
+      if (!ews->export_items(requests))
+        LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", args->mailbox.c_str());
+      if (!cache_items(args->mailbox, requests))
+      {
+        LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", args->mailbox.c_str());
+        leave = true;
+        break;
+      }
     }
   }
   LOG_MSG(LM_DEBUG, "Exchange EWS items export task ended.\n");

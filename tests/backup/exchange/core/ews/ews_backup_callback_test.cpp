@@ -226,6 +226,57 @@ TEST(EwsBackupCallback, ItemSizesRoundUpToBlocks)
   }
 }
 
+TEST(EwsBackupCallback, ListedSizesKeepExportsWithinTheBudget)
+{
+  // Twelve items of one folder in one queued batch (3 per call, 4 calls at
+  // once), 40 to 400 bytes each, under a budget of 250: without the listed
+  // sizes the whole batch would be exported at once.
+  Params_Guard params;
+  EWS_Params::set_export_concurrency(4);
+  Fake_Mailboxes boxes;
+  boxes.mailboxes["a@x"] = {Fake_Mailboxes::folder("f", "F", 12)};
+  size_t largest = 0;
+  for (int i = 0; i < 12; ++i)
+  {
+    const size_t size = i == 6 ? 400 : 40 + 15 * static_cast<size_t>(i);
+    boxes.sizes["f-item-" + std::to_string(i)] = size;
+    largest = std::max(largest, size);
+  }
+  Callback_Run run(boxes, 1, 1);
+  const uint64_t budget = 250;
+  run.ctx().export_cache_budget(budget);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Export_Task& task = *run.ctx().task();
+  uint64_t most_held = 0;  // written by the export thread before it caches a call's items
+  int calls = 0;
+  boxes.on_export = [&](size_t bytes)
+  {
+    most_held = std::max<uint64_t>(most_held, task.cache_bytes() + bytes);
+    ++calls;
+  };
+  EWS_Backup_Callback callback = run.make_callback();
+  const std::string root = mailbox_to_path("a@x");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"a@x", root}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "F").c_str(), out));
+  ASSERT_EQ(out.size(), 12u);
+  int read = 0;
+  for (const MTF::Directory_Entry& e : out)
+  {
+    EWS_File_Reader reader(run.ctx());
+    read += reader.open((root + "F/" + e.name).c_str()) == MTF::E_OK;
+  }
+  EXPECT_EQ(read, 12);
+  // Every call was made before the last item could be read.
+  EXPECT_LE(most_held, budget + largest);
+  EXPECT_LE(task.peak_held_bytes(), budget + largest);
+  EXPECT_GE(most_held, largest);  // the 400-byte item went, alone
+  EXPECT_GT(calls, 4);            // 12 items in 3-item batches would be 4 calls uncut
+  EXPECT_EQ(task.cache_bytes(), 0u);
+}
+
 TEST(EwsBackupCallback, MailboxEndedHalfWayDoesNotStallTheRunUnderATinyBudget)
 {
   Params_Guard params;
@@ -347,6 +398,7 @@ TEST(EwsBackupCallback, FolderLargerThanTheQueueDoesNotStallUnderATinyBudget)
   // One id per batch: the folder's batches outnumber what the queue holds, and
   // all of them are queued before its first item is read.
   EWS_Params::set_batch_size(1);
+  EWS_Params::set_export_concurrency(1);
   EWS_Params::set_paging_size(1000);
   Fake_Mailboxes boxes;
   boxes.item_size = 10;

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -36,11 +38,13 @@ public:
   EWS_Backup_Context& ctx() { return *ctx_; }
   Job& job() { return job_; }
 
-  bool put(const std::string& mailbox, const std::vector<std::string>& ids)
+  // With `sizes`, the items' listed sizes go with their ids, as the lister sends them.
+  bool put(const std::string& mailbox, const std::vector<std::string>& ids, const std::vector<long long>& sizes = {})
   {
     EWS_Export_Args* args = new EWS_Export_Args;
     args->mailbox = mailbox;
     args->item_ids = ids;
+    args->item_sizes = sizes;
     if (ctx_->put_item(args))
       return true;
     delete args;
@@ -208,6 +212,71 @@ TEST(EwsExportTask, ByteBudgetHoldsExportsUntilItemsAreRead)
     EXPECT_EQ(run.get("a@x", "a-" + std::to_string(i)), boxes.content("a-" + std::to_string(i)));
   EXPECT_EQ(boxes.export_calls, 4);
   EXPECT_EQ(task.peak_cache_bytes(), 200u);
+  EXPECT_EQ(task.cache_bytes(), 0u);
+}
+
+TEST(EwsExportTask, ListedSizesCutQueuedBatchesToTheBudget)
+{
+  // Items of 10 to 250 bytes under a budget of 100: two of them larger than the
+  // budget, one failing, in two queued batches of one mailbox and one of another.
+  Fake_Mailboxes boxes;
+  const std::vector<size_t> sizes = {30, 50, 10, 250, 40, 60, 20, 20, 120, 5, 90, 10};
+  std::vector<std::string> ids;
+  std::vector<long long> listed;
+  size_t largest = 0;
+  for (size_t i = 0; i < sizes.size(); ++i)
+  {
+    ids.push_back("a-" + std::to_string(i));
+    listed.push_back(static_cast<long long>(sizes[i]));
+    boxes.sizes[ids.back()] = sizes[i];
+    largest = std::max(largest, sizes[i]);
+  }
+  boxes.refused_items = {"a-5"};
+  boxes.sizes["b-0"] = 70;
+  boxes.sizes["b-1"] = 70;
+
+  Export_Run run(boxes);
+  const uint64_t budget = 100;
+  run.ctx().export_cache_budget(budget);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Export_Task& task = *run.ctx().task();
+  // What the cache holds plus what the call starting now brings, seen by the
+  // service at each call.
+  std::atomic<uint64_t> most_held{0};
+  std::atomic<int> calls_over_budget{0};
+  boxes.on_export = [&](size_t bytes)
+  {
+    const uint64_t held = task.cache_bytes() + bytes;
+    most_held = std::max<uint64_t>(most_held, held);
+    calls_over_budget += held > budget;
+  };
+
+  const size_t half = ids.size() / 2;
+  ASSERT_TRUE(run.put("a@x", std::vector<std::string>(ids.begin(), ids.begin() + half),
+                      std::vector<long long>(listed.begin(), listed.begin() + half)));
+  ASSERT_TRUE(run.put("a@x", std::vector<std::string>(ids.begin() + half, ids.end()),
+                      std::vector<long long>(listed.begin() + half, listed.end())));
+  ASSERT_TRUE(run.put("b@x", {"b-0", "b-1"}, {70, 70}));
+
+  // Read in listing order, as the stream does: every item arrives, the refused
+  // one is answered without data.
+  for (size_t i = 0; i < ids.size(); ++i)
+    EXPECT_EQ(run.get("a@x", ids[i]), i == 5 ? "<none>" : boxes.content(ids[i])) << ids[i];
+  EXPECT_EQ(run.get("b@x", "b-0"), boxes.content("b-0"));
+  EXPECT_EQ(run.get("b@x", "b-1"), boxes.content("b-1"));
+  std::vector<std::string> failed;
+  ASSERT_TRUE(run.ctx().get_failed_items("a@x", failed));
+  EXPECT_EQ(failed, std::vector<std::string>{"a-5"});
+
+  EXPECT_LE(most_held.load(), budget + largest);
+  EXPECT_LE(task.peak_held_bytes(), budget + largest);
+  EXPECT_LE(task.peak_cache_bytes(), budget + largest);
+  // Only the two items larger than the budget went past it, each alone into an
+  // empty cache.
+  EXPECT_EQ(calls_over_budget.load(), 2);
+  EXPECT_EQ(most_held.load(), largest);
+  // The three queued batches were cut into more calls than batches.
+  EXPECT_GT(boxes.export_calls.load(), 3);
   EXPECT_EQ(task.cache_bytes(), 0u);
 }
 

@@ -11,6 +11,7 @@
 #include "host/ews/ews_transport.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -42,6 +43,9 @@ public:
   std::set<std::string> unlistable_folders;  // FindItem fails for good
   bool fail_exports = false;                 // every ExportItems call fails for good
   size_t item_size = 100;                    // bytes of each exported item
+  std::map<std::string, size_t> sizes;       // items of another size than item_size
+  // Called with the bytes of each ExportItems call as it starts (export thread).
+  std::function<void(size_t)> on_export;
 
   // Restores: folders made and items uploaded, in call order.
   struct Created_Folder
@@ -61,13 +65,20 @@ public:
   std::atomic<int> find_items_calls{0};
   std::atomic<int> clients_made{0};
 
-  // The exported contents of an item: its id repeated up to item_size bytes.
+  size_t size_of(const std::string& id) const
+  {
+    const auto it = sizes.find(id);
+    return it == sizes.end() ? item_size : it->second;
+  }
+
+  // The exported contents of an item: its id repeated up to its size.
   std::string content(const std::string& id) const
   {
+    const size_t size = size_of(id);
     std::string out;
-    while (out.size() < item_size)
+    while (out.size() < size)
       out += id + ";";
-    out.resize(item_size);
+    out.resize(size);
     return out;
   }
 
@@ -168,6 +179,7 @@ public:
       item.subject = f->items[i].subject;
       item.mtime = f->items[i].mtime;
       item.ctime = f->items[i].ctime;
+      item.size = static_cast<long long>(boxes_.size_of(item.id));
       page.items.push_back(item);
     }
     const int next = offset + static_cast<int>(page.items.size());
@@ -179,6 +191,13 @@ public:
   Host_Status export_items(const std::vector<EWS_Export_Request*>& requests) override
   {
     ++boxes_.export_calls;
+    if (boxes_.on_export)
+    {
+      size_t bytes = 0;
+      for (const EWS_Export_Request* r : requests)
+        bytes += boxes_.size_of(r->id);
+      boxes_.on_export(bytes);
+    }
     if (boxes_.fail_exports)
       return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "export refused");
     for (EWS_Export_Request* r : requests)
