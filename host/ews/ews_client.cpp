@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <map>
 #include <system_error>
 #include <thread>
@@ -442,7 +443,8 @@ size_t EWS_Client::ready_siblings(size_t wanted)
 }
 
 bool EWS_Client::export_concurrently(EWS_Export_Requests& requests,
-                                     const std::vector<std::pair<size_t, size_t>>& batches, size_t siblings)
+                                     const std::vector<std::pair<size_t, size_t>>& batches,
+                                     const std::vector<std::string>& mailboxes, size_t siblings)
 {
   for (size_t i = 0; i < siblings; ++i)
   {
@@ -473,6 +475,8 @@ bool EWS_Client::export_concurrently(EWS_Export_Requests& requests,
       const size_t b = next++;
       if (b >= batches.size())
         return;
+      if (client.mailbox_.name != mailboxes[b])
+        client.impersonate(mailboxes[b]);
       const bool ok = client.export_batch(requests, batches[b].first, batches[b].second);
       statuses[b] = client.last_status_;
       outcomes[b] = ok ? EXPORTED : FAILED;
@@ -501,26 +505,21 @@ bool EWS_Client::export_concurrently(EWS_Export_Requests& requests,
       break;
     }
   }
+  const std::string own = mailbox_.name;
   lane(*this);
   for (std::thread& worker : workers)
     worker.join();
 
+  // What the siblings learnt: retries, and how the service knows each mailbox.
   for (size_t i = 0; i < siblings; ++i)
   {
     EWS_Client& sibling = *siblings_[i];
     retries_ += sibling.retries_;
     sibling.retries_ = 0;
-    const auto learned = sibling.forms_.find(mailbox_.name);
-    if (!mailbox_.name.empty() && learned != sibling.forms_.end())
-    {
-      forms_[mailbox_.name] = learned->second;
-      if (mailbox_.form != learned->second)
-      {
-        mailbox_.form = learned->second;
-        transport_->set_mailbox(mailbox_);
-      }
-    }
+    for (const auto& form : sibling.forms_)
+      forms_[form.first] = form.second;
   }
+  impersonate(own);
   bool all = true;
   for (size_t b = 0; b < batches.size(); ++b)
   {
@@ -547,26 +546,51 @@ bool EWS_Client::export_items(EWS_Export_Requests& requests)
   }
   const EWS_Transport_Limits l = limits();
   const int most = std::min(EWS_Params::batch_size(), l.max_export_items);
-  const std::vector<std::pair<size_t, size_t>> batches = ews_batches(sizes, most, l.max_request_bytes);
+  // Batches by count and bytes within each run of requests of one mailbox.
+  const std::string own = mailbox_.name;
+  const auto mailbox_of = [&](size_t i) { return requests[i].mailbox.empty() ? own : requests[i].mailbox; };
+  std::vector<std::pair<size_t, size_t>> batches;
+  std::vector<std::string> mailboxes;
+  for (size_t begin = 0, end = 0; begin < requests.size(); begin = end)
+  {
+    const std::string mailbox = mailbox_of(begin);
+    end = begin + 1;
+    while (end < requests.size() && mailbox_of(end) == mailbox)
+      ++end;
+    const std::vector<long long> run(sizes.begin() + static_cast<std::ptrdiff_t>(begin),
+                                     sizes.begin() + static_cast<std::ptrdiff_t>(end));
+    for (const auto& batch : ews_batches(run, most, l.max_request_bytes))
+    {
+      batches.emplace_back(begin + batch.first, begin + batch.second);
+      mailboxes.push_back(mailbox);
+    }
+  }
   const size_t wanted = std::min(static_cast<size_t>(EWS_Params::export_concurrency()), batches.size());
   const size_t siblings = wanted > 1 && transport_ ? ready_siblings(wanted - 1) : 0;
   bool all = true;
   if (siblings > 0)
-    all = export_concurrently(requests, batches, siblings);
+    all = export_concurrently(requests, batches, mailboxes, siblings);
   else
-    for (const auto& batch : batches)
+  {
+    for (size_t b = 0; b < batches.size(); ++b)
     {
+      if (mailbox_.name != mailboxes[b])
+        impersonate(mailboxes[b]);
       // A failed batch does not stop the next ones; a cancelled client does.
-      if (!export_batch(requests, batch.first, batch.second))
+      if (!export_batch(requests, batches[b].first, batches[b].second))
         all = false;
       if (last_status_.kind == HOST_STATUS_CANCELLED && cancelled())
         break;
     }
-  for (EWS_Export_Request& r : requests)
+    if (mailbox_.name != own)
+      impersonate(own);
+  }
+  for (size_t i = 0; i < requests.size(); ++i)
   {
+    const EWS_Export_Request& r = requests[i];
     if (r.status.retryable() || r.status.ok())
       continue;
-    LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", r.id.c_str(), mailbox_.name.c_str(),
+    LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", r.id.c_str(), mailbox_of(i).c_str(),
             r.status.text().c_str());
   }
   for (EWS_Export_Request& r : requests)

@@ -106,7 +106,10 @@ public:
   // Fills the `data` of each request with the item's exported content, in
   // batches sized by count and by the requests' `size`, up to
   // EWS_Params::export_concurrency() of them in flight at once; each request
-  // keeps its place, whatever order the batches end in. An item that cannot be
+  // keeps its place, whatever order the batches end in. Requests naming another
+  // `mailbox` than the current one are exported acting for it (a batch never
+  // mixes mailboxes); the client acts for its current mailbox again afterwards.
+  // An item that cannot be
   // exported keeps a null `data.ptr`, says why in its `status` and is logged at
   // warning level; the others are not held back by it. True when every batch
   // was answered (items may still have failed one by one); false when a batch
@@ -148,7 +151,7 @@ private:
   // Exports `batches` on this client and up to `siblings` sibling clients at
   // once; false when a batch failed or was never tried (cancelled).
   bool export_concurrently(EWS_Export_Requests& requests, const std::vector<std::pair<size_t, size_t>>& batches,
-                           size_t siblings);
+                           const std::vector<std::string>& mailboxes, size_t siblings);
   // Makes sibling clients until there are `wanted` (or the transport cannot make
   // more); how many there are, at most `wanted`.
   size_t ready_siblings(size_t wanted);

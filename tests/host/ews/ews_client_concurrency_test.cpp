@@ -124,6 +124,43 @@ TEST(EwsClientConcurrency, ExportsEveryItemInOrderOverSeveralConnectionsThroughF
     else
       EXPECT_EQ(bytes_of(refused_two[i]), expected[refused_two[i].id]) << i;
   }
+
+  // Items of two mailboxes in one call: each batch acts for its own mailbox,
+  // and the client acts for its own again afterwards.
+  env.sim.set_faults({{"fail_items", nlohmann::json::array()}});
+  auto other = env.client("admin");
+  ASSERT_TRUE(other);
+  EWS_Export_Requests theirs = page_requests(*other);
+  ASSERT_EQ(theirs.size(), 24u);
+  EWS_Params::set_export_concurrency(1);
+  ASSERT_TRUE(other->export_items(theirs)) << other->last_error();
+  EWS_Params::set_export_concurrency(4);
+  EWS_Export_Requests mixed;
+  for (size_t i = 0; i < 24; ++i)
+  {
+    EWS_Export_Request mine = listed[i];
+    EWS_Export_Request their = theirs[i];
+    their.data = EWS_b64_Data();
+    their.mailbox = env.sim.mailbox("admin");
+    if (i % 8 < 4)
+      mine.mailbox = client->mailbox();  // named, or left empty: both mean the client's own
+    mixed.push_back(mine);
+    mixed.push_back(their);
+  }
+  ASSERT_TRUE(client->export_items(mixed)) << client->last_error();
+  EXPECT_EQ(client->mailbox(), env.sim.mailbox("alice.archer"));
+  for (size_t i = 0; i < 24; ++i)
+  {
+    EXPECT_EQ(bytes_of(mixed[2 * i]), expected[listed[i].id]) << i;
+    EXPECT_EQ(bytes_of(mixed[2 * i + 1]), bytes_of(theirs[i])) << i;
+  }
+  // Exported as they are, the other mailbox's items are not found in this one.
+  EWS_Export_Requests wrong = theirs;
+  for (EWS_Export_Request& r : wrong)
+    r.mailbox.clear();
+  client->export_items(wrong);
+  for (const EWS_Export_Request& r : wrong)
+    EXPECT_FALSE(r.data.ptr) << r.id;
 }
 
 TEST(EwsClientConcurrency, CancelStopsEveryConnection)

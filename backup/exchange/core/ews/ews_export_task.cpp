@@ -2,6 +2,7 @@
 
 #include "host/base/log.h"
 #include "host/ews/ews_client.h"
+#include "host/ews/ews_params.h"
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_sys_time.h>
@@ -253,31 +254,29 @@ uint64_t EWS_Export_Task::peak_held_bytes() const
   return peak_held_bytes_;
 }
 
-bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Requests& requests)
+bool EWS_Export_Task::cache_items(EWS_Export_Requests& requests)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   if (!guard.locked())
     return false;
   in_flight_bytes_ = 0;
-  // Ended while this batch was being exported: nobody will read it.
-  if (released_.count(mailbox) == 0)
+  failed_items_.reserve(failed_items_.size() + requests.size());
+  for (EWS_Export_Request& request : requests)
   {
-    std::map<std::string, EWS_b64_Data>& items = cache_[mailbox];
-    failed_items_.reserve(failed_items_.size() + requests.size());
-    for (EWS_Export_Request& request : requests)
-    {
-      EWS_b64_Data& slot = items[request.id];
-      if (slot.ptr)
-        cache_bytes_ -= static_cast<uint64_t>(slot.size);
-      slot = request.data;
-      if (slot.ptr)
-        cache_bytes_ += static_cast<uint64_t>(slot.size);
-      else
-        failed_items_.push_back(std::make_pair(mailbox, request.id));
-    }
-    peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
-    peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_);
+    // Ended while this batch was being exported: nobody will read it.
+    if (released_.count(request.mailbox) != 0)
+      continue;
+    EWS_b64_Data& slot = cache_[request.mailbox][request.id];
+    if (slot.ptr)
+      cache_bytes_ -= static_cast<uint64_t>(slot.size);
+    slot = request.data;
+    if (slot.ptr)
+      cache_bytes_ += static_cast<uint64_t>(slot.size);
+    else
+      failed_items_.push_back(std::make_pair(request.mailbox, request.id));
   }
+  peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
+  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_);
   if (cache_cond_->broadcast() == -1)
   {
     LOG_MSG(LM_ERROR, "Failed to broadcast after exporting EWS item, errno=%d, %m\n", errno);
@@ -286,13 +285,13 @@ bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Request
   return true;
 }
 
-bool EWS_Export_Task::wait_for_room(const EWS_Export_Args& args, size_t begin, size_t& end)
+bool EWS_Export_Task::wait_for_room(const std::vector<uint64_t>& sizes, size_t begin, size_t& end)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   // The first item waits until it fits beside the cache, or goes alone into an
   // empty one. A full queue means a lister is blocked before its folder's items
   // can be read; waiting then would never end, so the budget yields to it.
-  const auto fits = [&] { return cache_bytes_ == 0 || cache_bytes_ + args.size_of(begin) <= budget_; };
+  const auto fits = [&] { return cache_bytes_ == 0 || cache_bytes_ + sizes[begin] <= budget_; };
   while (!fits() && !queue_.is_full())
   {
     if (stop_)
@@ -317,12 +316,104 @@ bool EWS_Export_Task::wait_for_room(const EWS_Export_Args& args, size_t begin, s
   // The call takes what fits beside the cache (beside nothing when the budget
   // yields to a full queue), always at least its first item.
   const uint64_t beside = fits() ? cache_bytes_ : 0;
-  uint64_t bytes = args.size_of(begin);
+  uint64_t bytes = sizes[begin];
   end = begin + 1;
-  while (end < args.item_ids.size() && beside + bytes + args.size_of(end) <= budget_)
-    bytes += args.size_of(end++);
+  while (end < sizes.size() && beside + bytes + sizes[end] <= budget_)
+    bytes += sizes[end++];
   in_flight_bytes_ = bytes;
   peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_ + in_flight_bytes_);
+  return true;
+}
+
+namespace
+{
+// Whether every item of a queued batch has a listed size: only such batches
+// are exported together, since the budget cannot cut what it cannot weigh.
+bool sized(const EWS_Export_Args& args)
+{
+  if (args.item_sizes.size() < args.item_ids.size())
+    return false;
+  for (size_t i = 0; i < args.item_ids.size(); ++i)
+    if (args.item_sizes[i] <= 0)
+      return false;
+  return true;
+}
+}  // namespace
+
+void EWS_Export_Task::gather(std::vector<std::unique_ptr<EWS_Export_Args>>& taken)
+{
+  if (!sized(*taken.front()))
+    return;
+  // Channels queue one folder at a time, each of its own mailbox: taking what
+  // already waits behind the first batch gives the client one call whose
+  // batches run side by side, instead of one small call per folder.
+  const size_t most =
+    static_cast<size_t>(EWS_Params::batch_size()) * static_cast<size_t>(EWS_Params::export_concurrency());
+  size_t ids = taken.front()->item_ids.size();
+  while (!queue_.is_empty())
+  {
+    EWS_Export_Args* next = nullptr;
+    ACE_Time_Value now(ACE_Time_Value::zero);
+    if (queue_.peek_dequeue_head(next, &now) == -1 || next == nullptr)
+      break;
+    // The end marker stays for the loop to see.
+    if (next->mailbox.empty() || !sized(*next) || ids + next->item_ids.size() > most)
+      break;
+    if (queue_.dequeue_head(next, &now) == -1)
+      break;
+    ids += next->item_ids.size();
+    taken.emplace_back(next);
+  }
+}
+
+bool EWS_Export_Task::export_taken(EWS_Client& ews, std::vector<std::unique_ptr<EWS_Export_Args>>& taken)
+{
+  // In queue order, without the items of mailboxes that have ended.
+  EWS_Export_Requests all;
+  std::vector<uint64_t> sizes;
+  for (const std::unique_ptr<EWS_Export_Args>& args : taken)
+  {
+    if (is_released(args->mailbox))
+      continue;
+    for (size_t i = 0; i < args->item_ids.size(); ++i)
+    {
+      all.emplace_back();
+      all.back().mailbox = args->mailbox;
+      all.back().id = std::move(args->item_ids[i]);
+      all.back().size = static_cast<long long>(args->size_of(i));
+      sizes.push_back(args->size_of(i));
+    }
+  }
+  // Cut into calls that fit the budget.
+  for (size_t begin = 0, end = 0; begin < all.size(); begin = end)
+  {
+    if (!wait_for_room(sizes, begin, end))
+      return false;
+    // A mailbox may have ended while this call waited for room.
+    EWS_Export_Requests call;
+    for (size_t i = begin; i < end; ++i)
+      if (!is_released(all[i].mailbox))
+        call.push_back(std::move(all[i]));
+    if (call.empty())
+    {
+      ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+      in_flight_bytes_ = 0;
+      continue;
+    }
+    const bool exported = ews.export_items(call);
+    std::vector<std::string> mailboxes;  // of this call, in order met
+    for (const EWS_Export_Request& r : call)
+      if (mailboxes.empty() || mailboxes.back() != r.mailbox)
+        mailboxes.push_back(r.mailbox);
+    if (!exported)
+      for (const std::string& mailbox : mailboxes)
+        LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", mailbox.c_str());
+    if (!cache_items(call))
+    {
+      LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", mailboxes.front().c_str());
+      return false;
+    }
+  }
   return true;
 }
 
@@ -330,8 +421,7 @@ void EWS_Export_Task::svc()
 {
   LOG_MSG(LM_DEBUG, "Exchange EWS items export task is starting.\n");
   EWS_Client_Ptr ews;
-  bool leave = false;
-  while (!leave)
+  for (;;)
   {
     if (stop_)
       break;
@@ -356,43 +446,18 @@ void EWS_Export_Task::svc()
       boost::shared_ptr<EWS_Backup_Context> ctx = ctx_.lock();
       if (!ctx || !ctx->make_client(ews))
         break;
+      // Waits and transfers of the client (and of its concurrent connections)
+      // end as soon as the job is being cancelled or the task stops, rather than
+      // after a throttling wait of minutes.
+      ews->set_cancel_predicate([this] { return stop_.load() || context_gone_or_cancelling(); });
     }
     if (!args || args->mailbox.empty())
       break;
-
-    // One queued batch, cut into calls that fit the budget.
-    for (size_t begin = 0, end = 0; begin < args->item_ids.size(); begin = end)
-    {
-      if (is_released(args->mailbox))
-        break;
-      if (!wait_for_room(*args, begin, end))
-      {
-        leave = true;
-        break;
-      }
-      // The mailbox may have ended while this call waited for room.
-      if (is_released(args->mailbox))
-      {
-        ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
-        in_flight_bytes_ = 0;
-        break;
-      }
-      EWS_Export_Requests requests(end - begin);
-      for (size_t i = begin; i < end; ++i)
-      {
-        requests[i - begin].id = std::move(args->item_ids[i]);
-        requests[i - begin].size = static_cast<long long>(args->size_of(i));
-      }
-      ews->impersonate(args->mailbox);
-      if (!ews->export_items(requests))
-        LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", args->mailbox.c_str());
-      if (!cache_items(args->mailbox, requests))
-      {
-        LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", args->mailbox.c_str());
-        leave = true;
-        break;
-      }
-    }
+    std::vector<std::unique_ptr<EWS_Export_Args>> taken;
+    taken.push_back(std::move(args));
+    gather(taken);
+    if (!export_taken(*ews, taken))
+      break;
   }
   LOG_MSG(LM_DEBUG, "Exchange EWS items export task ended.\n");
 }

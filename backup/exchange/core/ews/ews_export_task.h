@@ -3,6 +3,7 @@
 
 #include "backup/exchange/core/ews/ews_backup_context.h"
 #include "backup/exchange/core/ews/job_thread_helper.h"
+#include "host/ews/ews_client.h"
 #include "host/ews/ews_export_request.h"
 
 #include <ace/Condition_Thread_Mutex.h>
@@ -40,8 +41,11 @@ typedef std::map<std::string, std::map<std::string, EWS_b64_Data>> Mailbox_Data_
 // nothing, so a batch of them goes whole once the cache is within the budget).
 // Before each call the thread waits until its first item fits, woken by reads,
 // by a mailbox being released, and by stop; cancellation is noticed within one
-// 8-second wait. The client runs the batches of one call concurrently
-// (EWS_Params::export_concurrency). The budget yields while the queue is full: a lister queues all batches of a folder
+// 8-second wait. Batches already queued behind the one taken (other folders,
+// other channels' mailboxes) join its call when all their items have listed
+// sizes, up to ews.batch_size x ews.export_concurrency ids, and the client runs
+// the call's batches side by side (EWS_Params::export_concurrency). The
+// budget yields while the queue is full: a lister queues all batches of a folder
 // before its items are read, so a folder of more than 16384 batches passes the
 // budget by what does not fit the queue rather than stall the run. A
 // mailbox ended in the stream is released: its cached items are dropped and its
@@ -96,11 +100,20 @@ public:
 private:
   void svc();
   bool get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data);
-  bool cache_items(const std::string& mailbox, EWS_Export_Requests& requests);
-  // Waits until item `begin` of `args` fits beside the cache, then sets `end` so
-  // that items [begin, end) make the next export call and counts them in
-  // flight. False when the thread must leave (stop, cancellation, lost context).
-  bool wait_for_room(const EWS_Export_Args& args, size_t begin, size_t& end);
+  // Caches each request's data under its mailbox (items of released mailboxes
+  // are dropped) and wakes the readers.
+  bool cache_items(EWS_Export_Requests& requests);
+  // Waits until item `begin` (of listed sizes `sizes`) fits beside the cache,
+  // then sets `end` so that items [begin, end) make the next export call and
+  // counts them in flight. False when the thread must leave (stop,
+  // cancellation, lost context).
+  bool wait_for_room(const std::vector<uint64_t>& sizes, size_t begin, size_t& end);
+  // Adds to `taken` (one dequeued batch) the batches queued behind it, up to
+  // ews.batch_size x ews.export_concurrency ids, when all have listed sizes.
+  void gather(std::vector<std::unique_ptr<EWS_Export_Args>>& taken);
+  // Exports the taken batches in calls cut to the budget and caches the
+  // results. False when the thread must leave.
+  bool export_taken(EWS_Client& ews, std::vector<std::unique_ptr<EWS_Export_Args>>& taken);
   bool is_released(const std::string& mailbox);
   bool context_gone_or_cancelling();
 

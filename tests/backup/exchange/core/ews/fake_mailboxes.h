@@ -42,10 +42,13 @@ public:
   std::set<std::string> refused_items;       // exported without data ("ErrorItemNotFound")
   std::set<std::string> unlistable_folders;  // FindItem fails for good
   bool fail_exports = false;                 // every ExportItems call fails for good
+  bool busy_exports = false;                 // every ExportItems call is throttled, "wait a minute"
   size_t item_size = 100;                    // bytes of each exported item
   std::map<std::string, size_t> sizes;       // items of another size than item_size
-  // Called with the bytes of each ExportItems call as it starts (export thread).
+  // Called with the bytes of each ExportItems call as it starts (on the export
+  // thread or one of its client's worker threads, possibly at once).
   std::function<void(size_t)> on_export;
+  bool siblings = true;  // transports make siblings: ExportItems batches run side by side
 
   // Restores: folders made and items uploaded, in call order.
   struct Created_Folder
@@ -62,6 +65,7 @@ public:
   std::vector<Uploaded_Item> uploaded;
 
   std::atomic<int> export_calls{0};
+  std::atomic<int> items_exported{0};  // ids asked for by ExportItems calls
   std::atomic<int> find_items_calls{0};
   std::atomic<int> clients_made{0};
 
@@ -125,6 +129,15 @@ public:
   explicit Fake_EWS_Transport(Fake_Mailboxes& boxes) : boxes_(boxes) {}
 
   const char* name() const override { return "fake"; }
+  // Siblings share the simulated service, so clients export batches side by side.
+  std::unique_ptr<EWS_Transport> make_sibling() const override
+  {
+    if (!boxes_.siblings)
+      return nullptr;
+    std::unique_ptr<Fake_EWS_Transport> sibling(new Fake_EWS_Transport(boxes_));
+    sibling->mailbox_ = mailbox_;
+    return std::unique_ptr<EWS_Transport>(sibling.release());
+  }
   EWS_Transport_Limits limits() const override { return EWS_Transport_Limits(); }
   void set_mailbox(const EWS_Mailbox& mailbox) override { mailbox_ = mailbox.name; }
   void set_credentials(const EWS_Credentials&) override {}
@@ -191,6 +204,7 @@ public:
   Host_Status export_items(const std::vector<EWS_Export_Request*>& requests) override
   {
     ++boxes_.export_calls;
+    boxes_.items_exported += static_cast<int>(requests.size());
     if (boxes_.on_export)
     {
       size_t bytes = 0;
@@ -200,6 +214,8 @@ public:
     }
     if (boxes_.fail_exports)
       return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "export refused");
+    if (boxes_.busy_exports)
+      return Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "server busy", 60000);
     for (EWS_Export_Request* r : requests)
     {
       if (boxes_.refused_items.count(r->id))
