@@ -106,9 +106,9 @@ void EWS_Params::configure(const Agent_Config& config)
               static_cast<ACE_INT64>(requested), p.min, p.max, p.value->load());
   }
   LOG_MSG(LM_DEBUG,
-          "EWS settings: paging_size %d, batch_size %d, export_concurrency %d, retry_budget_seconds %d, "
-          "retry_base_delay_ms %d\n",
-          paging_size(), batch_size(), export_concurrency(), retry_budget(), retry_base_delay_ms());
+          "EWS settings: paging_size %d, batch_size %d, retry_budget_seconds %d, retry_base_delay_ms %d, "
+          "export_concurrency %d\n",
+          paging_size(), batch_size(), retry_budget(), retry_base_delay_ms(), export_concurrency());
 }
 
 void EWS_Params::reset()
