@@ -13,10 +13,10 @@
 // in `status` when this item alone could not be exported.
 struct EWS_Export_Request
 {
-  std::string mailbox;  // whose item it is; empty: the mailbox the client acts for
   std::string id;
   std::string change_key;
-  long long size = 0;  // expected bytes, 0 when unknown
+  long long size = 0;   // expected bytes, 0 when unknown
+  std::string mailbox;  // whose item it is; empty: the mailbox the client acts for
   EWS_b64_Data data;
   Host_Status status;  // of this item; ok when `data` holds its content
 };

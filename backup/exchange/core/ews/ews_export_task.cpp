@@ -400,17 +400,17 @@ bool EWS_Export_Task::export_taken(EWS_Client& ews, std::vector<std::unique_ptr<
       in_flight_bytes_ = 0;
       continue;
     }
-    const bool exported = ews.export_items(call);
-    std::vector<std::string> mailboxes;  // of this call, in order met
-    for (const EWS_Export_Request& r : call)
-      if (mailboxes.empty() || mailboxes.back() != r.mailbox)
-        mailboxes.push_back(r.mailbox);
-    if (!exported)
-      for (const std::string& mailbox : mailboxes)
-        LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", mailbox.c_str());
+    if (!ews.export_items(call))
+    {
+      // A batch failed as a whole: name each mailbox left with items without data.
+      std::set<std::string> named;
+      for (const EWS_Export_Request& r : call)
+        if (!r.data.ptr && named.insert(r.mailbox).second)
+          LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", r.mailbox.c_str());
+    }
     if (!cache_items(call))
     {
-      LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", mailboxes.front().c_str());
+      LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", call.front().mailbox.c_str());
       return false;
     }
   }
