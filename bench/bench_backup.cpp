@@ -1,20 +1,28 @@
 // Backup throughput of the agent with the Exchange module against the wire
 // limit.
 //
-//   bench_backup [MAILBOXES [LARGE_MIB [LARGE_MAX_MIB]]]
+//   bench_backup [MAILBOXES [LARGE_MIB [LARGE_MAX_MIB [LATENCIES]]]]
 //
 // Starts backupd (a directory pool in a temporary folder) and exo-sim with the
 // demo profile (MAILBOXES mailboxes, default 8: some 660 items each, mostly
 // small, plus two large items of LARGE_MIB and LARGE_MAX_MIB MiB per mailbox,
 // default 4 and 24; no hidden folders, so that the backup and the wire limit
-// export the same items), then at 0 ms and 50 ms of added latency per call:
-// - backs the tenant up with `backup-agent backup --all-mailboxes`, on 1 and
-//   4 channels (each a new backup set);
-// - measures the wire limit: one thread sends the same ExportItems requests
-//   (the items of every mailbox in batches of ews.batch_size, as the module's
-//   one export thread does) to the same simulator and discards the answers.
+// export the same items), then at each added latency per call (LATENCIES, a
+// comma-separated list of milliseconds, default "0,50"):
+// - measures the wire limit with one ExportItems request in flight and with
+//   ews.export_concurrency (default 4) in flight: one thread lists every item
+//   (not timed), then sends the same ExportItems requests as the module's one
+//   export thread (the items of every mailbox in calls of ews.batch_size x
+//   ews.export_concurrency ids, which the client splits into batches of
+//   ews.batch_size run side by side) to the same simulator and discards the
+//   answers;
+// - backs the tenant up with `backup-agent backup --all-mailboxes`: on 1
+//   channel with ews.export_concurrency 1 (one request in flight), then with
+//   the default settings on 1 and 4 channels (each a new backup set).
 // Each run is a child process, so its peak RSS is its own. Prints one Markdown
-// table row per run: items/s, MiB/s, time against the wire limit's, peak RSS.
+// table row per run: items/s, MiB/s, time against the wire limit's with the
+// same requests in flight, peak RSS; then, per latency, how much faster the
+// default settings on 4 channels are than 1 channel with one request in flight.
 
 #include <sys/stat.h>  // backupd_process.h uses chmod
 
@@ -29,7 +37,9 @@
 #include <ace/Log_Msg.h>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <spawn.h>
 #include <string>
 #include <sys/resource.h>
@@ -94,12 +104,14 @@ Figures run_agent(const std::vector<std::string>& args, const std::string& out)
 }
 
 // In a child process: lists every item of the tenant, then times exporting all
-// of them in batches of ews.batch_size from one thread, dropping each answer.
-Figures wire_limit(const Office365_Auth_Entry& entry, const std::string& out)
+// of them from one thread in calls of ews.batch_size x `concurrency` ids, up to
+// `concurrency` ExportItems requests in flight, dropping each answer.
+Figures wire_limit(const Office365_Auth_Entry& entry, int concurrency, const std::string& out)
 {
   const pid_t pid = ::fork();
   if (pid == 0)
   {
+    EWS_Params::set_export_concurrency(concurrency);
     std::vector<std::string> mailboxes;
     std::string error;
     Graph_Users_Lister lister(entry);
@@ -128,7 +140,7 @@ Figures wire_limit(const Office365_Auth_Entry& entry, const std::string& out)
           ::_exit(1);
       }
     }
-    const size_t batch = static_cast<size_t>(EWS_Params::batch_size());
+    const size_t batch = static_cast<size_t>(EWS_Params::batch_size() * EWS_Params::export_concurrency());
     double count = 0, bytes = 0;
     const double start = now();
     for (const auto& mailbox : items)
@@ -141,6 +153,7 @@ Figures wire_limit(const Office365_Auth_Entry& entry, const std::string& out)
         {
           requests.emplace_back();
           requests.back().id = mailbox.second[k].id;
+          requests.back().size = mailbox.second[k].size;
         }
         if (!ews->export_items(requests))
           ::_exit(1);
@@ -183,6 +196,17 @@ void row(int latency, const std::string& what, const Figures& f, const Figures& 
               f.rss_mib);
   std::fflush(stdout);
 }
+
+std::vector<int> parse_latencies(const std::string& text)
+{
+  std::vector<int> out;
+  std::stringstream in(text);
+  std::string one;
+  while (std::getline(in, one, ','))
+    if (!one.empty())
+      out.push_back(std::atoi(one.c_str()));
+  return out;
+}
 }  // namespace
 
 int main(int argc, char** argv)
@@ -190,6 +214,7 @@ int main(int argc, char** argv)
   const std::string mailboxes = argc > 1 ? argv[1] : "8";
   const std::string large = argc > 2 ? argv[2] : "4";
   const std::string large_max = argc > 3 ? argv[3] : "24";
+  const std::vector<int> latencies = parse_latencies(argc > 4 ? argv[4] : "0,50");
   ACE_LOG_MSG->priority_mask(LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
 
   Backupd_Process backupd;
@@ -219,27 +244,51 @@ int main(int argc, char** argv)
     return path;
   };
   const std::string defaults = config("agent.json", "{}");
+  const std::string serial = config("agent-serial.json", "{\"ews\": {\"export_concurrency\": 1}}");
+  const int concurrency = EWS_Params::export_concurrency();
 
   std::printf(
     "| latency | run | items | exported | MiB | items/s | MiB/s | time / wire limit | peak RSS MiB |\n"
     "|---|---|---|---|---|---|---|---|---|\n");
   const auto exported = [&]() { return sim.status()["items_exported"].get<long>(); };
-  for (int latency : {0, 50})
+  const auto backup = [&](const std::string& settings, int channels)
+  {
+    const long before = exported();
+    Figures f = run_agent({"--config", settings, "backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool",
+                           "pool-1", "--channels", std::to_string(channels), "--json"},
+                          dir + "/backup.out");
+    f.exported = exported() - before;
+    return f;
+  };
+  std::vector<std::string> speedups;
+  for (int latency : latencies)
   {
     sim.set_faults({{"latency_ms", latency}});
     long before = exported();
-    Figures wire = wire_limit(sim.entry(), dir + "/wire.out");
+    Figures wire_one = wire_limit(sim.entry(), 1, dir + "/wire.out");
+    wire_one.exported = exported() - before;
+    row(latency, "wire limit, 1 request in flight", wire_one, wire_one);
+    before = exported();
+    Figures wire = wire_limit(sim.entry(), concurrency, dir + "/wire.out");
     wire.exported = exported() - before;
-    row(latency, "wire limit (one thread, ExportItems only)", wire, wire);
-    for (int channels : {1, 4})
+    row(latency, "wire limit, " + std::to_string(concurrency) + " requests in flight", wire, wire);
+
+    const Figures serial_one = backup(serial, 1);
+    row(latency, "backup, 1 channel, ews.export_concurrency 1", serial_one, wire_one);
+    row(latency, "backup, 1 channel, defaults", backup(defaults, 1), wire);
+    const Figures four = backup(defaults, 4);
+    row(latency, "backup, 4 channels, defaults", four, wire);
+    if (serial_one.ok && four.ok)
     {
-      before = exported();
-      Figures f = run_agent({"--config", defaults, "backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool",
-                             "pool-1", "--channels", std::to_string(channels), "--json"},
-                            dir + "/backup.out");
-      f.exported = exported() - before;
-      row(latency, "backup, " + std::to_string(channels) + " channel(s)", f, wire);
+      char line[160];
+      std::snprintf(line, sizeof line,
+                    "%d ms: 4 channels with defaults took %.1f s, 1 channel with one request %.1f s: %.2fx", latency,
+                    four.seconds, serial_one.seconds, serial_one.seconds / four.seconds);
+      speedups.push_back(line);
     }
   }
+  std::printf("\n");
+  for (const std::string& line : speedups)
+    std::printf("%s\n", line.c_str());
   return 0;
 }

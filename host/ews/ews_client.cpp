@@ -10,8 +10,12 @@
 #include <ace/Log_Msg_Callback.h>
 
 #include <algorithm>
-#include <map>
+#include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <map>
+#include <system_error>
+#include <thread>
 
 namespace
 {
@@ -421,6 +425,116 @@ bool EWS_Client::export_batch(EWS_Export_Requests& requests, size_t begin, size_
   return false;
 }
 
+size_t EWS_Client::ready_siblings(size_t wanted)
+{
+  while (siblings_.size() < wanted)
+  {
+    std::unique_ptr<EWS_Transport> transport = transport_->make_sibling();
+    if (!transport)
+      break;
+    std::unique_ptr<EWS_Client> sibling(new EWS_Client());
+    sibling->transport_ = std::move(transport);
+    sibling->auth_ = auth_;
+    // A sibling stops whenever this client is cancelled; it is never cancelled alone.
+    sibling->cancel_predicate_ = [this] { return cancelled(); };
+    siblings_.push_back(std::move(sibling));
+  }
+  return std::min(wanted, siblings_.size());
+}
+
+bool EWS_Client::export_concurrently(EWS_Export_Requests& requests,
+                                     const std::vector<std::pair<size_t, size_t>>& batches,
+                                     const std::vector<std::string>& mailboxes, size_t siblings)
+{
+  for (size_t i = 0; i < siblings; ++i)
+  {
+    EWS_Client& sibling = *siblings_[i];
+    sibling.log_callback_ = log_callback_;
+    sibling.forms_ = forms_;
+    sibling.mailbox_ = mailbox_;
+    sibling.transport_->set_mailbox(mailbox_);
+    sibling.retries_ = 0;
+  }
+  enum Outcome : char
+  {
+    NOT_TRIED = 0,
+    EXPORTED = 1,
+    FAILED = 2
+  };
+  std::vector<char> outcomes(batches.size(), NOT_TRIED);
+  std::vector<Host_Status> statuses(batches.size());
+  std::atomic<size_t> next{0};
+  // Each lane takes the next batch not yet taken; a batch writes only its own
+  // requests, so the lanes share nothing but the counter.
+  const auto lane = [&](EWS_Client& client)
+  {
+    for (;;)
+    {
+      if (client.cancelled())
+        return;
+      const size_t b = next++;
+      if (b >= batches.size())
+        return;
+      if (client.mailbox_.name != mailboxes[b])
+        client.impersonate(mailboxes[b]);
+      const bool ok = client.export_batch(requests, batches[b].first, batches[b].second);
+      statuses[b] = client.last_status_;
+      outcomes[b] = ok ? EXPORTED : FAILED;
+    }
+  };
+  // Workers log where the calling thread does (the job's log, a test's capture).
+  ACE_Log_Msg* log = ACE_LOG_MSG;
+  ACE_Log_Msg_Callback* inherited = (log->flags() & ACE_Log_Msg::MSG_CALLBACK) ? log->msg_callback() : nullptr;
+  std::vector<std::thread> workers;
+  for (size_t i = 0; i < siblings; ++i)
+  {
+    try
+    {
+      EWS_Client* sibling = siblings_[i].get();
+      workers.emplace_back(
+        [&lane, sibling, inherited]
+        {
+          Log_Callback_Scope scope(inherited);
+          lane(*sibling);
+        });
+    }
+    catch (const std::system_error& e)
+    {
+      // The lanes already running take the batches this one would have.
+      LOG_MSG(LM_WARNING, "EWS export runs on %d connections only: %s\n", static_cast<int>(i + 1), e.what());
+      break;
+    }
+  }
+  const std::string own = mailbox_.name;
+  lane(*this);
+  for (std::thread& worker : workers)
+    worker.join();
+
+  // What the siblings learnt: retries, and how the service knows each mailbox.
+  for (size_t i = 0; i < siblings; ++i)
+  {
+    EWS_Client& sibling = *siblings_[i];
+    retries_ += sibling.retries_;
+    sibling.retries_ = 0;
+    for (const auto& form : sibling.forms_)
+      forms_[form.first] = form.second;
+  }
+  impersonate(own);
+  bool all = true;
+  for (size_t b = 0; b < batches.size(); ++b)
+  {
+    if (outcomes[b] == EXPORTED)
+      continue;
+    all = false;
+    if (outcomes[b] == FAILED)
+      last_status_ = statuses[b];
+    else
+      last_status_ = Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the client was cancelled");
+    last_error_ = last_status_.text();
+  }
+  return all;
+}
+
 bool EWS_Client::export_items(EWS_Export_Requests& requests)
 {
   std::vector<long long> sizes;
@@ -432,20 +546,51 @@ bool EWS_Client::export_items(EWS_Export_Requests& requests)
   }
   const EWS_Transport_Limits l = limits();
   const int most = std::min(EWS_Params::batch_size(), l.max_export_items);
-  bool all = true;
-  for (const auto& batch : ews_batches(sizes, most, l.max_request_bytes))
+  // Batches by count and bytes within each run of requests of one mailbox.
+  const std::string own = mailbox_.name;
+  const auto mailbox_of = [&](size_t i) { return requests[i].mailbox.empty() ? own : requests[i].mailbox; };
+  std::vector<std::pair<size_t, size_t>> batches;
+  std::vector<std::string> mailboxes;
+  for (size_t begin = 0, end = 0; begin < requests.size(); begin = end)
   {
-    // A failed batch does not stop the next ones; a cancelled client does.
-    if (!export_batch(requests, batch.first, batch.second))
-      all = false;
-    if (last_status_.kind == HOST_STATUS_CANCELLED && cancelled())
-      break;
+    const std::string mailbox = mailbox_of(begin);
+    end = begin + 1;
+    while (end < requests.size() && mailbox_of(end) == mailbox)
+      ++end;
+    const std::vector<long long> run(sizes.begin() + static_cast<std::ptrdiff_t>(begin),
+                                     sizes.begin() + static_cast<std::ptrdiff_t>(end));
+    for (const auto& batch : ews_batches(run, most, l.max_request_bytes))
+    {
+      batches.emplace_back(begin + batch.first, begin + batch.second);
+      mailboxes.push_back(mailbox);
+    }
   }
-  for (EWS_Export_Request& r : requests)
+  const size_t wanted = std::min(static_cast<size_t>(EWS_Params::export_concurrency()), batches.size());
+  const size_t siblings = wanted > 1 && transport_ ? ready_siblings(wanted - 1) : 0;
+  bool all = true;
+  if (siblings > 0)
+    all = export_concurrently(requests, batches, mailboxes, siblings);
+  else
   {
+    for (size_t b = 0; b < batches.size(); ++b)
+    {
+      if (mailbox_.name != mailboxes[b])
+        impersonate(mailboxes[b]);
+      // A failed batch does not stop the next ones; a cancelled client does.
+      if (!export_batch(requests, batches[b].first, batches[b].second))
+        all = false;
+      if (last_status_.kind == HOST_STATUS_CANCELLED && cancelled())
+        break;
+    }
+    if (mailbox_.name != own)
+      impersonate(own);
+  }
+  for (size_t i = 0; i < requests.size(); ++i)
+  {
+    const EWS_Export_Request& r = requests[i];
     if (r.status.retryable() || r.status.ok())
       continue;
-    LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", r.id.c_str(), mailbox_.name.c_str(),
+    LOG_MSG(LM_WARNING, "EWS item %s of mailbox '%s' could not be exported: %s\n", r.id.c_str(), mailbox_of(i).c_str(),
             r.status.text().c_str());
   }
   for (EWS_Export_Request& r : requests)

@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 class ACE_Log_Msg_Callback;
@@ -60,6 +61,14 @@ typedef std::function<bool(const std::string& parent_id, size_t count, std::vect
 // One thread at a time per client, except cancel(), which any thread may call:
 // waits and transfers under way stop within about a second and the operation
 // returns false with a cancelled status; so do all later ones until resume().
+//
+// export_items runs up to EWS_Params::export_concurrency() batches at once, each
+// over a connection of its own: sibling clients on siblings of the transport,
+// made on first need and kept for the client's life so that their connections
+// are reused. They share the token source (thread-safe), the log callback and
+// the cancellation of this client; their retries and the mailbox forms they
+// learn are added to this client's when the call returns. A transport that
+// cannot make siblings exports one batch at a time.
 class EWS_Client
 {
 public:
@@ -109,7 +118,12 @@ public:
   bool list_items(const std::string& folder_id, const EWS_Item_Appender& appender, int offset, int limit);
 
   // Fills the `data` of each request with the item's exported content, in
-  // batches sized by count and by the requests' `size`. An item that cannot be
+  // batches sized by count and by the requests' `size`, up to
+  // EWS_Params::export_concurrency() of them in flight at once; each request
+  // keeps its place, whatever order the batches end in. Requests naming another
+  // `mailbox` than the current one are exported acting for it (a batch never
+  // mixes mailboxes); the client acts for its current mailbox again afterwards.
+  // An item that cannot be
   // exported keeps a null `data.ptr`, says why in its `status` and is logged at
   // warning level; the others are not held back by it. True when every batch
   // was answered (items may still have failed one by one); false when a batch
@@ -162,6 +176,13 @@ private:
   bool sleep_unless_cancelled(long ms);
   bool list_folders_i(const EWS_Folder_Ref& parent, EWS_Folders& out, bool shallow);
   bool export_batch(EWS_Export_Requests& requests, size_t begin, size_t end);
+  // Exports `batches` on this client and up to `siblings` sibling clients at
+  // once; false when a batch failed or was never tried (cancelled).
+  bool export_concurrently(EWS_Export_Requests& requests, const std::vector<std::pair<size_t, size_t>>& batches,
+                           const std::vector<std::string>& mailboxes, size_t siblings);
+  // Makes sibling clients until there are `wanted` (or the transport cannot make
+  // more); how many there are, at most `wanted`.
+  size_t ready_siblings(size_t wanted);
   bool upload_batch(const std::string& parent_id, const std::vector<ustring>& items, size_t begin, size_t end,
                     std::vector<Host_Status>& statuses);
   // After an UploadItems request of the items at `where` whose outcome is open.
@@ -190,6 +211,9 @@ private:
   std::condition_variable cancel_signal_;
   std::atomic<bool> cancelled_{false};
   std::function<bool()> cancel_predicate_;
+
+  // Clients of concurrent exports (see export_items), owned for this client's life.
+  std::vector<std::unique_ptr<EWS_Client>> siblings_;
 };
 
 typedef boost::shared_ptr<EWS_Client> EWS_Client_Ptr;

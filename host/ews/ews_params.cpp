@@ -21,12 +21,14 @@ struct Param
 
 std::atomic<int> paging{500};
 std::atomic<int> batch{50};
+std::atomic<int> concurrency{4};
 std::atomic<int> budget{600};
 std::atomic<int> base_delay{1000};
 
 const Param params[] = {
   {"paging_size", 1, 1000, 500, &paging},
   {"batch_size", 1, 100, 50, &batch},
+  {"export_concurrency", 1, 16, 4, &concurrency},
   {"retry_budget_seconds", 0, 86400, 600, &budget},
   {"retry_base_delay_ms", 1, 60000, 1000, &base_delay},
 };
@@ -48,6 +50,8 @@ int EWS_Params::paging_size() { return paging; }
 
 int EWS_Params::batch_size() { return batch; }
 
+int EWS_Params::export_concurrency() { return concurrency; }
+
 int EWS_Params::retry_budget() { return budget; }
 
 int EWS_Params::retry_base_delay_ms() { return base_delay; }
@@ -55,6 +59,8 @@ int EWS_Params::retry_base_delay_ms() { return base_delay; }
 void EWS_Params::set_paging_size(int value) { set(paging, value); }
 
 void EWS_Params::set_batch_size(int value) { set(batch, value); }
+
+void EWS_Params::set_export_concurrency(int value) { set(concurrency, value); }
 
 void EWS_Params::set_retry_budget(int seconds) { set(budget, seconds); }
 
@@ -99,8 +105,10 @@ void EWS_Params::configure(const Agent_Config& config)
       LOG_MSG(LM_WARNING, "Setting %s = %q is outside %d..%d; using %d\n", name.c_str(),
               static_cast<ACE_INT64>(requested), p.min, p.max, p.value->load());
   }
-  LOG_MSG(LM_DEBUG, "EWS settings: paging_size %d, batch_size %d, retry_budget_seconds %d, retry_base_delay_ms %d\n",
-          paging_size(), batch_size(), retry_budget(), retry_base_delay_ms());
+  LOG_MSG(LM_DEBUG,
+          "EWS settings: paging_size %d, batch_size %d, retry_budget_seconds %d, retry_base_delay_ms %d, "
+          "export_concurrency %d\n",
+          paging_size(), batch_size(), retry_budget(), retry_base_delay_ms(), export_concurrency());
 }
 
 void EWS_Params::reset()

@@ -6,6 +6,8 @@
 
 #include <pugixml.hpp>
 
+#include <functional>
+#include <memory>
 #include <string>
 
 // EWS over SOAP 1.1: one POST of a SOAP envelope per call to the service URL,
@@ -26,7 +28,13 @@ public:
   // carry or fetch items get more, in proportion to their bytes.
   EWS_Soap_Transport(const HTTP_Session_Ptr& session, const std::string& path, int transfer_timeout = 300);
 
+  // Makes a fresh transport to the same service (EWS_Transport_Factory sets it
+  // to its own maker); without one, make_sibling() returns null.
+  typedef std::function<std::unique_ptr<EWS_Transport>()> Sibling_Maker;
+  void set_sibling_maker(const Sibling_Maker& maker) { sibling_maker_ = maker; }
+
   const char* name() const override { return "ews"; }
+  std::unique_ptr<EWS_Transport> make_sibling() const override;
   EWS_Transport_Limits limits() const override;
   void set_mailbox(const EWS_Mailbox& mailbox) override { mailbox_ = mailbox; }
   void set_credentials(const EWS_Credentials& credentials) override { credentials_ = credentials; }
@@ -68,6 +76,7 @@ private:
   EWS_Credentials credentials_;
   EWS_Cancel_Check cancel_check_;
   bool outcome_unknown_ = false;
+  Sibling_Maker sibling_maker_;
 };
 
 #endif

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -87,7 +88,8 @@ typedef std::function<bool()> EWS_Cancel_Check;
 // renewal are the client's job, so that every transport (SOAP today, Microsoft
 // Graph later) shares them. Batch calls report one status per item; the call's
 // own status is not ok only when the request as a whole failed. One thread at a
-// time; made by EWS_Transport_Factory.
+// time; made by EWS_Transport_Factory. Requests run side by side over siblings
+// (make_sibling), each used by one thread.
 class EWS_Transport
 {
 public:
@@ -96,6 +98,12 @@ public:
   // The name the factory knows this transport by ("ews").
   virtual const char* name() const = 0;
   virtual EWS_Transport_Limits limits() const = 0;
+
+  // A new transport to the same service with the same mailbox and credentials,
+  // over a connection of its own, so that its requests can run beside this
+  // one's on another thread. Null when the transport cannot make one; its client
+  // then sends one request at a time.
+  virtual std::unique_ptr<EWS_Transport> make_sibling() const { return nullptr; }
 
   virtual void set_mailbox(const EWS_Mailbox& mailbox) = 0;
   virtual void set_credentials(const EWS_Credentials& credentials) = 0;

@@ -25,7 +25,10 @@ std::unique_ptr<EWS_Transport> make_soap(const EWS_Transport_Settings& settings)
   std::string path = uri.path();
   if (!uri.query().empty())
     path += "?" + uri.query();
-  return std::unique_ptr<EWS_Transport>(new EWS_Soap_Transport(session, path, settings.transfer_timeout));
+  std::unique_ptr<EWS_Soap_Transport> transport(new EWS_Soap_Transport(session, path, settings.transfer_timeout));
+  // Siblings get sessions of their own: one connection each.
+  transport->set_sibling_maker([settings] { return make_soap(settings); });
+  return std::unique_ptr<EWS_Transport>(transport.release());
 }
 
 struct Registry

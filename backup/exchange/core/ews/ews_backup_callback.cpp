@@ -158,7 +158,9 @@ bool EWS_Backup_Callback::list_all_items(const std::string& path, const std::str
 
 bool EWS_Backup_Callback::queue_exports(const EWS_Items& items)
 {
-  Paginator batches(static_cast<int>(items.size()), EWS_Params::batch_size());
+  // One queued batch feeds every concurrent ExportItems request of the export
+  // thread's client; the export thread cuts it further to fit its byte budget.
+  Paginator batches(static_cast<int>(items.size()), EWS_Params::batch_size() * EWS_Params::export_concurrency());
   while (batches.next())
   {
     if (ctx_.is_cancelling())
@@ -175,8 +177,13 @@ bool EWS_Backup_Callback::queue_exports(const EWS_Items& items)
     args->mailbox = cur_mailbox_;
     const size_t begin = static_cast<size_t>(batches.offset());
     const size_t end = begin + static_cast<size_t>(batches.limit());
+    args->item_ids.reserve(end - begin);
+    args->item_sizes.reserve(end - begin);
     for (size_t i = begin; i < end; ++i)
+    {
       args->item_ids.push_back(items[i].id);
+      args->item_sizes.push_back(items[i].size);
+    }
     if (!ctx_.put_item(args))
     {
       delete args;

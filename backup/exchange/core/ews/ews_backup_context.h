@@ -34,12 +34,20 @@ struct EWS_Folder_Entry
   EWS_Folder_Entry(const std::string& id_, time_t mtime_, time_t ctime_) : id(id_), mtime(mtime_), ctime(ctime_) {}
 };
 
-// One element of the export queue: item ids of one mailbox, in listing order.
-// An empty `mailbox` is the end marker.
+// One element of the export queue: item ids of one mailbox, in listing order,
+// with their sizes as listed (item_sizes[i] is the size of item_ids[i]; a size
+// that is missing or 0 is unknown). An empty `mailbox` is the end marker.
 struct EWS_Export_Args
 {
   std::string mailbox;
   std::vector<std::string> item_ids;
+  std::vector<long long> item_sizes;
+
+  // The listed size of item `i`, 0 when unknown.
+  uint64_t size_of(size_t i) const
+  {
+    return i < item_sizes.size() && item_sizes[i] > 0 ? static_cast<uint64_t>(item_sizes[i]) : 0;
+  }
 };
 
 // Backup path -> entries recorded for it, consumed first in, first out.

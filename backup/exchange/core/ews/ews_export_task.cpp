@@ -2,6 +2,7 @@
 
 #include "host/base/log.h"
 #include "host/ews/ews_client.h"
+#include "host/ews/ews_params.h"
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_sys_time.h>
@@ -28,7 +29,9 @@ EWS_Export_Task::EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ct
     timeout_(8),
     budget_(UINT64_MAX),
     cache_bytes_(0),
-    peak_cache_bytes_(0)
+    peak_cache_bytes_(0),
+    in_flight_bytes_(0),
+    peak_held_bytes_(0)
 {
 }
 
@@ -245,29 +248,35 @@ uint64_t EWS_Export_Task::peak_cache_bytes() const
   return peak_cache_bytes_;
 }
 
-bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Requests& requests)
+uint64_t EWS_Export_Task::peak_held_bytes() const
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return peak_held_bytes_;
+}
+
+bool EWS_Export_Task::cache_items(EWS_Export_Requests& requests)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   if (!guard.locked())
     return false;
-  // Ended while this batch was being exported: nobody will read it.
-  if (released_.count(mailbox) == 0)
+  in_flight_bytes_ = 0;
+  failed_items_.reserve(failed_items_.size() + requests.size());
+  for (EWS_Export_Request& request : requests)
   {
-    std::map<std::string, EWS_b64_Data>& items = cache_[mailbox];
-    failed_items_.reserve(failed_items_.size() + requests.size());
-    for (EWS_Export_Request& request : requests)
-    {
-      EWS_b64_Data& slot = items[request.id];
-      if (slot.ptr)
-        cache_bytes_ -= static_cast<uint64_t>(slot.size);
-      slot = request.data;
-      if (slot.ptr)
-        cache_bytes_ += static_cast<uint64_t>(slot.size);
-      else
-        failed_items_.push_back(std::make_pair(mailbox, request.id));
-    }
-    peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
+    // Ended while this batch was being exported: nobody will read it.
+    if (released_.count(request.mailbox) != 0)
+      continue;
+    EWS_b64_Data& slot = cache_[request.mailbox][request.id];
+    if (slot.ptr)
+      cache_bytes_ -= static_cast<uint64_t>(slot.size);
+    slot = request.data;
+    if (slot.ptr)
+      cache_bytes_ += static_cast<uint64_t>(slot.size);
+    else
+      failed_items_.push_back(std::make_pair(request.mailbox, request.id));
   }
+  peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
+  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_);
   if (cache_cond_->broadcast() == -1)
   {
     LOG_MSG(LM_ERROR, "Failed to broadcast after exporting EWS item, errno=%d, %m\n", errno);
@@ -276,12 +285,14 @@ bool EWS_Export_Task::cache_items(const std::string& mailbox, EWS_Export_Request
   return true;
 }
 
-bool EWS_Export_Task::wait_for_room()
+bool EWS_Export_Task::wait_for_room(const std::vector<uint64_t>& sizes, size_t begin, size_t& end)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
-  // A full queue means a lister is blocked before its folder's items can be
-  // read; waiting then would never end, so the budget yields to it.
-  while (cache_bytes_ > budget_ && !queue_.is_full())
+  // The first item waits until it fits beside the cache, or goes alone into an
+  // empty one. A full queue means a lister is blocked before its folder's items
+  // can be read; waiting then would never end, so the budget yields to it.
+  const auto fits = [&] { return cache_bytes_ == 0 || cache_bytes_ + sizes[begin] <= budget_; };
+  while (!fits() && !queue_.is_full())
   {
     if (stop_)
       return false;
@@ -291,12 +302,115 @@ bool EWS_Export_Task::wait_for_room()
     guard.acquire();
     if (leave)
       return false;
-    if (cache_bytes_ <= budget_ || queue_.is_full())
+    if (fits() || queue_.is_full())
       break;
     ACE_Time_Value until = ACE_OS::gettimeofday() + timeout_;
     if (room_cond_->wait(&until) == -1 && errno != ETIME)
     {
       LOG_MSG(LM_ERROR, "Failed to wait for room in the EWS export cache, errno=%d, %m\n", errno);
+      return false;
+    }
+  }
+  if (stop_)
+    return false;
+  // The call takes what fits beside the cache (beside nothing when the budget
+  // yields to a full queue), always at least its first item.
+  const uint64_t beside = fits() ? cache_bytes_ : 0;
+  uint64_t bytes = sizes[begin];
+  end = begin + 1;
+  while (end < sizes.size() && beside + bytes + sizes[end] <= budget_)
+    bytes += sizes[end++];
+  in_flight_bytes_ = bytes;
+  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_ + in_flight_bytes_);
+  return true;
+}
+
+namespace
+{
+// Whether every item of a queued batch has a listed size: only such batches
+// are exported together, since the budget cannot cut what it cannot weigh.
+bool sized(const EWS_Export_Args& args)
+{
+  if (args.item_sizes.size() < args.item_ids.size())
+    return false;
+  for (size_t i = 0; i < args.item_ids.size(); ++i)
+    if (args.item_sizes[i] <= 0)
+      return false;
+  return true;
+}
+}  // namespace
+
+void EWS_Export_Task::gather(std::vector<std::unique_ptr<EWS_Export_Args>>& taken)
+{
+  if (!sized(*taken.front()))
+    return;
+  // Channels queue one folder at a time, each of its own mailbox: taking what
+  // already waits behind the first batch gives the client one call whose
+  // batches run side by side, instead of one small call per folder.
+  const size_t most =
+    static_cast<size_t>(EWS_Params::batch_size()) * static_cast<size_t>(EWS_Params::export_concurrency());
+  size_t ids = taken.front()->item_ids.size();
+  while (!queue_.is_empty())
+  {
+    EWS_Export_Args* next = nullptr;
+    ACE_Time_Value now(ACE_Time_Value::zero);
+    if (queue_.peek_dequeue_head(next, &now) == -1 || next == nullptr)
+      break;
+    // The end marker stays for the loop to see.
+    if (next->mailbox.empty() || !sized(*next) || ids + next->item_ids.size() > most)
+      break;
+    if (queue_.dequeue_head(next, &now) == -1)
+      break;
+    ids += next->item_ids.size();
+    taken.emplace_back(next);
+  }
+}
+
+bool EWS_Export_Task::export_taken(EWS_Client& ews, std::vector<std::unique_ptr<EWS_Export_Args>>& taken)
+{
+  // In queue order, without the items of mailboxes that have ended.
+  EWS_Export_Requests all;
+  std::vector<uint64_t> sizes;
+  for (const std::unique_ptr<EWS_Export_Args>& args : taken)
+  {
+    if (is_released(args->mailbox))
+      continue;
+    for (size_t i = 0; i < args->item_ids.size(); ++i)
+    {
+      all.emplace_back();
+      all.back().mailbox = args->mailbox;
+      all.back().id = std::move(args->item_ids[i]);
+      all.back().size = static_cast<long long>(args->size_of(i));
+      sizes.push_back(args->size_of(i));
+    }
+  }
+  // Cut into calls that fit the budget.
+  for (size_t begin = 0, end = 0; begin < all.size(); begin = end)
+  {
+    if (!wait_for_room(sizes, begin, end))
+      return false;
+    // A mailbox may have ended while this call waited for room.
+    EWS_Export_Requests call;
+    for (size_t i = begin; i < end; ++i)
+      if (!is_released(all[i].mailbox))
+        call.push_back(std::move(all[i]));
+    if (call.empty())
+    {
+      ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+      in_flight_bytes_ = 0;
+      continue;
+    }
+    if (!ews.export_items(call))
+    {
+      // A batch failed as a whole: name each mailbox left with items without data.
+      std::set<std::string> named;
+      for (const EWS_Export_Request& r : call)
+        if (!r.data.ptr && named.insert(r.mailbox).second)
+          LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", r.mailbox.c_str());
+    }
+    if (!cache_items(call))
+    {
+      LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", call.front().mailbox.c_str());
       return false;
     }
   }
@@ -332,28 +446,18 @@ void EWS_Export_Task::svc()
       boost::shared_ptr<EWS_Backup_Context> ctx = ctx_.lock();
       if (!ctx || !ctx->make_client(ews))
         break;
+      // Waits and transfers of the client (and of its concurrent connections)
+      // end as soon as the job is being cancelled or the task stops, rather than
+      // after a throttling wait of minutes.
+      ews->set_cancel_predicate([this] { return stop_.load() || context_gone_or_cancelling(); });
     }
     if (!args || args->mailbox.empty())
       break;
-    if (is_released(args->mailbox))
-      continue;
-    if (!wait_for_room())
+    std::vector<std::unique_ptr<EWS_Export_Args>> taken;
+    taken.push_back(std::move(args));
+    gather(taken);
+    if (!export_taken(*ews, taken))
       break;
-    // The mailbox may have ended while this batch waited for room.
-    if (is_released(args->mailbox))
-      continue;
-
-    EWS_Export_Requests requests(args->item_ids.size());
-    for (size_t i = 0; i < args->item_ids.size(); ++i)
-      requests[i].id = std::move(args->item_ids[i]);
-    ews->impersonate(args->mailbox);
-    if (!ews->export_items(requests))
-      LOG_MSG(LM_ERROR, "Failed to export items of '%s'\n", args->mailbox.c_str());
-    if (!cache_items(args->mailbox, requests))
-    {
-      LOG_MSG(LM_ERROR, "Failed to add items to cache '%s'\n", args->mailbox.c_str());
-      break;
-    }
   }
   LOG_MSG(LM_DEBUG, "Exchange EWS items export task ended.\n");
 }

@@ -3,6 +3,7 @@
 
 #include "backup/exchange/core/ews/ews_backup_context.h"
 #include "backup/exchange/core/ews/job_thread_helper.h"
+#include "host/ews/ews_client.h"
 #include "host/ews/ews_export_request.h"
 
 #include <ace/Condition_Thread_Mutex.h>
@@ -33,9 +34,17 @@ typedef std::map<std::string, std::map<std::string, EWS_b64_Data>> Mailbox_Data_
 // and are gathered as failed items of their mailbox.
 //
 // Memory: the queue bounds how many batches wait; the cache is bounded by a
-// byte budget: before each export the thread waits while the cache holds more
-// than the budget (one batch may pass it), woken by reads, by a mailbox being
-// released, and by stop; cancellation is noticed within one 8-second wait. The
+// byte budget. A queued batch is cut into export calls by the items' listed
+// sizes: a call carries the items that fit beside what the cache holds, so the
+// cache plus the call in flight stay within the budget; an item larger than the
+// budget goes alone once the cache is empty (items of unknown size count as
+// nothing, so a batch of them goes whole once the cache is within the budget).
+// Before each call the thread waits until its first item fits, woken by reads,
+// by a mailbox being released, and by stop; cancellation is noticed within one
+// 8-second wait. Batches already queued behind the one taken (other folders,
+// other channels' mailboxes) join its call when all their items have listed
+// sizes, up to ews.batch_size x ews.export_concurrency ids, and the client runs
+// the call's batches side by side (EWS_Params::export_concurrency). The
 // budget yields while the queue is full: a lister queues all batches of a folder
 // before its items are read, so a folder of more than 16384 batches passes the
 // budget by what does not fit the queue rather than stall the run. A
@@ -83,13 +92,28 @@ public:
   // Bytes of exported contents waiting in the cache, and the most ever held.
   uint64_t cache_bytes() const;
   uint64_t peak_cache_bytes() const;
+  // The most ever held in the cache and in the export call under way together
+  // (the call counted by its items' listed sizes).
+  uint64_t peak_held_bytes() const;
   bool running() const { return thread_.running(); }
 
 private:
   void svc();
   bool get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data);
-  bool cache_items(const std::string& mailbox, EWS_Export_Requests& requests);
-  bool wait_for_room();
+  // Caches each request's data under its mailbox (items of released mailboxes
+  // are dropped) and wakes the readers.
+  bool cache_items(EWS_Export_Requests& requests);
+  // Waits until item `begin` (of listed sizes `sizes`) fits beside the cache,
+  // then sets `end` so that items [begin, end) make the next export call and
+  // counts them in flight. False when the thread must leave (stop,
+  // cancellation, lost context).
+  bool wait_for_room(const std::vector<uint64_t>& sizes, size_t begin, size_t& end);
+  // Adds to `taken` (one dequeued batch) the batches queued behind it, up to
+  // ews.batch_size x ews.export_concurrency ids, when all have listed sizes.
+  void gather(std::vector<std::unique_ptr<EWS_Export_Args>>& taken);
+  // Exports the taken batches in calls cut to the budget and caches the
+  // results. False when the thread must leave.
+  bool export_taken(EWS_Client& ews, std::vector<std::unique_ptr<EWS_Export_Args>>& taken);
   bool is_released(const std::string& mailbox);
   bool context_gone_or_cancelling();
 
@@ -109,6 +133,8 @@ private:
   uint64_t budget_;
   uint64_t cache_bytes_;
   uint64_t peak_cache_bytes_;
+  uint64_t in_flight_bytes_;
+  uint64_t peak_held_bytes_;
   std::set<std::string> released_;
 };
 

@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <list>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -178,8 +179,12 @@ TEST(EwsBackupCallback, ListsFoldersThenSortedItemsAndQueuesThemInThatOrder)
     EWS_File_Reader again(run.ctx());
     EXPECT_EQ(again.open((root + name).c_str()), MTF::E_FAILED);
   }
-  // Inbox 3 batches, its subfolder 1, Sent Items 3; the last one was read.
-  EXPECT_EQ(boxes.export_calls, 7);
+  // Inbox 7 items, its subfolder 2, Sent Items 8, each exported once, in
+  // batches of 3: 7 calls, or 6 when the subfolder's batch was already queued
+  // behind the Inbox's and joined its call.
+  EXPECT_EQ(boxes.items_exported, 17);
+  EXPECT_GE(boxes.export_calls, 6);
+  EXPECT_LE(boxes.export_calls, 7);
   Log_Capture log;
   EWS_File_Reader refused(run.ctx());
   EXPECT_EQ(refused.open((root + "Inbox/Inbox%200004").c_str()), MTF::E_SKIP);
@@ -224,6 +229,61 @@ TEST(EwsBackupCallback, ItemSizesRoundUpToBlocks)
     EXPECT_EQ(blk.size(), s.first);
     EXPECT_EQ(space, s.second);
   }
+}
+
+TEST(EwsBackupCallback, ListedSizesKeepExportsWithinTheBudget)
+{
+  // Twelve items of one folder in one queued batch (3 per call, 4 calls at
+  // once), 40 to 400 bytes each, under a budget of 250: without the listed
+  // sizes the whole batch would be exported at once.
+  Params_Guard params;
+  EWS_Params::set_export_concurrency(4);
+  Fake_Mailboxes boxes;
+  boxes.mailboxes["a@x"] = {Fake_Mailboxes::folder("f", "F", 12)};
+  size_t largest = 0;
+  for (int i = 0; i < 12; ++i)
+  {
+    const size_t size = i == 6 ? 400 : 40 + 15 * static_cast<size_t>(i);
+    boxes.sizes["f-item-" + std::to_string(i)] = size;
+    largest = std::max(largest, size);
+  }
+  Callback_Run run(boxes, 1, 1);
+  const uint64_t budget = 250;
+  run.ctx().export_cache_budget(budget);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Export_Task& task = *run.ctx().task();
+  std::mutex lock;  // calls of one export run side by side
+  uint64_t most_held = 0;
+  int calls = 0;
+  boxes.on_export = [&](size_t bytes)
+  {
+    const uint64_t held = task.cache_bytes() + bytes;
+    std::lock_guard<std::mutex> guard(lock);
+    most_held = std::max<uint64_t>(most_held, held);
+    ++calls;
+  };
+  EWS_Backup_Callback callback = run.make_callback();
+  const std::string root = mailbox_to_path("a@x");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"a@x", root}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "F").c_str(), out));
+  ASSERT_EQ(out.size(), 12u);
+  int read = 0;
+  for (const MTF::Directory_Entry& e : out)
+  {
+    EWS_File_Reader reader(run.ctx());
+    read += reader.open((root + "F/" + e.name).c_str()) == MTF::E_OK;
+  }
+  EXPECT_EQ(read, 12);
+  // Every call was made before the last item could be read.
+  std::lock_guard<std::mutex> guard(lock);
+  EXPECT_LE(most_held, budget + largest);
+  EXPECT_LE(task.peak_held_bytes(), budget + largest);
+  EXPECT_GE(most_held, largest);  // the 400-byte item went, alone
+  EXPECT_GT(calls, 4);            // 12 items in 3-item batches would be 4 calls uncut
+  EXPECT_EQ(task.cache_bytes(), 0u);
 }
 
 TEST(EwsBackupCallback, MailboxEndedHalfWayDoesNotStallTheRunUnderATinyBudget)
@@ -347,6 +407,7 @@ TEST(EwsBackupCallback, FolderLargerThanTheQueueDoesNotStallUnderATinyBudget)
   // One id per batch: the folder's batches outnumber what the queue holds, and
   // all of them are queued before its first item is read.
   EWS_Params::set_batch_size(1);
+  EWS_Params::set_export_concurrency(1);
   EWS_Params::set_paging_size(1000);
   Fake_Mailboxes boxes;
   boxes.item_size = 10;

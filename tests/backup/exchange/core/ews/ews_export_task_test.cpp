@@ -1,12 +1,17 @@
 #include "backup/exchange/core/ews/ews_backup_context.h"
 #include "backup/exchange/core/ews/ews_export_task.h"
 #include "backup/exchange/core/ews/fake_mailboxes.h"
+#include "host/ews/ews_params.h"
 #include "support/log_capture.h"
 #include "support/plain_job.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,11 +41,13 @@ public:
   EWS_Backup_Context& ctx() { return *ctx_; }
   Job& job() { return job_; }
 
-  bool put(const std::string& mailbox, const std::vector<std::string>& ids)
+  // With `sizes`, the items' listed sizes go with their ids, as the lister sends them.
+  bool put(const std::string& mailbox, const std::vector<std::string>& ids, const std::vector<long long>& sizes = {})
   {
     EWS_Export_Args* args = new EWS_Export_Args;
     args->mailbox = mailbox;
     args->item_ids = ids;
+    args->item_sizes = sizes;
     if (ctx_->put_item(args))
       return true;
     delete args;
@@ -211,6 +218,125 @@ TEST(EwsExportTask, ByteBudgetHoldsExportsUntilItemsAreRead)
   EXPECT_EQ(task.cache_bytes(), 0u);
 }
 
+TEST(EwsExportTask, ListedSizesCutQueuedBatchesToTheBudget)
+{
+  // Items of 10 to 250 bytes under a budget of 100: two of them larger than the
+  // budget, one failing, in two queued batches of one mailbox and one of another.
+  Fake_Mailboxes boxes;
+  const std::vector<size_t> sizes = {30, 50, 10, 250, 40, 60, 20, 20, 120, 5, 90, 10};
+  std::vector<std::string> ids;
+  std::vector<long long> listed;
+  size_t largest = 0;
+  for (size_t i = 0; i < sizes.size(); ++i)
+  {
+    ids.push_back("a-" + std::to_string(i));
+    listed.push_back(static_cast<long long>(sizes[i]));
+    boxes.sizes[ids.back()] = sizes[i];
+    largest = std::max(largest, sizes[i]);
+  }
+  boxes.refused_items = {"a-5"};
+  boxes.sizes["b-0"] = 70;
+  boxes.sizes["b-1"] = 70;
+
+  Export_Run run(boxes);
+  const uint64_t budget = 100;
+  run.ctx().export_cache_budget(budget);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Export_Task& task = *run.ctx().task();
+  // What the cache holds plus what the call starting now brings, seen by the
+  // service at each call.
+  std::mutex lock;  // the calls of one export run side by side
+  uint64_t most_held = 0;
+  int calls_over_budget = 0;
+  boxes.on_export = [&](size_t bytes)
+  {
+    const uint64_t held = task.cache_bytes() + bytes;
+    std::lock_guard<std::mutex> guard(lock);
+    most_held = std::max<uint64_t>(most_held, held);
+    calls_over_budget += held > budget;
+  };
+
+  const size_t half = ids.size() / 2;
+  ASSERT_TRUE(run.put("a@x", std::vector<std::string>(ids.begin(), ids.begin() + half),
+                      std::vector<long long>(listed.begin(), listed.begin() + half)));
+  ASSERT_TRUE(run.put("a@x", std::vector<std::string>(ids.begin() + half, ids.end()),
+                      std::vector<long long>(listed.begin() + half, listed.end())));
+  ASSERT_TRUE(run.put("b@x", {"b-0", "b-1"}, {70, 70}));
+
+  // Read in listing order, as the stream does: every item arrives, the refused
+  // one is answered without data.
+  for (size_t i = 0; i < ids.size(); ++i)
+    EXPECT_EQ(run.get("a@x", ids[i]), i == 5 ? "<none>" : boxes.content(ids[i])) << ids[i];
+  EXPECT_EQ(run.get("b@x", "b-0"), boxes.content("b-0"));
+  EXPECT_EQ(run.get("b@x", "b-1"), boxes.content("b-1"));
+  std::vector<std::string> failed;
+  ASSERT_TRUE(run.ctx().get_failed_items("a@x", failed));
+  EXPECT_EQ(failed, std::vector<std::string>{"a-5"});
+
+  std::lock_guard<std::mutex> guard(lock);
+  EXPECT_LE(most_held, budget + largest);
+  EXPECT_LE(task.peak_held_bytes(), budget + largest);
+  EXPECT_LE(task.peak_cache_bytes(), budget + largest);
+  // Only the two items larger than the budget went past it, each alone into an
+  // empty cache.
+  EXPECT_EQ(calls_over_budget, 2);
+  EXPECT_EQ(most_held, largest);
+  // The three queued batches were cut into more calls than batches.
+  EXPECT_GT(boxes.export_calls.load(), 3);
+  EXPECT_EQ(task.cache_bytes(), 0u);
+}
+
+TEST(EwsExportTask, BatchesQueuedBehindJoinTheCallAndRunSideBySide)
+{
+  struct Batch_Size_Guard
+  {
+    Batch_Size_Guard() { EWS_Params::set_batch_size(2); }  // one call: up to 2 x 4 ids
+    ~Batch_Size_Guard() { EWS_Params::reset(); }
+  } params;
+  Fake_Mailboxes boxes;
+  std::mutex lock;
+  std::condition_variable changed;
+  bool open = false;
+  int calls = 0, in_flight = 0, most_in_flight = 0;
+  // The first call holds the export thread until the test opens it; each later
+  // call waits (at most 5 s) for two more beside it.
+  boxes.on_export = [&](size_t)
+  {
+    std::unique_lock<std::mutex> guard(lock);
+    const bool first = calls++ == 0;
+    ++in_flight;
+    most_in_flight = std::max(most_in_flight, in_flight);
+    changed.notify_all();
+    if (first)
+      changed.wait(guard, [&] { return open; });
+    else
+      changed.wait_for(guard, std::chrono::seconds(5), [&] { return most_in_flight >= 3; });
+    --in_flight;
+  };
+  Export_Run run(boxes);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  ASSERT_TRUE(run.put("a@x", {"a-0"}, {100}));
+  {
+    std::unique_lock<std::mutex> guard(lock);
+    ASSERT_TRUE(changed.wait_for(guard, std::chrono::seconds(30), [&] { return in_flight == 1; }));
+  }
+  // Three channels queue a folder each while the export thread is busy.
+  ASSERT_TRUE(run.put("b@x", {"b-0", "b-1"}, {100, 100}));
+  ASSERT_TRUE(run.put("c@x", {"c-0", "c-1"}, {100, 100}));
+  ASSERT_TRUE(run.put("d@x", {"d-0", "d-1"}, {100, 100}));
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    open = true;
+    changed.notify_all();
+  }
+  for (const char* id : {"a-0", "b-0", "b-1", "c-0", "c-1", "d-0", "d-1"})
+    EXPECT_EQ(run.get(std::string(1, id[0]) + "@x", id), boxes.content(id)) << id;
+  std::lock_guard<std::mutex> guard(lock);
+  // The three mailboxes' batches went in one call, over three connections at once.
+  EXPECT_EQ(most_in_flight, 3);
+  EXPECT_EQ(boxes.export_calls, 4);
+}
+
 TEST(EwsExportTask, ReleasedMailboxFreesTheBudgetAndSkipsItsQueuedBatches)
 {
   Fake_Mailboxes boxes;
@@ -263,4 +389,17 @@ TEST(EwsExportTask, StopFreesQueuedBatchesAndCancellationEndsTheThread)
   run.job().activity().state = JOB_STATE_CANCELING;
   ASSERT_TRUE(Export_Run::eventually([&] { return !run.ctx().task()->running(); }));
   EXPECT_FALSE(run.put("a@x", {"a-1"}));
+
+  // An export told by the service to wait a minute ends as soon as the job is
+  // being cancelled (eventually gives up after 30 seconds); its items fail.
+  boxes.busy_exports = true;
+  boxes.export_calls = 0;
+  Export_Run throttled(boxes);
+  ASSERT_TRUE(throttled.ctx().activate_export_task(&throttled.job()));
+  ASSERT_TRUE(throttled.put("a@x", {"a-1", "a-2"}));
+  ASSERT_TRUE(Export_Run::eventually([&] { return boxes.export_calls == 1; }));
+  throttled.job().activity().state = JOB_STATE_CANCELING;
+  ASSERT_TRUE(Export_Run::eventually([&] { return !throttled.ctx().task()->running(); }));
+  EXPECT_EQ(boxes.export_calls, 1);
+  EXPECT_EQ(throttled.get("a@x", "a-1"), "<none>");
 }

@@ -11,6 +11,7 @@
 #include "host/ews/ews_transport.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -41,7 +42,13 @@ public:
   std::set<std::string> refused_items;       // exported without data ("ErrorItemNotFound")
   std::set<std::string> unlistable_folders;  // FindItem fails for good
   bool fail_exports = false;                 // every ExportItems call fails for good
+  bool busy_exports = false;                 // every ExportItems call is throttled, "wait a minute"
   size_t item_size = 100;                    // bytes of each exported item
+  std::map<std::string, size_t> sizes;       // items of another size than item_size
+  // Called with the bytes of each ExportItems call as it starts (on the export
+  // thread or one of its client's worker threads, possibly at once).
+  std::function<void(size_t)> on_export;
+  bool siblings = true;  // transports make siblings: ExportItems batches run side by side
 
   // Restores: folders made and items uploaded, in call order.
   struct Created_Folder
@@ -58,16 +65,24 @@ public:
   std::vector<Uploaded_Item> uploaded;
 
   std::atomic<int> export_calls{0};
+  std::atomic<int> items_exported{0};  // ids asked for by ExportItems calls
   std::atomic<int> find_items_calls{0};
   std::atomic<int> clients_made{0};
 
-  // The exported contents of an item: its id repeated up to item_size bytes.
+  size_t size_of(const std::string& id) const
+  {
+    const auto it = sizes.find(id);
+    return it == sizes.end() ? item_size : it->second;
+  }
+
+  // The exported contents of an item: its id repeated up to its size.
   std::string content(const std::string& id) const
   {
+    const size_t size = size_of(id);
     std::string out;
-    while (out.size() < item_size)
+    while (out.size() < size)
       out += id + ";";
-    out.resize(item_size);
+    out.resize(size);
     return out;
   }
 
@@ -114,6 +129,15 @@ public:
   explicit Fake_EWS_Transport(Fake_Mailboxes& boxes) : boxes_(boxes) {}
 
   const char* name() const override { return "fake"; }
+  // Siblings share the simulated service, so clients export batches side by side.
+  std::unique_ptr<EWS_Transport> make_sibling() const override
+  {
+    if (!boxes_.siblings)
+      return nullptr;
+    std::unique_ptr<Fake_EWS_Transport> sibling(new Fake_EWS_Transport(boxes_));
+    sibling->mailbox_ = mailbox_;
+    return std::unique_ptr<EWS_Transport>(sibling.release());
+  }
   EWS_Transport_Limits limits() const override { return EWS_Transport_Limits(); }
   void set_mailbox(const EWS_Mailbox& mailbox) override { mailbox_ = mailbox.name; }
   void set_credentials(const EWS_Credentials&) override {}
@@ -168,6 +192,7 @@ public:
       item.subject = f->items[i].subject;
       item.mtime = f->items[i].mtime;
       item.ctime = f->items[i].ctime;
+      item.size = static_cast<long long>(boxes_.size_of(item.id));
       page.items.push_back(item);
     }
     const int next = offset + static_cast<int>(page.items.size());
@@ -179,8 +204,18 @@ public:
   Host_Status export_items(const std::vector<EWS_Export_Request*>& requests) override
   {
     ++boxes_.export_calls;
+    boxes_.items_exported += static_cast<int>(requests.size());
+    if (boxes_.on_export)
+    {
+      size_t bytes = 0;
+      for (const EWS_Export_Request* r : requests)
+        bytes += boxes_.size_of(r->id);
+      boxes_.on_export(bytes);
+    }
     if (boxes_.fail_exports)
       return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorAccessDenied", "export refused");
+    if (boxes_.busy_exports)
+      return Host_Status::make(HOST_STATUS_THROTTLED, "ErrorServerBusy", "server busy", 60000);
     for (EWS_Export_Request* r : requests)
     {
       if (boxes_.refused_items.count(r->id))
