@@ -94,6 +94,26 @@ protected:
     return job;
   }
 
+  // A restore job `id` of set `set`: the selection entries `storages` of mailbox
+  // `from` into `to`, under `relocation`, on `channels` workers.
+  static nlohmann::ordered_json restore_job(const std::string& id, const std::string& set, const std::string& from,
+                                            const std::string& to, const std::string& relocation,
+                                            const std::vector<std::string>& storages, int channels = 2)
+  {
+    return {{"type", "restore"},
+            {"uid", "7a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d"},
+            {"id", id},
+            {"host_id", "host-1"},
+            {"max_seconds_retry", 30},
+            {"options", {{"relocation", relocation}, {"is_office365", true}, {"channels", channels}}},
+            {"source",
+             {{"id", tenant_uuid},
+              {"catalog_id", set},
+              {"original", std::string("exchange://") + tenant_uuid + "/" + from},
+              {"restore_as", std::string("exchange://") + tenant_uuid + "/" + to},
+              {"storages", storages}}}};
+  }
+
   // Configures the agent for `sim` and runs `job` through `run-job`.
   Agent_Outcome run_job(const Exo_Sim_Process& sim, const nlohmann::ordered_json& job,
                         const std::string& settings = "{}")

@@ -49,25 +49,6 @@ std::string difference(const Tree_Contents& got, const Tree_Contents& want)
 
 class Restore_Run : public Agent_Run_Fixture
 {
-protected:
-  nlohmann::ordered_json restore_job(const std::string& id, const std::string& set, const std::string& from,
-                                     const std::string& to, const std::string& relocation,
-                                     const std::vector<std::string>& storages)
-  {
-    nlohmann::ordered_json job = {{"type", "restore"},
-                                  {"uid", "7a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d"},
-                                  {"id", id},
-                                  {"host_id", "host-1"},
-                                  {"max_seconds_retry", 30},
-                                  {"options", {{"relocation", relocation}, {"is_office365", true}, {"channels", 2}}},
-                                  {"source",
-                                   {{"id", tenant_uuid},
-                                    {"catalog_id", set},
-                                    {"original", std::string("exchange://") + tenant_uuid + "/" + from},
-                                    {"restore_as", std::string("exchange://") + tenant_uuid + "/" + to},
-                                    {"storages", storages}}}};
-    return job;
-  }
 };
 }  // namespace
 
