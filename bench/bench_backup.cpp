@@ -24,6 +24,7 @@
 // same requests in flight, peak RSS; then, per latency, how much faster the
 // default settings on 4 channels are than 1 channel with one request in flight.
 
+#include "agent_run.h"
 #include <sys/stat.h>  // backupd_process.h uses chmod
 
 #include "apps/backup-agent/graph_users_lister.h"
@@ -62,44 +63,19 @@ struct Figures
   long rss_mib = 0;
 };
 
-double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
-
 // Runs the agent with `args`, its summary (--json) into `out`; the figures of
 // the run.
-Figures run_agent(const std::vector<std::string>& args, const std::string& out)
+Figures run_backup(const std::vector<std::string>& args, const std::string& out)
 {
-  std::vector<std::string> all{BACKUP_AGENT_PATH};
-  all.insert(all.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : all)
-    argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, (out + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  const Agent_Run run = run_agent(args, out);
   Figures f;
-  const double start = now();
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0)
+  f.seconds = run.seconds;
+  f.rss_mib = run.rss_mib;
+  if (!run.ok)
     return f;
-  int status = 0;
-  struct rusage usage = {};
-  ::wait4(pid, &status, 0, &usage);
-  f.seconds = now() - start;
-  f.rss_mib = usage.ru_maxrss / 1024;
-  std::ifstream in(out);
-  nlohmann::json summary = nlohmann::json::parse(in, nullptr, false);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || summary.is_discarded())
-  {
-    std::fprintf(stderr, "backup-agent failed (status %d), see %s.err\n", status, out.c_str());
-    return f;
-  }
   f.ok = true;
-  f.items = summary["items"].get<double>();
-  f.mib = summary["bytes"].get<double>() / (1024.0 * 1024.0);
+  f.items = run.summary["items"].get<double>();
+  f.mib = run.summary["bytes"].get<double>() / (1024.0 * 1024.0);
   return f;
 }
 
@@ -142,7 +118,7 @@ Figures wire_limit(const Office365_Auth_Entry& entry, int concurrency, const std
     }
     const size_t batch = static_cast<size_t>(EWS_Params::batch_size() * EWS_Params::export_concurrency());
     double count = 0, bytes = 0;
-    const double start = now();
+    const double start = bench_now();
     for (const auto& mailbox : items)
     {
       ews->impersonate(mailbox.first);
@@ -165,7 +141,7 @@ Figures wire_limit(const Office365_Auth_Entry& entry, int concurrency, const std
           }
       }
     }
-    std::ofstream(out) << (now() - start) << " " << count << " " << bytes << "\n";
+    std::ofstream(out) << (bench_now() - start) << " " << count << " " << bytes << "\n";
     ::_exit(0);
   }
   Figures f;
@@ -254,9 +230,9 @@ int main(int argc, char** argv)
   const auto backup = [&](const std::string& settings, int channels)
   {
     const long before = exported();
-    Figures f = run_agent({"--config", settings, "backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool",
-                           "pool-1", "--channels", std::to_string(channels), "--json"},
-                          dir + "/backup.out");
+    Figures f = run_backup({"--config", settings, "backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool",
+                            "pool-1", "--channels", std::to_string(channels), "--json"},
+                           dir + "/backup.out");
     f.exported = exported() - before;
     return f;
   };

@@ -20,6 +20,7 @@
 // Prints one Markdown table row per run: items, MiB, items/s, MiB/s and the
 // time against the wire limit's.
 
+#include "agent_run.h"
 #include <sys/stat.h>  // backupd_process.h uses chmod
 
 #include "apps/backup-agent/graph_users_lister.h"
@@ -69,40 +70,6 @@ struct Item_Copy
   size_t folder = 0;
   ustring data;
 };
-
-double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
-
-// Runs the agent with `args`, standard output into `out`; false when it fails.
-bool run_agent(const std::vector<std::string>& args, const std::string& out, double& seconds, nlohmann::json& summary)
-{
-  std::vector<std::string> all{BACKUP_AGENT_PATH};
-  all.insert(all.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : all)
-    argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, (out + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  const double start = now();
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0)
-    return false;
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  seconds = now() - start;
-  std::ifstream in(out);
-  summary = nlohmann::json::parse(in, nullptr, false);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || summary.is_discarded())
-  {
-    std::fprintf(stderr, "backup-agent failed (status %d), see %s.err\n", status, out.c_str());
-    return false;
-  }
-  return true;
-}
 
 EWS_Client_Ptr client(const Office365_Auth_Entry& entry, const std::string& mailbox)
 {
@@ -174,7 +141,7 @@ Figures wire_limit(const Office365_Auth_Entry& entry, const std::string& target,
   std::atomic<size_t> next{0};
   std::atomic<bool> failed{false};
   std::vector<std::thread> workers;
-  const double start = now();
+  const double start = bench_now();
   for (int t = 0; t < threads; ++t)
     workers.emplace_back(
       [&, t]
@@ -190,7 +157,7 @@ Figures wire_limit(const Office365_Auth_Entry& entry, const std::string& target,
       });
   for (std::thread& w : workers)
     w.join();
-  f.seconds = now() - start;
+  f.seconds = bench_now() - start;
   f.ok = !failed;
   double bytes = 0;
   for (const Item_Copy& item : items)
@@ -265,13 +232,13 @@ int main(int argc, char** argv)
   for (const Folder_Copy& f : folders)
     if (f.parent < 0)
       top.push_back(f.name);
-  double seconds = 0;
-  nlohmann::json summary;
-  if (!run_agent({"--config", config, "backup", "--tenant", tenant_uuid, "--mailbox", source, "--pool", "pool-1",
-                  "--channels", std::to_string(channels), "--json"},
-                 dir + "/backup.out", seconds, summary))
+  const Agent_Run backup = run_agent({"--config", config, "backup", "--tenant", tenant_uuid, "--mailbox", source,
+                                      "--pool", "pool-1", "--channels", std::to_string(channels), "--json"},
+                                     dir + "/backup.out");
+  if (!backup.ok)
     return 1;
-  const std::string set = summary["set_uuid"].get<std::string>();
+  const double seconds = backup.seconds;
+  const std::string set = backup.summary["set_uuid"].get<std::string>();
   std::printf("Mailbox %s: %zu folders, %zu items; set %s on %d channel(s), backed up in %.1f s.\n\n", source.c_str(),
               folders.size(), items.size(), set.c_str(), channels, seconds);
   std::printf(
@@ -303,10 +270,12 @@ int main(int argc, char** argv)
       args.push_back(path);
     }
     const long before = sim.status()["items_uploaded"].get<long>();
+    const Agent_Run restore = run_agent(args, dir + "/restore.out");
     Figures f;
-    f.ok = run_agent(args, dir + "/restore.out", f.seconds, summary);
+    f.ok = restore.ok;
+    f.seconds = restore.seconds;
     f.items = static_cast<double>(sim.status()["items_uploaded"].get<long>() - before);
-    f.mib = f.ok ? summary["bytes"].get<double>() / (1024.0 * 1024.0) : 0;
+    f.mib = f.ok ? restore.summary["bytes"].get<double>() / (1024.0 * 1024.0) : 0;
     if (f.ok && f.items != wire.items)
       std::fprintf(stderr, "the restore uploaded %.0f items, the mailbox has %.0f\n", f.items, wire.items);
     row(latency, "backup-agent restore (set of " + std::to_string(channels) + " channels)", f, wire);
