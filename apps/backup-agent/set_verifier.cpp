@@ -117,7 +117,6 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
   std::map<size_t, std::string> other_bytes;
   std::map<uint32_t, std::string> dirs;
   std::map<uint64_t, std::string> damage;  // where reading failed, and why
-  std::vector<char> piece(256 * 1024);
 
   bool from_start = true;
   const MTF_Set_Catalog::Entry* target = nullptr;  // where reading starts again after damage
@@ -188,26 +187,10 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
             held.path = block.name;
         }
         const bool hash = file && wanted(held.path);
-        MTF_Reader::Stream stream;
-        bool data_seen = false;
-        MTF_Sha256 sha;
-        while (reader.next_stream(stream) && stream.id != "SPAD")
-        {
-          if (stream.id == "STAN" && hash && !data_seen)
-          {
-            data_seen = true;
-            held.length = stream.length;
-            long long n;
-            while ((n = reader.read_data(piece.data(), piece.size())) > 0)
-              sha.update(piece.data(), static_cast<size_t>(n));
-            if (n < 0)
-              break;
-          }
-          else if (!reader.skip_data())
-            break;
-        }
-        if (!reader.error().empty())
+        MTF_Reader::Data_Digest streams;
+        if (!reader.read_streams(hash, streams))
           break;
+        held.length = streams.length;
         if (progress)
           progress(bytes_done_ + reader.position());
         if (block.type == "ESET")
@@ -219,18 +202,18 @@ void Set_Verifier::check_data_file(uint32_t index, const std::function<bool(cons
         }
         if (!hash)
           continue;
-        if (!data_seen || held.length != block.display_size)
+        if (!streams.seen || held.length != block.display_size)
         {
           // The block is readable but not a whole file: its own damage only.
           if (expected != nullptr && pending.count(here->second))
             settle(here->second, DAMAGED,
                    data.name + " offset " + std::to_string(block.offset) + ": the FILE block's data stream " +
-                     (data_seen ? "holds " + std::to_string(held.length) + " bytes, the block says " +
-                                    std::to_string(block.display_size)
-                                : std::string("is missing")));
+                     (streams.seen ? "holds " + std::to_string(held.length) + " bytes, the block says " +
+                                       std::to_string(block.display_size)
+                                   : std::string("is missing")));
           continue;
         }
-        held.sha256 = sha.hex();
+        held.sha256 = streams.sha256;
         if (expected != nullptr && pending.count(here->second) && expected->path == held.path)
         {
           if (expected->length == held.length && expected->sha256 == held.sha256)

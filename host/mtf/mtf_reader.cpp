@@ -4,6 +4,7 @@
 #include <zstd.h>
 
 #include "host/mtf/mtf_format.h"
+#include "host/mtf/mtf_sha256.h"
 
 using namespace MTF_Format;
 
@@ -313,4 +314,30 @@ bool MTF_Reader::skip_data()
   uint64_t left = stream_left_;
   stream_left_ = 0;
   return skip(left);
+}
+
+bool MTF_Reader::read_streams(bool hash, Data_Digest& digest)
+{
+  digest = Data_Digest();
+  Stream stream;
+  MTF_Sha256 sha;
+  while (next_stream(stream) && stream.id != "SPAD")
+  {
+    if (stream.id != "STAN" || !hash || digest.seen)
+    {
+      if (!skip_data())
+        return false;
+      continue;
+    }
+    digest.seen = true;
+    digest.length = stream.length;
+    piece_.resize(256 * 1024);
+    long long n;
+    while ((n = read_data(piece_.data(), piece_.size())) > 0)
+      sha.update(piece_.data(), static_cast<size_t>(n));
+    if (n < 0)
+      return false;
+    digest.sha256 = sha.hex();
+  }
+  return error().empty();
 }

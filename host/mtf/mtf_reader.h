@@ -65,6 +65,18 @@ public:
   // Data of the current stream: bytes read, 0 at its end, -1 on failure.
   long long read_data(char* data, size_t len);
   bool skip_data();
+
+  // What read_streams found among a block's streams.
+  struct Data_Digest
+  {
+    bool seen = false;    // the block has a "STAN" (data) stream
+    uint64_t length = 0;  // the length of its first one
+    std::string sha256;   // that stream's SHA-256 in hex, when asked for
+  };
+  // Reads the streams of the current block up to the SPAD that ends it: with
+  // `hash`, the first "STAN" stream's data is read and hashed into `digest`;
+  // everything else is skipped. False on a read failure (error() says where).
+  bool read_streams(bool hash, Data_Digest& digest);
   // Moves forward to `offset` (not backwards).
   bool skip_to(uint64_t offset);
   // True when no byte is left (false with error() set on a read failure).
@@ -94,6 +106,7 @@ private:
   uint64_t position_;
   uint64_t stream_left_ = 0;
   bool failed_ = false;
+  std::vector<char> piece_;  // read_streams' buffer
   std::string error_;
 };
 

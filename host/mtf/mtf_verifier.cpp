@@ -21,7 +21,6 @@ bool MTF_Verifier::check_data_file(MTF_Reader::Source source, bool compressed, c
   std::string current_dir;
   const char* expected_start[] = {"TAPE", "SSET", "VOLB"};
   uint64_t sset_offset = 0;
-  std::vector<char> piece(256 * 1024);
   std::string where;  // the path of the block being read, for messages
   for (size_t index = 0;; ++index)
   {
@@ -77,29 +76,13 @@ bool MTF_Verifier::check_data_file(MTF_Reader::Source source, bool compressed, c
       where = " ('" + file.path + "')";
     }
     // Streams up to the SPAD that ends the block.
-    MTF_Reader::Stream stream;
-    bool data_seen = false;
-    MTF_Sha256 sha;
-    while (reader.next_stream(stream) && stream.id != "SPAD")
-    {
-      if (stream.id == "STAN" && block.type == "FILE" && !data_seen)
-      {
-        data_seen = true;
-        file.length = stream.length;
-        long long n;
-        while ((n = reader.read_data(piece.data(), piece.size())) > 0)
-          sha.update(piece.data(), static_cast<size_t>(n));
-        if (n < 0)
-          break;
-      }
-      else if (!reader.skip_data())
-        break;
-    }
-    if (!reader.error().empty())
+    MTF_Reader::Data_Digest data;
+    if (!reader.read_streams(block.type == "FILE", data))
       break;
+    file.length = data.length;
     if (block.type == "FILE")
     {
-      if (!data_seen)
+      if (!data.seen)
       {
         error = name + " offset " + std::to_string(block.offset) + where + ": FILE without a data stream";
         return false;
@@ -110,7 +93,7 @@ bool MTF_Verifier::check_data_file(MTF_Reader::Source source, bool compressed, c
                 std::to_string(file.length) + " bytes, the FILE block says " + std::to_string(block.display_size);
         return false;
       }
-      file.sha256 = sha.hex();
+      file.sha256 = data.sha256;
       files.push_back(file);
     }
     if (block.type == "ESET")
