@@ -4,13 +4,7 @@
 #include <sys/stat.h>
 
 #include "host/base/log.h"
-
-static std::string trim(const std::string& s)
-{
-  size_t b = s.find_first_not_of(" \t\r");
-  size_t e = s.find_last_not_of(" \t\r");
-  return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
-}
+#include "host/base/trim.h"
 
 bool Access_Keys::load(const std::string& path, std::string& error)
 {
@@ -27,7 +21,7 @@ bool Access_Keys::load(const std::string& path, std::string& error)
   std::string line;
   for (int number = 1; std::getline(in, line); ++number)
   {
-    line = trim(line);
+    line = trim_space(line);
     if (line.empty() || line[0] == '#')
       continue;
     // The key itself never goes into the message.

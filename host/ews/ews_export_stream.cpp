@@ -134,11 +134,11 @@ void EWS_Export_Stream::end(const std::string& ns, const std::string& local)
   if (field_ == "Value")
     m.add_value(value_name_, text_);
   else if (field_ == "ResponseCode")
-    m.code = ews_trim(text_);
+    m.code = trim_space(text_);
   else if (field_ == "MessageText" || field_ == "Message")
-    m.text = ews_trim(text_);
+    m.text = trim_space(text_);
   else if (field_ == "faultstring" && m.text.empty())
-    m.text = ews_trim(text_);
+    m.text = trim_space(text_);
   field_.clear();
   text_.clear();
   if (local == "MessageXml")

@@ -27,20 +27,9 @@ void read_values(const pugi::xml_node& node, EWS_Soap_Message& message)
 }
 }  // namespace
 
-std::string ews_trim(const std::string& text)
-{
-  size_t begin = 0;
-  size_t end = text.size();
-  while (begin < end && std::isspace(static_cast<unsigned char>(text[begin])))
-    ++begin;
-  while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1])))
-    --end;
-  return text.substr(begin, end - begin);
-}
-
 void EWS_Soap_Message::add_value(const std::string& name, const std::string& value)
 {
-  const std::string v = ews_trim(value);
+  const std::string v = trim_space(value);
   if (name == "BackOffMilliseconds")
   {
     char* end = nullptr;
@@ -66,9 +55,9 @@ Host_Status EWS_Soap_Message::status() const
 EWS_Soap_Message ews_read_message(const pugi::xml_node& message)
 {
   EWS_Soap_Message m;
-  m.response_class = ews_trim(message.attribute("ResponseClass").value());
-  m.code = ews_trim(child(message, "ResponseCode").text().get());
-  m.text = ews_trim(child(message, "MessageText").text().get());
+  m.response_class = trim_space(message.attribute("ResponseClass").value());
+  m.code = trim_space(child(message, "ResponseCode").text().get());
+  m.text = trim_space(child(message, "MessageText").text().get());
   read_values(child(message, "MessageXml"), m);
   return m;
 }
@@ -78,10 +67,10 @@ EWS_Soap_Message ews_read_fault(const pugi::xml_node& fault)
   EWS_Soap_Message m;
   m.response_class = "Error";
   const pugi::xml_node detail = child(fault, "detail");
-  m.code = ews_trim(child(detail, "ResponseCode").text().get());
-  m.text = ews_trim(child(detail, "Message").text().get());
+  m.code = trim_space(child(detail, "ResponseCode").text().get());
+  m.text = trim_space(child(detail, "Message").text().get());
   if (m.text.empty())
-    m.text = ews_trim(child(fault, "faultstring").text().get());
+    m.text = trim_space(child(fault, "faultstring").text().get());
   read_values(child(detail, "MessageXml"), m);
   return m;
 }

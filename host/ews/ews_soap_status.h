@@ -2,6 +2,7 @@
 #define HOST_EWS_EWS_SOAP_STATUS_H
 
 #include "host/base/host_status.h"
+#include "host/base/trim.h"
 
 #include <pugixml.hpp>
 
@@ -24,9 +25,6 @@ struct EWS_Soap_Message
   // with time) or permanent.
   Host_Status status() const;
 };
-
-// Whitespace stripped from both ends.
-std::string ews_trim(const std::string& text);
 
 // Reads a "m:<Op>ResponseMessage" element.
 EWS_Soap_Message ews_read_message(const pugi::xml_node& message);

@@ -186,7 +186,7 @@ Host_Status EWS_Soap_Transport::read_http_failure(const HTTP_Response& response,
   }
   if (status >= 500)
     return Host_Status::make(HOST_STATUS_TRANSIENT, code, "server error");
-  return Host_Status::make(HOST_STATUS_PERMANENT, code, ews_trim(response.body().substr(0, 256)));
+  return Host_Status::make(HOST_STATUS_PERMANENT, code, trim_space(response.body().substr(0, 256)));
 }
 
 void EWS_Soap_Transport::prepare(HTTP_Request& http, const pugi::xml_document& doc) const

@@ -1,6 +1,7 @@
 #include "host/http/http_session.h"
 
 #include "host/base/log.h"
+#include "host/base/trim.h"
 
 #include <curl/curl.h>
 #include <openssl/pem.h>
@@ -91,17 +92,6 @@ CURLcode add_ca_file(CURL*, void* ssl_ctx, void* user)
   return added > 0 ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
 }
 
-std::string trim(const std::string& text)
-{
-  size_t begin = 0;
-  size_t end = text.size();
-  while (begin < end && std::isspace(static_cast<unsigned char>(text[begin])))
-    ++begin;
-  while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1])))
-    --end;
-  return text.substr(begin, end - begin);
-}
-
 // Header lines of the final answer only: a new status line starts over, so the
 // fields of an interim "100 Continue" are not kept.
 size_t write_header(char* data, size_t size, size_t count, void* user)
@@ -114,7 +104,7 @@ size_t write_header(char* data, size_t size, size_t count, void* user)
   {
     const size_t colon = line.find(':');
     if (colon != std::string::npos)
-      response->headers().put(trim(line.substr(0, colon)), trim(line.substr(colon + 1)), false);
+      response->headers().put(trim_space(line.substr(0, colon)), trim_space(line.substr(colon + 1)), false);
   }
   return size * count;
 }

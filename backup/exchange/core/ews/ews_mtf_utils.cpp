@@ -1,5 +1,6 @@
 #include "backup/exchange/core/ews/ews_mtf_utils.h"
 
+#include "host/base/hex.h"
 #include "host/http/http_encoding.h"
 
 #include <cstdio>
@@ -14,16 +15,6 @@ const unsigned int index_flags = HTTP_ENCODE_SLASH | HTTP_ENCODE_UPPER_HEX | HTT
                                  HTTP_KEEP_RIGHT_PAREN | HTTP_KEEP_APOSTROPHE | HTTP_KEEP_ASTERISK |
                                  HTTP_KEEP_EXCLAMATION;
 
-int hex_value(char c)
-{
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
 }  // namespace
 
 std::string encode_name(const std::string& name)
@@ -43,8 +34,8 @@ std::string decode_path(const std::string& text)
   {
     if (text[i] == '%' && i + 2 < text.size())
     {
-      const int high = hex_value(text[i + 1]);
-      const int low = hex_value(text[i + 2]);
+      const int high = hex_digit_value(text[i + 1]);
+      const int low = hex_digit_value(text[i + 2]);
       if (high >= 0 && low >= 0)
       {
         out.push_back(static_cast<char>((high << 4) | low));
