@@ -1,5 +1,6 @@
 #include "host/job/instance_handler.h"
 #include "host/job/job_creator.h"
+#include "host/jsonrpc/json_rpc_dispatcher.h"
 #include "host/jsonrpc/json_rpc_handler.h"
 #include "host/job/object_creator.h"
 #include "host/job/yajl_parser.h"
@@ -192,4 +193,20 @@ TEST_F(ModuleLoading, InstanceHandlerReportsTheProxyInstance)
   EXPECT_EQ(instances["Exchange_Online_Proxy"]->to_json().dump(),
             R"({"type":"exchange","name":"Exchange_Online_Proxy","uuid":"","options":{"is_proxy":true}})");
   g(handler);
+}
+
+TEST_F(ModuleLoading, DispatcherRunsTheModulesHandlersByMethodName)
+{
+  JSON_RPC_Dispatcher::Method_Table methods;
+  const Make list_folders = make("JSON_RPC_Exchange_Online_List_Folder_Handler");
+  ASSERT_NE(list_folders, nullptr);
+  methods["exchange.list_folders"] = [list_folders](void (**release)(void*))
+  { return static_cast<JSON_RPC_Handler*>(list_folders(release)); };
+  const JSON_RPC_Dispatcher dispatcher(methods);
+  const nlohmann::ordered_json replies = nlohmann::ordered_json::parse(dispatcher.dispatch(R"([
+    {"jsonrpc": "2.0", "method": "exchange.list_folders", "params": {"mailbox": "m"}, "id": 1},
+    {"jsonrpc": "2.0", "method": "exchange.browse_set", "params": {}, "id": 2}])"));
+  ASSERT_EQ(replies.size(), 2u) << replies.dump();
+  EXPECT_EQ(replies[0]["error"]["message"], "Invalid params: 'uuid' is expected as string in params.");
+  EXPECT_EQ(replies[1]["error"]["code"], -32601);
 }
