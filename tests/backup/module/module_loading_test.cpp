@@ -14,8 +14,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include "tests/host/jsonrpc/recording_channel.h"
-
 namespace
 {
 typedef void (*Gobble)(void*);
@@ -156,29 +154,6 @@ TEST_F(ModuleLoading, ParserCreatorsMakeFreshParsersOfTheRightKind)
   creator->destroy(a);
   creator->destroy(b);
   g(creator);
-}
-
-TEST_F(ModuleLoading, JsonRpcHandlersAnswerThroughTheHostChannel)
-{
-  const char* const handlers[] = {
-    "JSON_RPC_Exchange_Online_Test_Handler",
-    "JSON_RPC_Exchange_Online_List_Handler",
-    "JSON_RPC_Exchange_Online_List_Folder_Handler",
-    "JSON_RPC_Exchange_Online_List_Backupset_Handler",
-  };
-  for (const char* name : handlers)
-  {
-    Gobble g = nullptr;
-    JSON_RPC_Handler* handler = static_cast<JSON_RPC_Handler*>(make(name)(&g));
-    ASSERT_NE(handler, nullptr) << name;
-    Recording_Channel* recording = new Recording_Channel();
-    JSON_RPC_Channel_Ptr channel(recording);
-    JSON_RPC_Object_Ptr request(
-      new JSON_RPC_Object(JSON_RPC_REQUEST, nlohmann::ordered_json(1), "m", nlohmann::ordered_json::array()));
-    EXPECT_EQ(handler->handle_object(channel, request), 0) << name;
-    EXPECT_EQ(recording->only()["error"]["message"], "Invalid params: params type must be object.") << name;
-    g(handler);
-  }
 }
 
 TEST_F(ModuleLoading, InstanceHandlerReportsTheProxyInstance)
