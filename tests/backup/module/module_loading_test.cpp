@@ -1,4 +1,7 @@
+#include "host/job/instance_handler.h"
 #include "host/job/job_creator.h"
+#include "host/jsonrpc/json_rpc_dispatcher.h"
+#include "host/jsonrpc/json_rpc_handler.h"
 #include "host/job/object_creator.h"
 #include "host/job/yajl_parser.h"
 
@@ -27,15 +30,6 @@ const char* const all_names[] = {
   "JSON_RPC_Exchange_Online_List_Handler",
   "JSON_RPC_Exchange_Online_List_Folder_Handler",
   "JSON_RPC_Exchange_Online_List_Backupset_Handler",
-};
-
-// The pairs built so far; every one of all_names once the module is complete.
-const char* const built[] = {
-  "Exchange_Job_Creator",
-  "Exchange_Backup_Job_Options_Parser_Creator",
-  "Exchange_Backup_Job_Source_Parser_Creator",
-  "Exchange_Restore_Job_Options_Parser_Creator",
-  "Exchange_Restore_Job_Source_Parser_Creator",
 };
 
 class ModuleLoading : public ::testing::Test
@@ -92,7 +86,7 @@ TEST_F(ModuleLoading, EveryExportedPairMakesAndGobbles)
     g(quiet);
     g(nullptr);  // and so is a null object
   }
-  EXPECT_EQ(pairs, static_cast<int>(std::size(built)));
+  EXPECT_EQ(pairs, static_cast<int>(std::size(all_names)));
 }
 
 // The symbols the module's dynamic symbol table defines, as `nm -D` lists them.
@@ -116,10 +110,10 @@ std::set<std::string> defined_dynamic_symbols(const char* path)
   return names;
 }
 
-TEST_F(ModuleLoading, NothingButTheBuiltFactoryPairsIsExported)
+TEST_F(ModuleLoading, NothingButTheTenFactoryPairsIsExported)
 {
   std::set<std::string> expected;
-  for (const char* name : built)
+  for (const char* name : all_names)
   {
     expected.insert(std::string("_make_") + name);
     expected.insert(std::string("_gobble_") + name);
@@ -160,4 +154,34 @@ TEST_F(ModuleLoading, ParserCreatorsMakeFreshParsersOfTheRightKind)
   creator->destroy(a);
   creator->destroy(b);
   g(creator);
+}
+
+TEST_F(ModuleLoading, InstanceHandlerReportsTheProxyInstance)
+{
+  Gobble g = nullptr;
+  Instance_Handler* handler = static_cast<Instance_Handler*>(make("Exchange_Instance_Handler")(&g));
+  ASSERT_NE(handler, nullptr);
+  EXPECT_EQ(handler->type(), "exchange");
+  Instance_Handler::instances_type instances;
+  EXPECT_EQ(handler->probe_instances(instances), 0);
+  ASSERT_EQ(instances.count("Exchange_Online_Proxy"), 1u);
+  EXPECT_EQ(instances["Exchange_Online_Proxy"]->to_json().dump(),
+            R"({"type":"exchange","name":"Exchange_Online_Proxy","uuid":"","options":{"is_proxy":true}})");
+  g(handler);
+}
+
+TEST_F(ModuleLoading, DispatcherRunsTheModulesHandlersByMethodName)
+{
+  JSON_RPC_Dispatcher::Method_Table methods;
+  const Make list_folders = make("JSON_RPC_Exchange_Online_List_Folder_Handler");
+  ASSERT_NE(list_folders, nullptr);
+  methods["exchange.list_folders"] = [list_folders](void (**release)(void*))
+  { return static_cast<JSON_RPC_Handler*>(list_folders(release)); };
+  const JSON_RPC_Dispatcher dispatcher(methods);
+  const nlohmann::ordered_json replies = nlohmann::ordered_json::parse(dispatcher.dispatch(R"([
+    {"jsonrpc": "2.0", "method": "exchange.list_folders", "params": {"mailbox": "m"}, "id": 1},
+    {"jsonrpc": "2.0", "method": "exchange.browse_set", "params": {}, "id": 2}])"));
+  ASSERT_EQ(replies.size(), 2u) << replies.dump();
+  EXPECT_EQ(replies[0]["error"]["message"], "Invalid params: 'uuid' is expected as string in params.");
+  EXPECT_EQ(replies[1]["error"]["code"], -32601);
 }
