@@ -5,22 +5,29 @@
 
 namespace
 {
-// Pages asked for at most; far beyond any tenant (999 mailboxes a page), it only
-// keeps a handler that always answers a token from looping for ever.
-const int MAX_PAGES = 100000;
+// Pages asked for at most: far beyond any tenant, it only keeps a service that
+// always answers a further token from looping for ever.
+const int MAX_PAGES = 1000000;
 }  // namespace
 
 const char* Mailboxes_Command::usage()
 {
-  return "usage: backup-agent [--config FILE] mailboxes --tenant UUID [--search TEXT] [--json]\n"
-         "Lists the mailboxes of a registered tenant (Microsoft Graph users), all pages.\n";
+  return "usage: backup-agent [--config FILE] mailboxes --tenant UUID [--search TEXT] [--page-size N] [--json]\n"
+         "Lists the mailboxes of a registered tenant (Microsoft Graph users), all pages of\n"
+         "N mailboxes (1 to 999, 999 by default).\n";
 }
 
 int Mailboxes_Command::run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
   std::string tenant, search, error;
   bool json = false, help = false;
-  bool ok = Flag_Reader(help).value("--tenant", tenant).value("--search", search).flag("--json", json).read(args, error);
+  int page_size = 999;
+  bool ok = Flag_Reader(help)
+              .value("--tenant", tenant)
+              .value("--search", search)
+              .number("--page-size", page_size, 1, 999)
+              .flag("--json", json)
+              .read(args, error);
   if (ok && !help && tenant.empty())
   {
     error = "--tenant is required";
@@ -46,7 +53,7 @@ int Mailboxes_Command::run(const std::vector<std::string>& args, std::ostream& o
   std::string skip_token;
   for (int page = 0; page < MAX_PAGES; ++page)
   {
-    nlohmann::ordered_json params = {{"uuid", tenant}, {"limit", 999}};
+    nlohmann::ordered_json params = {{"uuid", tenant}, {"limit", page_size}};
     if (!skip_token.empty())
       params["skip_token"] = skip_token;
     if (!search.empty())

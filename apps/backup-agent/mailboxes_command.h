@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-// `mailboxes --tenant UUID [--search TEXT] [--json]`: the mailboxes (user
-// principal names) of a registered tenant, through the module's
-// "exchange.list_mailboxes" handler called in-process, page after page while
-// the handler gives a "skip_token". One address per line; with --json one
+// `mailboxes --tenant UUID [--search TEXT] [--page-size N] [--json]`: the
+// mailboxes (user principal names) of a registered tenant, through the module's
+// "exchange.list_mailboxes" handler called in-process, page after page (of N,
+// 999 by default) while the handler gives a "skip_token". One address per line; with --json one
 // object {"total", "rows": [{"mailbox"}]} of every page. Exit status 0, 1 when
 // the handler answers an error, 64 for a bad invocation.
 class Mailboxes_Command
