@@ -465,3 +465,27 @@ TEST_F(Serve_Run, TheBrowsingCommandsPrintWhatTheHandlersAnswer)
   EXPECT_EQ(missing.status, 1);
   EXPECT_TRUE(missing.says("the set has no folder Inbox/No such folder")) << missing.err;
 }
+
+TEST_F(Serve_Run, SigtermCancelsTheRunningBackupAndEndsCleanly)
+{
+  // Every EWS answer late: the backup is still running when the signal comes.
+  Exo_Sim_Process sim({"--profile", "tiny", "--latency-ms", "200"});
+  configure(sim);
+  Serve_Process agent(config_, dir_);
+  nlohmann::ordered_json reply =
+    agent.call("agent.start_backup", {{"tenant", tenant_uuid},
+                                      {"mailboxes", {sim.mailbox("alice.archer"), sim.mailbox("bruno.brandt")}},
+                                      {"pool", "pool-1"}});
+  ASSERT_TRUE(reply.contains("result")) << reply.dump();
+  reply = agent.call("agent.job_status", {{"job_id", reply["result"]["job_id"]}});
+  ASSERT_EQ(reply["result"]["state"], "running") << reply.dump();
+  const auto asked = std::chrono::steady_clock::now();
+  const Agent_Outcome stopped = agent.stop();
+  EXPECT_EQ(stopped.status, 0) << stopped.err;
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(60));
+  EXPECT_TRUE(stopped.says("cancelled")) << stopped.err;
+  // A cancelled backup posts no record.
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange", result, -1, 0));
+  EXPECT_TRUE(result["rows"].empty()) << result.dump();
+}
