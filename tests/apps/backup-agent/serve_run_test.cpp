@@ -124,6 +124,12 @@ TEST_F(Serve_Run, RefusesWhatItMustAndKeepsServing)
   reply = agent.call("agent.start_backup", {{"tenant", tenant_uuid}, {"pool", "pool-1"}});
   EXPECT_EQ(error_code(reply), -32602);
   reply = agent.call("agent.start_backup",
+                     {{"tenant", tenant_uuid}, {"pool", "pool-1"}, {"mailboxes", {"a"}}, {"all_mailboxes", true}});
+  EXPECT_EQ(error_code(reply), -32602);
+  reply = agent.call("agent.start_backup",
+                     {{"tenant", tenant_uuid}, {"pool", "pool-1"}, {"mailboxes", {"a"}}, {"channels", 65}});
+  EXPECT_EQ(error_code(reply), -32602);
+  reply = agent.call("agent.start_backup",
                      {{"tenant", "00000000-0000-4000-8000-000000000000"}, {"pool", "pool-1"}, {"mailboxes", {"a"}}});
   EXPECT_EQ(error_code(reply), -32602);
 
@@ -403,6 +409,16 @@ TEST_F(Serve_Run, TheBrowsingCommandsPrintWhatTheHandlersAnswer)
   EXPECT_EQ(unknown.status, 1);
   EXPECT_TRUE(unknown.says("-32603")) << unknown.err;
   EXPECT_EQ(agent_run({"mailboxes"}, "no-tenant").status, 64);
+
+  for (const char* command : {"mailboxes", "folders", "browse", "instances", "serve"})
+  {
+    const Agent_Outcome help = agent_run({command, "--help"}, std::string(command) + "-help");
+    EXPECT_EQ(help.status, 0) << command;
+    EXPECT_EQ(help.out.find(std::string("usage: backup-agent [--config FILE] ") + command), 0u) << help.out;
+  }
+  const Agent_Outcome usage = agent_run({"--help"}, "usage");
+  for (const char* command : {"serve", "mailboxes", "folders", "browse", "instances"})
+    EXPECT_NE(usage.out.find(std::string("\n  ") + command + " "), std::string::npos) << command;
 
   Agent_Outcome instances = agent_run({"instances"}, "instances");
   ASSERT_EQ(instances.status, 0) << instances.err;
