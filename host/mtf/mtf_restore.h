@@ -5,6 +5,7 @@
 #include <ace/Log_Msg_Callback.h>
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -26,9 +27,10 @@
 // Selection: an array of {"dir": path} (the directory and everything below it)
 // and {"file": path} objects, paths as backed up. Directories are announced to
 // the callbacks first (parents first), then the files go to `concurrent` workers
-// (default: channel_num), each a thread with its own callback, storage client
-// and reader. Every file's data is checked against its recorded SHA-256 before
-// its last piece reaches the writer. A file that fails is counted and logged and
+// (default: channel_num), each a thread with its own callback, and a reading
+// thread with its own storage client and reader that reads and checks the next
+// file while the current one is written. Every file's data is checked against
+// its recorded SHA-256 before its last piece reaches the writer. A file that fails is counted and logged and
 // the restore goes on.
 //
 // Configure, then call restore() once from one thread. The handler and the
@@ -54,6 +56,9 @@ public:
   void restore_select(const nlohmann::ordered_json& selection) { selection_ = selection; }
   void channel_num(unsigned n) { channel_num_ = n; }
   void concurrent(unsigned n) { concurrent_ = n; }
+  // How many bytes of the next file each worker may hold read ahead, besides
+  // the file its writer has (see MTF_Read_Ahead); default 32 MiB.
+  void read_ahead_bytes(uint64_t n) { read_ahead_bytes_ = n; }
   Client_IO_Base::Options& extra_client_io_opts() { return options_; }
   void pool_url(const std::string& url) { pool_url_ = url; }
 
@@ -77,6 +82,7 @@ public:
   const MTF_Set_Catalog& catalog() const { return catalog_; }
   const std::string& location() const { return location_; }
   const Client_IO_Base::Options& options() const { return options_; }
+  uint64_t read_ahead_bytes() const { return read_ahead_bytes_; }
   MTF::IRestore_Callback_Factory* factory() const { return factory_; }
   const std::shared_ptr<ACE_Log_Msg_Callback>& log_callback() const { return log_callback_; }
   // The next directory to announce; false when none is left. A directory is
@@ -109,6 +115,7 @@ private:
   nlohmann::ordered_json selection_ = nlohmann::ordered_json::array();
   unsigned channel_num_ = 1;
   unsigned concurrent_ = 0;
+  uint64_t read_ahead_bytes_ = 32ull * 1024 * 1024;
   Client_IO_Base::Options options_;
   std::string location_;
   MTF_Set_Catalog catalog_;
