@@ -117,10 +117,11 @@ TEST(MTF_Read_Ahead, HandsEveryFileOnceInOrderWithItsBytes)
   // Empty files, one-piece files, files of many pieces and a file whose piece
   // is larger than the whole bound (it still passes, alone).
   Files files({0, 5, 3000, 0, 10000, 1, 70000});
-  MTF_Read_Ahead ahead(files.next(),
-                       [&files](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string&)
-                       { return Files::read(files, e, sink, e.length > 50000 ? e.length : 1024); },
-                       4096);
+  MTF_Read_Ahead ahead(
+    files.next(),
+    [&files](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string&)
+    { return Files::read(files, e, sink, e.length > 50000 ? e.length : 1024); },
+    4096);
   ahead.start();
   std::vector<Seen> seen = take_all(ahead);
   ahead.stop();
@@ -139,21 +140,22 @@ TEST(MTF_Read_Ahead, ReadsOneFileAheadAndHoldsNoMoreThanTheBound)
   // of it only what fits the bound.
   Files files({10 * 1024, 100, 100, 100});
   std::atomic<int> put{0};
-  MTF_Read_Ahead ahead(files.next(),
-                       [&](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string&)
-                       {
-                         uint64_t done = 0;
-                         while (done < e.length)
-                         {
-                           std::vector<char> data(std::min<uint64_t>(1024, e.length - done), 'x');
-                           if (!sink.put(data))
-                             return false;
-                           ++put;
-                           done += 1024;
-                         }
-                         return true;
-                       },
-                       3 * 1024);
+  MTF_Read_Ahead ahead(
+    files.next(),
+    [&](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string&)
+    {
+      uint64_t done = 0;
+      while (done < e.length)
+      {
+        std::vector<char> data(std::min<uint64_t>(1024, e.length - done), 'x');
+        if (!sink.put(data))
+          return false;
+        ++put;
+        done += 1024;
+      }
+      return true;
+    },
+    3 * 1024);
   ahead.start();
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_LE(put.load(), 3);
@@ -183,20 +185,21 @@ TEST(MTF_Read_Ahead, AFailedFileAheadIsReportedForItselfAndTheCurrentOneGoesOn)
 {
   Files files({3000, 3000, 500});
   std::promise<void> second_failed;
-  MTF_Read_Ahead ahead(files.next(),
-                       [&](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string& error)
-                       {
-                         if (files.index(e) != 1)
-                           return Files::read(files, e, sink, 1000);
-                         // Half of it, then the set turns out damaged.
-                         std::string text = Files::bytes(1, 0, 1000);
-                         std::vector<char> data(text.begin(), text.end());
-                         sink.put(data);
-                         error = "damaged at 1000";
-                         second_failed.set_value();
-                         return false;
-                       },
-                       1 << 20);
+  MTF_Read_Ahead ahead(
+    files.next(),
+    [&](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string& error)
+    {
+      if (files.index(e) != 1)
+        return Files::read(files, e, sink, 1000);
+      // Half of it, then the set turns out damaged.
+      std::string text = Files::bytes(1, 0, 1000);
+      std::vector<char> data(text.begin(), text.end());
+      sink.put(data);
+      error = "damaged at 1000";
+      second_failed.set_value();
+      return false;
+    },
+    1 << 20);
   ahead.start();
   // The worker has begun the first file and is busy with it (an upload) while
   // the second one fails.
@@ -231,16 +234,17 @@ TEST(MTF_Read_Ahead, AFileThatFailsBeforeItsDataIsClosedWithoutData)
 {
   Files files({3000, 3000});
   std::promise<void> second_failed;
-  MTF_Read_Ahead ahead(files.next(),
-                       [&](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string& error)
-                       {
-                         if (files.index(e) == 0)
-                           return Files::read(files, e, sink, 1000);
-                         error = "cannot open";
-                         second_failed.set_value();
-                         return false;
-                       },
-                       1 << 20);
+  MTF_Read_Ahead ahead(
+    files.next(),
+    [&](const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string& error)
+    {
+      if (files.index(e) == 0)
+        return Files::read(files, e, sink, 1000);
+      error = "cannot open";
+      second_failed.set_value();
+      return false;
+    },
+    1 << 20);
   ahead.start();
   MTF_Read_Ahead::Piece piece;
   ASSERT_TRUE(ahead.take(piece));
