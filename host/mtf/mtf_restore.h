@@ -5,6 +5,7 @@
 #include <ace/Log_Msg_Callback.h>
 #include <atomic>
 #include <condition_variable>
+#include <map>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -25,13 +26,18 @@
 // refused.
 //
 // Selection: an array of {"dir": path} (the directory and everything below it)
-// and {"file": path} objects, paths as backed up. Directories are announced to
-// the callbacks first (parents first), then the files go to `concurrent` workers
-// (default: channel_num), each a thread with its own callback, and a reading
-// thread with its own storage client and reader that reads and checks the next
-// file while the current one is written. Every file's data is checked against
-// its recorded SHA-256 before its last piece reaches the writer. A file that fails is counted and logged and
-// the restore goes on.
+// and {"file": path} objects, paths as backed up. The files go to `concurrent`
+// workers (default: channel_num), which also announce the directories to their
+// callbacks: a directory once its parent's announcement has returned, a file
+// once its directory's has. A worker announces its next file's directory (and
+// what is missing above it) when it gets there, or waits while another worker
+// announces it, so files of directories already made are written while others
+// are still being made; directories no file needs are announced by workers
+// whose files are done. Each worker is a thread with its own callback, and a
+// reading thread with its own storage client and reader that reads and checks
+// the next file while the current one is written. Every file's data is checked
+// against its recorded SHA-256 before its last piece reaches the writer. A file
+// that fails is counted and logged and the restore goes on.
 //
 // Configure, then call restore() once from one thread. The handler and the
 // factory are not owned and must outlive restore().
@@ -85,14 +91,21 @@ public:
   uint64_t read_ahead_bytes() const { return read_ahead_bytes_; }
   MTF::IRestore_Callback_Factory* factory() const { return factory_; }
   const std::shared_ptr<ACE_Log_Msg_Callback>& log_callback() const { return log_callback_; }
-  // The next directory to announce; false when none is left. A directory is
-  // handed out only once every directory of fewer components has been announced,
-  // so workers announce parents before their children.
-  bool next_dir(std::string& path);
-  void dir_done(bool ok);
-  // Waits until every directory has been announced, no worker is left to do it,
-  // or the restore stops.
-  void wait_dirs();
+  // The directory of a file: an index for take_dir/dir_done/dir_announced, or
+  // -1 when the file needs none.
+  int dir_of(const MTF_Set_Catalog::Entry& file) const;
+  // A directory to announce now, whose parent's announcement has returned:
+  // the first one missing on the way to `wanted` (`wanted` itself at the
+  // end), or with -1 any; false when none can be taken now. Every directory
+  // taken must be given back to dir_done.
+  bool take_dir(int wanted, int& index, std::string& path);
+  void dir_done(int index, bool ok);
+  // True when directory `index` has been announced (-1: always).
+  bool dir_announced(int index);
+  // Waits until directory `wanted` has been announced or take_dir(wanted)
+  // can give one, or the restore stops. False when it stops, or with -1 when
+  // no directory is left waiting.
+  bool wait_dirs(int wanted);
   void worker_gone();
   bool next_batch(const Batch*& batch);
   bool should_stop();
@@ -100,6 +113,10 @@ public:
 
 private:
   bool select(std::vector<std::string>& dirs, std::vector<const MTF_Set_Catalog::Entry*>& files);
+  // Under lock_: the topmost directory not yet announced on the way to
+  // `wanted` (-1 when it is announced), and whether a directory can be taken.
+  int missing_above(int wanted) const;
+  bool takeable(int index) const;
   void make_batches(std::vector<const MTF_Set_Catalog::Entry*>& files);
 
   MTF::Event_Handler& handler_;
@@ -119,13 +136,23 @@ private:
   Client_IO_Base::Options options_;
   std::string location_;
   MTF_Set_Catalog catalog_;
+  // Directories to announce, parents first; for each the index of its parent
+  // (-1 when none is selected) and its state.
   std::vector<std::string> dirs_;
-  std::vector<size_t> level_start_;  // per dirs_ entry: index of the first one as deep
+  std::vector<int> dir_parent_;
+  std::map<std::string, int> dir_index_;
+  enum Dir_State : unsigned char
+  {
+    DIR_WAITING,
+    DIR_TAKEN,
+    DIR_DONE
+  };
   std::vector<Batch> batches_;
 
   std::mutex lock_;  // guards the hand-out positions and the worker count
   std::condition_variable dirs_ready_;
-  size_t next_dir_ = 0;
+  std::vector<Dir_State> dir_state_;
+  size_t first_waiting_dir_ = 0;  // no directory before it is waiting
   size_t dirs_finished_ = 0;
   size_t next_batch_ = 0;
   unsigned live_workers_ = 0;

@@ -60,30 +60,50 @@ void MTF_Restore_Worker::run()
   if (callback_)
   {
     separator_ = callback_->directory_separator();
-    // Reading starts at once: the first files are read while directories are
-    // still being announced.
+    // Reading starts at once: the first file is read while its directory is
+    // being announced.
     MTF_Read_Ahead ahead([this](const MTF_Set_Catalog::Entry*& entry) { return next_file(entry); },
                          [this](const MTF_Set_Catalog::Entry& entry, MTF_Read_Ahead::Sink& sink, std::string& error)
                          { return read_file(entry, sink, error); },
                          owner_.read_ahead_bytes());
     ahead.start(route_log);
-    std::string dir;
-    while (!owner_.should_stop() && owner_.next_dir(dir))
-    {
-      std::string path = local_path(dir);
-      bool ok = callback_->mkdir_p(path.c_str());
-      if (!ok)
-        LOG_MSG(LM_ERROR, "Failed to create directory '%s'\n", path.c_str());
-      owner_.dir_done(ok);
-    }
-    owner_.wait_dirs();
     restore_files(ahead);
     ahead.stop();
+    // Directories no file of this worker needed.
+    while (!owner_.should_stop() && announce_dirs(-1))
+    {
+    }
     reader_.reset();
     io_.close_read();
   }
   owner_.worker_gone();
   route_log(false);
+}
+
+bool MTF_Restore_Worker::announce_dirs(int wanted)
+{
+  for (;;)
+  {
+    if (owner_.should_stop())
+      return false;
+    if (wanted >= 0 && owner_.dir_announced(wanted))
+      return true;
+    int index = -1;
+    std::string dir;
+    if (owner_.take_dir(wanted, index, dir))
+    {
+      std::string path = local_path(dir);
+      bool ok = callback_->mkdir_p(path.c_str());
+      if (!ok)
+        LOG_MSG(LM_ERROR, "Failed to create directory '%s'\n", path.c_str());
+      owner_.dir_done(index, ok);
+      if (wanted < 0)
+        return true;
+      continue;
+    }
+    if (!owner_.wait_dirs(wanted))
+      return false;
+  }
 }
 
 bool MTF_Restore_Worker::next_file(const MTF_Set_Catalog::Entry*& entry)
@@ -113,6 +133,9 @@ void MTF_Restore_Worker::restore_files(MTF_Read_Ahead& ahead)
     const MTF_Set_Catalog::Entry& e = *piece.entry;
     if (piece.first)
     {
+      // A file is opened only once its directory is announced.
+      if (!announce_dirs(owner_.dir_of(e)))
+        break;
       current = &e;
       path = local_path(e.path);
       ok = true;

@@ -15,11 +15,13 @@
 // thread (MTF_Read_Ahead) with its own storage client and reader. The reading
 // thread takes batches of files (runs of one data file in offset order, read
 // forward with as few ranged reads as possible) and reads and checks them one
-// file ahead of the worker, starting while the worker still announces
-// directories. The worker announces directories while any are left, waits until
-// all are announced, then hands the files to its callback's writers in the
-// order they were read, so that a file is read while the one before it is
-// written. Owned by MTF_Restore; start() and join() from its thread.
+// file ahead of the worker. The worker hands the files to its callback's
+// writers in that order, so that a file is read while the one before it is
+// written; before opening a file it announces the file's directory (and the
+// missing ones above it) unless that is done, or waits while another worker
+// announces one of them. When its files are done it announces any directory
+// still left. Owned by MTF_Restore; start() and join()
+// from its thread.
 class MTF_Restore_Worker
 {
 public:
@@ -33,6 +35,10 @@ private:
   void run();
   // On the worker's thread: every file the read-ahead hands out, to a writer.
   void restore_files(MTF_Read_Ahead& ahead);
+  // Announces directories until directory `wanted` is announced; with -1, one
+  // directory. False when the restore stops, or with -1 when no directory is
+  // left to take.
+  bool announce_dirs(int wanted);
   // On the reading thread.
   bool next_file(const MTF_Set_Catalog::Entry*& entry);
   bool read_file(const MTF_Set_Catalog::Entry& entry, MTF_Read_Ahead::Sink& sink, std::string& error);
