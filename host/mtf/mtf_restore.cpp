@@ -192,7 +192,6 @@ int MTF_Restore::restore()
     "Restoring %Q files (%Q bytes) and %Q directories of backup set revision %d from '%s' with %u worker(s)%s%s.\n",
     static_cast<ACE_UINT64>(files_total_), static_cast<ACE_UINT64>(bytes_total_), static_cast<ACE_UINT64>(dirs_.size()),
     seq_, location_.c_str(), workers, definition_uuid_.empty() ? "" : " for job ", definition_uuid_.c_str());
-  live_workers_ = workers;
   std::vector<std::unique_ptr<MTF_Restore_Worker>> pool;
   for (unsigned i = 0; i < workers; ++i)
     pool.emplace_back(new MTF_Restore_Worker(*this, i));
@@ -277,7 +276,6 @@ void MTF_Restore::dir_done(int index, bool ok)
     ++dirs_done_;
   std::lock_guard<std::mutex> guard(lock_);
   dir_state_[index] = DIR_DONE;
-  ++dirs_finished_;
   dirs_ready_.notify_all();
 }
 
@@ -327,13 +325,6 @@ bool MTF_Restore::wait_dirs(int wanted)
     if (dir_state_[i] == DIR_WAITING)
       return true;
   return false;
-}
-
-void MTF_Restore::worker_gone()
-{
-  std::lock_guard<std::mutex> guard(lock_);
-  --live_workers_;
-  dirs_ready_.notify_all();
 }
 
 bool MTF_Restore::next_batch(const Batch*& batch)

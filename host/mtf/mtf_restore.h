@@ -106,7 +106,6 @@ public:
   // can give one, or the restore stops. False when it stops, or with -1 when
   // no directory is left waiting.
   bool wait_dirs(int wanted);
-  void worker_gone();
   bool next_batch(const Batch*& batch);
   bool should_stop();
   void file_done(ACE_UINT64 bytes, bool ok);
@@ -149,13 +148,11 @@ private:
   };
   std::vector<Batch> batches_;
 
-  std::mutex lock_;  // guards the hand-out positions and the worker count
+  std::mutex lock_;  // guards the hand-out positions and the directory states
   std::condition_variable dirs_ready_;
   std::vector<Dir_State> dir_state_;
   size_t first_waiting_dir_ = 0;  // no directory before it is waiting
-  size_t dirs_finished_ = 0;
   size_t next_batch_ = 0;
-  unsigned live_workers_ = 0;
   std::atomic<bool> stop_{false};
   std::atomic<bool> cancelled_{false};
   std::atomic<ACE_UINT64> bytes_done_{0};

@@ -76,7 +76,6 @@ void MTF_Restore_Worker::run()
     reader_.reset();
     io_.close_read();
   }
-  owner_.worker_gone();
   route_log(false);
 }
 
