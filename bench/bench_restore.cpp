@@ -18,7 +18,8 @@
 //   (every top-level folder by --path, under a new relocation), timed from the
 //   agent's start to its exit.
 // Prints one Markdown table row per run: items, MiB, items/s, MiB/s and the
-// time against the wire limit's.
+// time against the wire limit's; then, per latency, how many workers the
+// restore ran and its peak RSS.
 
 #include "agent_run.h"
 #include <sys/stat.h>  // backupd_process.h uses chmod
@@ -279,6 +280,8 @@ int main(int argc, char** argv)
     if (f.ok && f.items != wire.items)
       std::fprintf(stderr, "the restore uploaded %.0f items, the mailbox has %.0f\n", f.items, wire.items);
     row(latency, "backup-agent restore (set of " + std::to_string(channels) + " channels)", f, wire);
+    notes.push_back(std::to_string(latency) + " ms: the restore's peak RSS was " + std::to_string(restore.rss_mib) +
+                    " MiB.");
     // How many workers the restore stream ran, from the agent's log.
     std::ifstream log(dir + "/restore.out.err");
     for (std::string line; std::getline(log, line);)

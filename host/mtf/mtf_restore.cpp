@@ -92,12 +92,20 @@ bool MTF_Restore::select(std::vector<std::string>& dirs, std::vector<const MTF_S
   std::stable_sort(dirs.begin(), dirs.end(),
                    [sep](const std::string& a, const std::string& b)
                    { return std::count(a.begin(), a.end(), sep) < std::count(b.begin(), b.end(), sep); });
-  level_start_.assign(dirs.size(), 0);
-  for (size_t i = 1; i < dirs.size(); ++i)
-    level_start_[i] =
-      std::count(dirs[i].begin(), dirs[i].end(), sep) == std::count(dirs[i - 1].begin(), dirs[i - 1].end(), sep)
-        ? level_start_[i - 1]
-        : i;
+  dir_index_.clear();
+  for (size_t i = 0; i < dirs.size(); ++i)
+    dir_index_[dirs[i]] = static_cast<int>(i);
+  dir_parent_.assign(dirs.size(), -1);
+  for (size_t i = 0; i < dirs.size(); ++i)
+  {
+    size_t len = MTF_FS::dirname(dirs[i].c_str(), static_cast<int>(dirs[i].size()), sep);
+    if (len == std::string::npos)
+      continue;
+    auto parent = dir_index_.find(dirs[i].substr(0, len));
+    if (parent != dir_index_.end())
+      dir_parent_[i] = parent->second;
+  }
+  dir_state_.assign(dirs.size(), DIR_WAITING);
   return ok;
 }
 
@@ -184,7 +192,6 @@ int MTF_Restore::restore()
     "Restoring %Q files (%Q bytes) and %Q directories of backup set revision %d from '%s' with %u worker(s)%s%s.\n",
     static_cast<ACE_UINT64>(files_total_), static_cast<ACE_UINT64>(bytes_total_), static_cast<ACE_UINT64>(dirs_.size()),
     seq_, location_.c_str(), workers, definition_uuid_.empty() ? "" : " for job ", definition_uuid_.c_str());
-  live_workers_ = workers;
   std::vector<std::unique_ptr<MTF_Restore_Worker>> pool;
   for (unsigned i = 0; i < workers; ++i)
     pool.emplace_back(new MTF_Restore_Worker(*this, i));
@@ -213,49 +220,111 @@ int MTF_Restore::restore()
   return 0;
 }
 
-bool MTF_Restore::next_dir(std::string& path)
+int MTF_Restore::dir_of(const MTF_Set_Catalog::Entry& file) const
 {
-  std::unique_lock<std::mutex> guard(lock_);
-  // Directories are handed out in order, so when the next one's level is
-  // reached, the number finished says whether every shallower one is announced.
-  // Each one handed out is finished by its worker, so the wait always ends.
-  for (;;)
+  size_t len = MTF_FS::dirname(file.path.c_str(), static_cast<int>(file.path.size()), catalog_.separator);
+  if (len == std::string::npos)
+    return -1;
+  auto dir = dir_index_.find(file.path.substr(0, len));
+  return dir == dir_index_.end() ? -1 : dir->second;
+}
+
+int MTF_Restore::missing_above(int wanted) const
+{
+  int top = -1;
+  for (int i = wanted; i >= 0 && dir_state_[i] != DIR_DONE; i = dir_parent_[i])
+    top = i;
+  return top;
+}
+
+bool MTF_Restore::takeable(int index) const
+{
+  return dir_state_[index] == DIR_WAITING && (dir_parent_[index] < 0 || dir_state_[dir_parent_[index]] == DIR_DONE);
+}
+
+bool MTF_Restore::take_dir(int wanted, int& index, std::string& path)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  index = -1;
+  if (wanted >= 0)
   {
-    if (next_dir_ >= dirs_.size())
-      return false;
-    if (dirs_finished_ >= level_start_[next_dir_])
-      break;
-    dirs_ready_.wait(guard);
+    // Only the way to the wanted directory: while another worker announces a
+    // directory on it, this one waits rather than announce others, which may
+    // have to wait for the same callback resources and would delay its file.
+    const int top = missing_above(wanted);
+    if (top >= 0 && takeable(top))
+      index = top;
   }
-  path = dirs_[next_dir_++];
+  else
+  {
+    while (first_waiting_dir_ < dirs_.size() && dir_state_[first_waiting_dir_] != DIR_WAITING)
+      ++first_waiting_dir_;
+    for (size_t i = first_waiting_dir_; i < dirs_.size() && index < 0; ++i)
+      if (takeable(static_cast<int>(i)))
+        index = static_cast<int>(i);
+  }
+  if (index < 0)
+    return false;
+  dir_state_[index] = DIR_TAKEN;
+  path = dirs_[index];
   return true;
 }
 
-void MTF_Restore::dir_done(bool ok)
+void MTF_Restore::dir_done(int index, bool ok)
 {
   if (ok)
     ++dirs_done_;
   std::lock_guard<std::mutex> guard(lock_);
-  ++dirs_finished_;
+  dir_state_[index] = DIR_DONE;
   dirs_ready_.notify_all();
 }
 
-void MTF_Restore::wait_dirs()
+bool MTF_Restore::dir_announced(int index)
+{
+  if (index < 0)
+    return true;
+  std::lock_guard<std::mutex> guard(lock_);
+  return dir_state_[index] == DIR_DONE;
+}
+
+bool MTF_Restore::wait_dirs(int wanted)
 {
   std::unique_lock<std::mutex> guard(lock_);
-  // A cancel leaves directories nobody will take: polled, as should_stop() learns
-  // of it from the handler without this lock.
-  while (!dirs_ready_.wait_for(guard, std::chrono::milliseconds(100),
-                               [this] { return dirs_finished_ == dirs_.size() || live_workers_ == 0 || stop_; }))
+  // Something changed for this waiter: its directory is announced, the next
+  // one on its way can be taken, or (with -1) one can be taken or none is left.
+  auto changed = [this, wanted]
+  {
+    if (stop_)
+      return true;
+    if (wanted >= 0)
+    {
+      const int top = missing_above(wanted);
+      return top < 0 || takeable(top);
+    }
+    bool waiting = false;
+    for (size_t i = first_waiting_dir_; i < dirs_.size(); ++i)
+      if (dir_state_[i] == DIR_WAITING)
+      {
+        if (takeable(static_cast<int>(i)))
+          return true;
+        waiting = true;
+      }
+    return !waiting;
+  };
+  // A cancel is polled, as should_stop() learns of it from the handler without
+  // this lock. Every directory taken is given back by its worker, so the wait
+  // always ends.
+  while (!dirs_ready_.wait_for(guard, std::chrono::milliseconds(100), changed))
     if (handler_.canceling())
       stop_ = cancelled_ = true;
-}
-
-void MTF_Restore::worker_gone()
-{
-  std::lock_guard<std::mutex> guard(lock_);
-  --live_workers_;
-  dirs_ready_.notify_all();
+  if (stop_)
+    return false;
+  if (wanted >= 0)
+    return true;
+  for (size_t i = first_waiting_dir_; i < dirs_.size(); ++i)
+    if (dir_state_[i] == DIR_WAITING)
+      return true;
+  return false;
 }
 
 bool MTF_Restore::next_batch(const Batch*& batch)

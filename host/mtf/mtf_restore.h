@@ -5,6 +5,8 @@
 #include <ace/Log_Msg_Callback.h>
 #include <atomic>
 #include <condition_variable>
+#include <map>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -24,12 +26,18 @@
 // refused.
 //
 // Selection: an array of {"dir": path} (the directory and everything below it)
-// and {"file": path} objects, paths as backed up. Directories are announced to
-// the callbacks first (parents first), then the files go to `concurrent` workers
-// (default: channel_num), each a thread with its own callback, storage client
-// and reader. Every file's data is checked against its recorded SHA-256 before
-// its last piece reaches the writer. A file that fails is counted and logged and
-// the restore goes on.
+// and {"file": path} objects, paths as backed up. The files go to `concurrent`
+// workers (default: channel_num), which also announce the directories to their
+// callbacks: a directory once its parent's announcement has returned, a file
+// once its directory's has. A worker announces its next file's directory (and
+// what is missing above it) when it gets there, or waits while another worker
+// announces it, so files of directories already made are written while others
+// are still being made; directories no file needs are announced by workers
+// whose files are done. Each worker is a thread with its own callback, and a
+// reading thread with its own storage client and reader that reads and checks
+// the next file while the current one is written. Every file's data is checked
+// against its recorded SHA-256 before its last piece reaches the writer. A file
+// that fails is counted and logged and the restore goes on.
 //
 // Configure, then call restore() once from one thread. The handler and the
 // factory are not owned and must outlive restore().
@@ -54,6 +62,9 @@ public:
   void restore_select(const nlohmann::ordered_json& selection) { selection_ = selection; }
   void channel_num(unsigned n) { channel_num_ = n; }
   void concurrent(unsigned n) { concurrent_ = n; }
+  // How many bytes of the next file each worker may hold read ahead, besides
+  // the file its writer has (see MTF_Read_Ahead); default 32 MiB.
+  void read_ahead_bytes(uint64_t n) { read_ahead_bytes_ = n; }
   Client_IO_Base::Options& extra_client_io_opts() { return options_; }
   void pool_url(const std::string& url) { pool_url_ = url; }
 
@@ -77,23 +88,34 @@ public:
   const MTF_Set_Catalog& catalog() const { return catalog_; }
   const std::string& location() const { return location_; }
   const Client_IO_Base::Options& options() const { return options_; }
+  uint64_t read_ahead_bytes() const { return read_ahead_bytes_; }
   MTF::IRestore_Callback_Factory* factory() const { return factory_; }
   const std::shared_ptr<ACE_Log_Msg_Callback>& log_callback() const { return log_callback_; }
-  // The next directory to announce; false when none is left. A directory is
-  // handed out only once every directory of fewer components has been announced,
-  // so workers announce parents before their children.
-  bool next_dir(std::string& path);
-  void dir_done(bool ok);
-  // Waits until every directory has been announced, no worker is left to do it,
-  // or the restore stops.
-  void wait_dirs();
-  void worker_gone();
+  // The directory of a file: an index for take_dir/dir_done/dir_announced, or
+  // -1 when the file needs none.
+  int dir_of(const MTF_Set_Catalog::Entry& file) const;
+  // A directory to announce now, whose parent's announcement has returned:
+  // the first one missing on the way to `wanted` (`wanted` itself at the
+  // end), or with -1 any; false when none can be taken now. Every directory
+  // taken must be given back to dir_done.
+  bool take_dir(int wanted, int& index, std::string& path);
+  void dir_done(int index, bool ok);
+  // True when directory `index` has been announced (-1: always).
+  bool dir_announced(int index);
+  // Waits until directory `wanted` has been announced or take_dir(wanted)
+  // can give one, or the restore stops. False when it stops, or with -1 when
+  // no directory is left waiting.
+  bool wait_dirs(int wanted);
   bool next_batch(const Batch*& batch);
   bool should_stop();
   void file_done(ACE_UINT64 bytes, bool ok);
 
 private:
   bool select(std::vector<std::string>& dirs, std::vector<const MTF_Set_Catalog::Entry*>& files);
+  // Under lock_: the topmost directory not yet announced on the way to
+  // `wanted` (-1 when it is announced), and whether a directory can be taken.
+  int missing_above(int wanted) const;
+  bool takeable(int index) const;
   void make_batches(std::vector<const MTF_Set_Catalog::Entry*>& files);
 
   MTF::Event_Handler& handler_;
@@ -109,19 +131,28 @@ private:
   nlohmann::ordered_json selection_ = nlohmann::ordered_json::array();
   unsigned channel_num_ = 1;
   unsigned concurrent_ = 0;
+  uint64_t read_ahead_bytes_ = 32ull * 1024 * 1024;
   Client_IO_Base::Options options_;
   std::string location_;
   MTF_Set_Catalog catalog_;
+  // Directories to announce, parents first; for each the index of its parent
+  // (-1 when none is selected) and its state.
   std::vector<std::string> dirs_;
-  std::vector<size_t> level_start_;  // per dirs_ entry: index of the first one as deep
+  std::vector<int> dir_parent_;
+  std::map<std::string, int> dir_index_;
+  enum Dir_State : unsigned char
+  {
+    DIR_WAITING,
+    DIR_TAKEN,
+    DIR_DONE
+  };
   std::vector<Batch> batches_;
 
-  std::mutex lock_;  // guards the hand-out positions and the worker count
+  std::mutex lock_;  // guards the hand-out positions and the directory states
   std::condition_variable dirs_ready_;
-  size_t next_dir_ = 0;
-  size_t dirs_finished_ = 0;
+  std::vector<Dir_State> dir_state_;
+  size_t first_waiting_dir_ = 0;  // no directory before it is waiting
   size_t next_batch_ = 0;
-  unsigned live_workers_ = 0;
   std::atomic<bool> stop_{false};
   std::atomic<bool> cancelled_{false};
   std::atomic<ACE_UINT64> bytes_done_{0};

@@ -10,8 +10,11 @@ namespace MTF
 // Where the restore stream puts what it reads. Each worker of MTF_Restore has its
 // own callback (IRestore_Callback_Factory::make, called on the worker's thread)
 // and calls it only from that thread. Paths are the backed-up paths with
-// directory_separator() between components and no trailing separator. Every
-// directory is announced (mkdir_p, parents first) before any file is opened.
+// directory_separator() between components and no trailing separator. A
+// directory is announced (mkdir_p) only after its parent's announcement has
+// returned, and a file is opened only after its directory's has; meanwhile
+// other workers may be announcing other directories or writing files of
+// directories already announced.
 class IRestore_Callback
 {
 public:

@@ -28,19 +28,27 @@ std::string MTF_Restore_Worker::local_path(const std::string& path) const
 {
   std::string out = path;
   char from = owner_.catalog().separator;
-  char to = callback_->directory_separator();
-  if (from != to)
-    std::replace(out.begin(), out.end(), from, to);
+  if (from != separator_)
+    std::replace(out.begin(), out.end(), from, separator_);
   return out;
 }
 
 void MTF_Restore_Worker::run()
 {
-  if (owner_.log_callback())
+  const std::shared_ptr<ACE_Log_Msg_Callback> log_callback = owner_.log_callback();
+  auto route_log = [log_callback](bool starting)
   {
-    ACE_LOG_MSG->msg_callback(owner_.log_callback().get());
-    ACE_LOG_MSG->set_flags(ACE_Log_Msg::MSG_CALLBACK);
-  }
+    if (!log_callback)
+      return;
+    if (starting)
+    {
+      ACE_LOG_MSG->msg_callback(log_callback.get());
+      ACE_LOG_MSG->set_flags(ACE_Log_Msg::MSG_CALLBACK);
+    }
+    else
+      ACE_LOG_MSG->msg_callback(nullptr);
+  };
+  route_log(true);
   callback_ = owner_.factory()->make();
   if (!callback_)
     LOG_MSG(LM_ERROR, "Restore worker %u has no callback; it takes no work.\n", index_);
@@ -51,33 +59,127 @@ void MTF_Restore_Worker::run()
   }
   if (callback_)
   {
+    separator_ = callback_->directory_separator();
+    // Reading starts at once: the first file is read while its directory is
+    // being announced.
+    MTF_Read_Ahead ahead([this](const MTF_Set_Catalog::Entry*& entry) { return next_file(entry); },
+                         [this](const MTF_Set_Catalog::Entry& entry, MTF_Read_Ahead::Sink& sink, std::string& error)
+                         { return read_file(entry, sink, error); },
+                         owner_.read_ahead_bytes());
+    ahead.start(route_log);
+    restore_files(ahead);
+    ahead.stop();
+    // Directories no file of this worker needed.
+    while (!owner_.should_stop() && announce_dirs(-1))
+    {
+    }
+    reader_.reset();
+    io_.close_read();
+  }
+  route_log(false);
+}
+
+bool MTF_Restore_Worker::announce_dirs(int wanted)
+{
+  for (;;)
+  {
+    if (owner_.should_stop())
+      return false;
+    if (wanted >= 0 && owner_.dir_announced(wanted))
+      return true;
+    int index = -1;
     std::string dir;
-    while (!owner_.should_stop() && owner_.next_dir(dir))
+    if (owner_.take_dir(wanted, index, dir))
     {
       std::string path = local_path(dir);
       bool ok = callback_->mkdir_p(path.c_str());
       if (!ok)
         LOG_MSG(LM_ERROR, "Failed to create directory '%s'\n", path.c_str());
-      owner_.dir_done(ok);
+      owner_.dir_done(index, ok);
+      if (wanted < 0)
+        return true;
+      continue;
     }
-    owner_.wait_dirs();
-    const MTF_Restore::Batch* batch = nullptr;
-    piece_.resize(PIECE);
-    while (!owner_.should_stop() && owner_.next_batch(batch))
-      for (const MTF_Set_Catalog::Entry* e : batch->files)
-      {
-        if (owner_.should_stop())
-          break;
-        bool ok = restore_file(*e);
-        std::string path = local_path(e->path);
-        callback_->handle_file_end(path.c_str(), ok);
-        owner_.file_done(e->length, ok);
-      }
-    io_.close_read();
+    if (!owner_.wait_dirs(wanted))
+      return false;
   }
-  owner_.worker_gone();
-  if (owner_.log_callback())
-    ACE_LOG_MSG->msg_callback(nullptr);
+}
+
+bool MTF_Restore_Worker::next_file(const MTF_Set_Catalog::Entry*& entry)
+{
+  while (batch_ == nullptr || batch_next_ >= batch_->files.size())
+  {
+    if (owner_.should_stop() || !owner_.next_batch(batch_))
+      return false;
+    batch_next_ = 0;
+  }
+  if (owner_.should_stop())
+    return false;
+  entry = batch_->files[batch_next_++];
+  return true;
+}
+
+void MTF_Restore_Worker::restore_files(MTF_Read_Ahead& ahead)
+{
+  static const char nothing = 0;
+  MTF_Read_Ahead::Piece piece;
+  const MTF_Set_Catalog::Entry* current = nullptr;  // a file begun and not closed
+  std::string path;
+  MTF::IFile_Writer_var writer;
+  bool ok = false;
+  while (!owner_.should_stop() && ahead.take(piece))
+  {
+    const MTF_Set_Catalog::Entry& e = *piece.entry;
+    if (piece.first)
+    {
+      // A file is opened only once its directory is announced.
+      if (!announce_dirs(owner_.dir_of(e)))
+        break;
+      current = &e;
+      path = local_path(e.path);
+      ok = true;
+      if (!piece.end)
+      {
+        writer = callback_->make_file_writer();
+        if (!writer)
+        {
+          LOG_MSG(LM_ERROR, "Failed to restore '%s': no file writer\n", path.c_str());
+          ok = false;
+        }
+        else if (writer->open(path.c_str(), e.length) != MTF::E_OK)
+        {
+          LOG_MSG(LM_ERROR, "Failed to restore '%s': the writer could not open it\n", path.c_str());
+          ok = false;
+        }
+      }
+    }
+    if (!piece.end)
+    {
+      // After a refusal the rest of the file's pieces are dropped.
+      if (ok && writer->write(piece.data.empty() ? &nothing : piece.data.data(), piece.data.size()) != MTF::E_OK)
+      {
+        LOG_MSG(LM_ERROR, "Failed to restore '%s': the writer refused its data\n", path.c_str());
+        ok = false;
+      }
+      continue;
+    }
+    if (!piece.ok)
+    {
+      LOG_MSG(LM_ERROR, "Failed to restore '%s': %s\n", path.c_str(), piece.error.c_str());
+      ok = false;
+    }
+    writer.reset();
+    current = nullptr;
+    callback_->handle_file_end(path.c_str(), ok);
+    owner_.file_done(e.length, ok);
+  }
+  if (current != nullptr)
+  {
+    // Stopped inside a file: its writer is dropped before the file is written.
+    writer.reset();
+    callback_->handle_file_end(path.c_str(), false);
+    owner_.file_done(current->length, false);
+  }
 }
 
 // Reads forward where it can: the next file of a batch usually follows the last
@@ -112,24 +214,22 @@ bool MTF_Restore_Worker::position_at(const MTF_Set_Catalog::Entry& e, std::strin
   return true;
 }
 
-bool MTF_Restore_Worker::restore_file(const MTF_Set_Catalog::Entry& e)
+// Reads one file for the read-ahead: checks that its block is where the
+// catalog says and holds as many data bytes, and passes the data on in pieces,
+// the last one only once the whole file matched its SHA-256.
+bool MTF_Restore_Worker::read_file(const MTF_Set_Catalog::Entry& e, MTF_Read_Ahead::Sink& sink, std::string& error)
 {
   const MTF_Set_Catalog& catalog = owner_.catalog();
-  std::string path = local_path(e.path);
-  std::string error;
   MTF_Reader::Block block;
   MTF_Reader::Stream stream;
   if (!position_at(e, error))
-  {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': %s\n", path.c_str(), error.c_str());
     return false;
-  }
   const std::string& data_name = catalog.files[e.data].name;
   bool found = reader_->read_block(block);
   if (found && (block.type != "FILE" || block.name != MTF_FS::basename(e.path, catalog.separator)))
   {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': %s offset %Q holds %s '%s', not this file\n", path.c_str(),
-            data_name.c_str(), static_cast<ACE_UINT64>(e.offset), block.type.c_str(), block.name.c_str());
+    error = data_name + " offset " + std::to_string(e.offset) + " holds " + block.type + " '" + block.name +
+            "', not this file";
     reader_.reset();
     return false;
   }
@@ -145,27 +245,15 @@ bool MTF_Restore_Worker::restore_file(const MTF_Set_Catalog::Entry& e)
   }
   if (!found || !reader_->error().empty())
   {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': %s %s\n", path.c_str(), data_name.c_str(),
-            reader_->error().empty() ? error.c_str() : reader_->error().c_str());
+    error = data_name + " " + (reader_->error().empty() ? error : reader_->error());
     reader_.reset();
     return false;
   }
   if (stream.length != e.length)
   {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': its data stream in %s holds %Q bytes, the catalog says %Q\n",
-            path.c_str(), data_name.c_str(), static_cast<ACE_UINT64>(stream.length), static_cast<ACE_UINT64>(e.length));
+    error = "its data stream in " + data_name + " holds " + std::to_string(stream.length) +
+            " bytes, the catalog says " + std::to_string(e.length);
     reader_.reset();
-    return false;
-  }
-  MTF::IFile_Writer_var writer = callback_->make_file_writer();
-  if (!writer)
-  {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': no file writer\n", path.c_str());
-    return false;
-  }
-  if (writer->open(path.c_str(), e.length) != MTF::E_OK)
-  {
-    LOG_MSG(LM_ERROR, "Failed to restore '%s': the writer could not open it\n", path.c_str());
     return false;
   }
   MTF_Sha256 sha;
@@ -174,42 +262,45 @@ bool MTF_Restore_Worker::restore_file(const MTF_Set_Catalog::Entry& e)
   {
     if (sha.hex() != e.sha256)
     {
-      LOG_MSG(LM_ERROR, "Failed to restore '%s': its data does not match its SHA-256\n", path.c_str());
+      error = "its data does not match its SHA-256";
       return false;
     }
-    return writer->write(piece_.data(), 0) == MTF::E_OK;
+    std::vector<char> none;
+    return sink.put(none);
   }
   while (left > 0)
   {
     if (owner_.should_stop())
+    {
+      error = "the restore is stopping";
+      reader_.reset();
       return false;
-    size_t want = static_cast<size_t>(std::min<uint64_t>(left, piece_.size()));
+    }
+    size_t want = static_cast<size_t>(std::min<uint64_t>(left, PIECE));
+    std::vector<char> piece(want);
     size_t got = 0;
     while (got < want)
     {
-      long long n = reader_->read_data(piece_.data() + got, want - got);
+      long long n = reader_->read_data(piece.data() + got, want - got);
       if (n <= 0)
       {
-        LOG_MSG(LM_ERROR, "Failed to restore '%s': %s %s\n", path.c_str(), data_name.c_str(), reader_->error().c_str());
+        error = data_name + " " + reader_->error();
         reader_.reset();
         return false;
       }
       got += static_cast<size_t>(n);
     }
-    sha.update(piece_.data(), got);
+    sha.update(piece.data(), got);
     left -= got;
-    // The last piece goes to the writer only once the whole file matched.
+    // The last piece goes on only once the whole file matched.
     if (left == 0 && sha.hex() != e.sha256)
     {
-      LOG_MSG(LM_ERROR, "Failed to restore '%s': its data in %s does not match its SHA-256 (damaged backup set)\n",
-              path.c_str(), data_name.c_str());
+      error = "its data in " + data_name + " does not match its SHA-256 (damaged backup set)";
       return false;
     }
-    if (writer->write(piece_.data(), got) != MTF::E_OK)
+    if (!sink.put(piece))
     {
-      LOG_MSG(LM_ERROR, "Failed to restore '%s': the writer refused its data\n", path.c_str());
-      if (left > 0)
-        reader_->skip_data();
+      reader_.reset();
       return false;
     }
   }

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <list>
 #include <atomic>
@@ -15,6 +17,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -170,7 +173,11 @@ public:
 class Local_File_Writer : public MTF::File_Writer_Base
 {
 public:
-  Local_File_Writer(const std::string& root, std::atomic<int>& refuse) : root_(root), refuse_(refuse) {}
+  Local_File_Writer(const std::string& root, std::atomic<int>& refuse,
+                    std::function<void(const std::string&)> opened = nullptr)
+    : root_(root), refuse_(refuse), opened_(std::move(opened))
+  {
+  }
   ~Local_File_Writer() override
   {
     if (fd_ >= 0)
@@ -180,6 +187,8 @@ public:
   }
   MTF::Error_Code open(const char* path, ACE_UINT64 size) override
   {
+    if (opened_)
+      opened_(path);
     if (refuse_ > 0 && --refuse_ >= 0)
       return MTF::E_FAILED;
     final_ = root_ + path;
@@ -219,6 +228,7 @@ public:
 private:
   std::string root_;
   std::atomic<int>& refuse_;
+  std::function<void(const std::string&)> opened_;
   std::string final_;
   std::string temp_;
   int fd_ = -1;
@@ -250,7 +260,15 @@ public:
   std::vector<std::string> dirs;  // directories announced, in order
   std::set<std::string> created;  // directories whose mkdir_p has returned
   int orphans = 0;                // announced while their parent's was still under way
-  int mkdir_delay_ms = 0;         // makes each mkdir_p slow, to show its overlaps
+  int homeless = 0;               // files opened before their directory's mkdir_p returned
+  int files_opened = 0;
+  int mkdirs_under_way = 0;
+  // mkdir_p of this directory waits (up to 10 s) until some file has been
+  // opened; whether one was is recorded.
+  std::string hold_dir;
+  bool hold_released_by_file = false;
+  std::condition_variable file_opened;
+  int mkdir_delay_ms = 0;  // makes each mkdir_p slow, to show its overlaps
 
 private:
   std::string root_;
@@ -265,9 +283,16 @@ inline bool Local_Restore_Callback::mkdir_p(const char* path)
     size_t slash = p.rfind('/');
     if (slash != std::string::npos && slash > 0 && factory_.created.count(p.substr(0, slash)) == 0)
       ++factory_.orphans;
+    ++factory_.mkdirs_under_way;
   }
   if (factory_.mkdir_delay_ms > 0)
     usleep(static_cast<useconds_t>(factory_.mkdir_delay_ms) * 1000);
+  if (p == factory_.hold_dir)
+  {
+    std::unique_lock<std::mutex> guard(factory_.lock);
+    factory_.hold_released_by_file =
+      factory_.file_opened.wait_for(guard, std::chrono::seconds(10), [this] { return factory_.files_opened > 0; });
+  }
   // Each missing component in turn, as mkdir -p does.
   std::string full = root_ + p;
   for (size_t slash = full.find('/', 1);; slash = full.find('/', slash + 1))
@@ -280,12 +305,24 @@ inline bool Local_Restore_Callback::mkdir_p(const char* path)
   }
   std::lock_guard<std::mutex> guard(factory_.lock);
   factory_.created.insert(p);
+  --factory_.mkdirs_under_way;
   return true;
 }
 
 inline MTF::IFile_Writer_var Local_Restore_Callback::make_file_writer()
 {
-  return std::make_shared<Local_File_Writer>(root_, factory_.refuse_writers);
+  Local_Restore_Factory& factory = factory_;
+  return std::make_shared<Local_File_Writer>(
+    root_, factory_.refuse_writers,
+    [&factory](const std::string& path)
+    {
+      std::lock_guard<std::mutex> guard(factory.lock);
+      size_t slash = path.rfind('/');
+      if (slash != std::string::npos && slash > 0 && factory.created.count(path.substr(0, slash)) == 0)
+        ++factory.homeless;
+      ++factory.files_opened;
+      factory.file_opened.notify_all();
+    });
 }
 
 // Cancels once `after` files have been reported.

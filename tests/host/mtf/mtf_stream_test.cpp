@@ -217,6 +217,7 @@ TEST_F(MTF_Stream, RestoresSingleFilesAndDirectoriesParentsFirst)
   nlohmann::ordered_json sel = {{{"file", "/m3/x/d.bin"}}, {{"dir", "/m1/sub"}}};
   ASSERT_EQ(restore(rf, 7, sel, 2), 0);
   EXPECT_EQ(rf.orphans, 0);
+  EXPECT_EQ(rf.homeless, 0);
   EXPECT_EQ(restored_, 3u);
   expect_same(target, "/m1/sub");
   EXPECT_EQ(read_file(target + "/m3/x/d.bin"), read_file(root_ + "/src/m3/x/d.bin"));
@@ -263,6 +264,30 @@ TEST_F(MTF_Stream, RestoresSingleFilesAndDirectoriesParentsFirst)
   EXPECT_EQ(restore(rf3, 7, {{{"dir", "/m4"}}}, 1), 0);
   EXPECT_EQ(restored_, 39u);
   EXPECT_EQ(failed_, 1u);
+}
+
+TEST_F(MTF_Stream, FilesAreWrittenWhileOtherDirectoriesAreStillAnnounced)
+{
+  Local_Backup_Factory bf;
+  ASSERT_EQ(backup(bf, 2, false, 6), 0);
+  std::string target = root_ + "/all";
+  Local_Restore_Factory rf(target);
+  // /m2 is announced only once a file has been opened: a stream that opened
+  // files only after every directory would hold it for 10 s, then go on.
+  rf.hold_dir = "/m2";
+  rf.mkdir_delay_ms = 5;
+  ASSERT_EQ(restore(rf, 7, {{{"dir", "/"}}}, 4), 0);
+  EXPECT_TRUE(rf.hold_released_by_file);
+  EXPECT_EQ(restored_, 47u);
+  EXPECT_EQ(failed_, 0u);
+  EXPECT_EQ(rf.orphans, 0);
+  EXPECT_EQ(rf.homeless, 0);
+  // Every directory once, those without files too.
+  std::vector<std::string> dirs = rf.dirs;
+  std::sort(dirs.begin(), dirs.end());
+  EXPECT_EQ(dirs, (std::vector<std::string>{"/m1", "/m1/sub", "/m1/sub/deeper", "/m2", "/m3", "/m3/x", "/m4"}));
+  for (const char* path : {"/m1/sub/deeper/b.bin", "/m2/c.txt", "/m3/x/d.bin", "/m4/f39"})
+    EXPECT_EQ(read_file(target + path), read_file(root_ + "/src" + path)) << path;
 }
 
 TEST_F(MTF_Stream, FailedFilesAndDamagedSetsAreReportedByPath)

@@ -6,6 +6,12 @@
 #include <cstring>
 #include <vector>
 
+EWS_File_Writer::~EWS_File_Writer()
+{
+  if (pool_.get() != nullptr)
+    pool_->give_back(ews_);
+}
+
 MTF::Error_Code EWS_File_Writer::open(const char* path, ACE_UINT64 size)
 {
   const size_t len = MTF_FS::dirname(path, -1, '/');

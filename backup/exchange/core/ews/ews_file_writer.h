@@ -1,6 +1,7 @@
 #ifndef BACKUP_EXCHANGE_CORE_EWS_EWS_FILE_WRITER_H
 #define BACKUP_EXCHANGE_CORE_EWS_EWS_FILE_WRITER_H
 
+#include "backup/exchange/core/ews/ews_client_pool.h"
 #include "backup/exchange/core/ews/ews_restore_context.h"
 #include "host/ews/ews_client.h"
 #include "host/mtf/mtf_file_writer.h"
@@ -14,11 +15,17 @@
 // not uploaded. One writer per file, driven by one worker thread. Uploads are
 // bracketed in the folder's EWS_Folder_Uploads record of the run, which settles
 // an upload whose answer was lost without sending the item a second time.
+// The writer uses its client alone; a client borrowed from a pool goes back to
+// it when the writer is released.
 class EWS_File_Writer : public MTF::File_Writer_Base
 {
 public:
-  EWS_File_Writer(const EWS_Client_Ptr& ews, const EWS_Restore_Context_Ptr& ctx) : ews_(ews), ctx_(ctx) {}
-  ~EWS_File_Writer() override = default;
+  EWS_File_Writer(const EWS_Client_Ptr& ews, const EWS_Restore_Context_Ptr& ctx,
+                  const EWS_Client_Pool_Ptr& pool = EWS_Client_Pool_Ptr())
+    : ews_(ews), ctx_(ctx), pool_(pool)
+  {
+  }
+  ~EWS_File_Writer() override;
 
   // E_FAILED when `path` has no directory part or its directory was not
   // created in this run.
@@ -33,6 +40,7 @@ private:
   size_t curr_ = 0;
   const EWS_Client_Ptr ews_;
   const EWS_Restore_Context_Ptr ctx_;
+  const EWS_Client_Pool_Ptr pool_;
 };
 
 #endif

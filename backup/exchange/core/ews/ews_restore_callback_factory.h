@@ -4,7 +4,8 @@
 #include "backup/exchange/core/ews/ews_restore_context.h"
 #include "host/mtf/mtf_restore_callback_factory.h"
 
-// Makes one EWS_Restore_Callback per restore worker, all on one context. Owned
+// Makes one EWS_Restore_Callback per restore worker, all on one context, each
+// with a client pool of its own that keeps one idle client. Owned
 // by the restore executor for the length of the run; `make` runs on the
 // workers' threads.
 class EWS_Restore_Callback_Factory : public MTF::IRestore_Callback_Factory

@@ -57,7 +57,8 @@ public:
   // {"dir": path} or {"file": path} of the set.
   bool to_mtf_restore_entry(const std::string& entry, nlohmann::ordered_json& out) const;
 
-  // A new client of the target mailbox (one per item writer).
+  // A new client of the target mailbox (for a restore callback's client pool,
+  // when none of its clients is idle).
   bool create_ews_client(EWS_Client_Ptr& client) const;
   // Finds or creates the folder of a set directory (as the stream names it,
   // "/"-separated) below the target folder and records it.
