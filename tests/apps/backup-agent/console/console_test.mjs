@@ -1,0 +1,317 @@
+// The console's browser test. Starts a real backupd (pool "main"), exo-sim
+// with the demo tenant and `backup-agent serve` on loopback ports, then drives
+// the console in headless Debian chromium through playwright-core: signs in,
+// adds and tests the demo tenant, lists, pages and searches its mailboxes,
+// expands live folders, backs a mailbox up, browses the new set, restores an
+// item into another mailbox and finds it there among the live folders.
+// Every step saves a screenshot under --screenshots; a step fails when the text
+// it waits for does not show up (the waits only bound how long that may take).
+//
+//   node console_test.mjs --agent=PATH --module=PATH --backupd=PATH --exo-sim=PATH
+//                         --screenshots=DIR --npm-dir=DIR
+
+import {spawn} from 'node:child_process';
+import {createRequire} from 'node:module';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+
+const options = Object.fromEntries(process.argv.slice(2).map((arg) => {
+  const match = /^--([^=]+)=(.*)$/.exec(arg);
+  if (!match) throw new Error(`unexpected argument ${arg}`);
+  return [match[1], match[2]];
+}));
+for (const name of ['agent', 'module', 'backupd', 'exo-sim', 'screenshots', 'npm-dir']) {
+  if (!options[name]) {
+    console.error(`console_test.mjs: --${name}=... is required`);
+    process.exit(64);
+  }
+}
+
+const {chromium} = createRequire(path.join(options['npm-dir'], 'package.json'))('playwright-core');
+
+const demo = {
+  tenant_id: '8d7a4f52-6c1b-4e0a-9f3d-2b5c7e9a1d04',
+  client_id: '3f2b8c1e-5a4d-4c6f-8e7b-9a0d1c2e3f45',
+  secret: 'exo-sim-demo-secret',
+  admin: 'admin@demo.exosim.test',
+};
+const source_mailbox = 'alice.archer@demo.exosim.test';
+const target_mailbox = 'bruno.brandt@demo.exosim.test';
+const relocation = 'Restored by the console test';
+const wait_ms = 20000;  // how long a step may take before it counts as failed
+
+const work = fs.mkdtempSync(path.join(os.tmpdir(), 'console_test_'));
+const children = [];
+
+// Starts `program` with `args`; resolves to the child and the HOST:PORT it
+// prints on its "listening on HOST:PORT" line.
+function start(name, program, args) {
+  const out = fs.openSync(path.join(work, `${name}.err`), 'w');
+  const child = spawn(program, args, {stdio: ['ignore', 'pipe', out]});
+  children.push({name, child});
+  let seen = '';
+  return new Promise((resolve, reject) => {
+    const timer = setTimeout(() => reject(new Error(`${name} did not start listening:\n${log_tail(name)}`)), 15000);
+    child.stdout.on('data', (chunk) => {
+      seen += chunk.toString();
+      const match = /listening on (\S+:\d+)/.exec(seen);
+      if (match) {
+        clearTimeout(timer);
+        child.stdout.resume();
+        resolve(match[1]);
+      }
+    });
+    child.on('exit', (code) => {
+      clearTimeout(timer);
+      reject(new Error(`${name} exited with ${code} before listening:\n${log_tail(name)}`));
+    });
+  });
+}
+
+function log_tail(name) {
+  try {
+    return fs.readFileSync(path.join(work, `${name}.err`), 'utf8').split('\n').slice(-20).join('\n');
+  } catch {
+    return '';
+  }
+}
+
+// Runs `program` to its end; resolves to its standard output.
+function run(program, args) {
+  return new Promise((resolve, reject) => {
+    const child = spawn(program, args, {stdio: ['ignore', 'pipe', 'pipe']});
+    let out = '';
+    let err = '';
+    child.stdout.on('data', (chunk) => { out += chunk; });
+    child.stderr.on('data', (chunk) => { err += chunk; });
+    child.on('exit', (code) => code === 0 ? resolve(out) : reject(new Error(`${program} ${args.join(' ')}: ${err}`)));
+  });
+}
+
+async function stop_all() {
+  await Promise.all(children.map(({child}) => new Promise((resolve) => {
+    if (child.exitCode !== null || child.signalCode !== null) return resolve();
+    child.once('exit', resolve);
+    child.kill('SIGTERM');
+    setTimeout(() => child.kill('SIGKILL'), 5000).unref();
+  })));
+}
+
+async function start_servers() {
+  const keys = path.join(work, 'keys');
+  const access_key = 'console-test-access-key-0123456789';
+  fs.writeFileSync(keys, `${access_key}\n`, {mode: 0o600});
+  const data = path.join(work, 'backupd');
+  fs.mkdirSync(data);
+  const pool = (await run(options.backupd, ['pool', 'add', '--data', data, '--name', 'main'])).trim();
+  const backupd = await start('backupd', options.backupd,
+                              ['--data', data, '--access-key-file', keys, '--listen', '127.0.0.1:0']);
+  const sim = await start('exo-sim', options['exo-sim'], ['--profile', 'demo']);
+
+  const api_key = 'console-test-api-key-' + Math.random().toString(36).slice(2);
+  const api_key_file = path.join(work, 'api-key');
+  fs.writeFileSync(api_key_file, api_key, {mode: 0o600});
+  const config = path.join(work, 'agent.json');
+  fs.writeFileSync(config, JSON.stringify({
+    state_dir: path.join(work, 'state'), log_file: path.join(work, 'agent.log'), host_id: 'console-test-host',
+    backup_server: {url: `http://${backupd}`, access_key}}));
+  const agent = await start('agent', options.agent, ['--module', options.module, '--config', config, 'serve',
+                                                     '--listen', '127.0.0.1:0', '--api-key-file', api_key_file]);
+  return {pool, sim: `http://${sim}`, agent: `http://${agent}`, api_key};
+}
+
+let page = null;
+let shot = 0;
+
+async function screenshot(name) {
+  shot += 1;
+  const file = path.join(options.screenshots, `${String(shot).padStart(2, '0')}-${name}.png`);
+  await page.screenshot({path: file, fullPage: true});
+}
+
+// Runs one step of the walk-through; a screenshot shows where it ended.
+async function step(name, work_of_step) {
+  process.stdout.write(`step: ${name}\n`);
+  try {
+    await work_of_step();
+  } catch (failure) {
+    await screenshot(`FAILED-${name}`).catch(() => {});
+    throw new Error(`step "${name}" failed: ${failure.message}`);
+  }
+  await screenshot(name);
+}
+
+// Waits until `locator` is visible (the first match when several are).
+async function visible(locator) {
+  await locator.first().waitFor({state: 'visible', timeout: wait_ms});
+}
+
+// Waits until text `text` (a string or a RegExp) is visible inside `scope`.
+async function shows(scope, text) {
+  await visible(scope.getByText(text));
+}
+
+async function walk_through(servers) {
+  const browser = await chromium.launch({executablePath: '/usr/bin/chromium', headless: true});
+  try {
+    const browser_context = await browser.newContext({viewport: {width: 1280, height: 900}});
+    page = await browser_context.newPage();
+    const page_errors = [];
+    page.on('pageerror', (error) => page_errors.push(error.message));
+
+    await step('sign-in-refused', async () => {
+      await page.goto(servers.agent + '/');
+      await page.getByLabel('API key').fill('not-the-key');
+      await page.getByRole('button', {name: 'Sign in'}).click();
+      await shows(page.locator('#sign-in-error'), 'The API key was not accepted');
+    });
+
+    await step('signed-in', async () => {
+      await page.getByLabel('API key').fill(servers.api_key);
+      await page.getByRole('button', {name: 'Sign in'}).click();
+      await shows(page.locator('#tenants'), 'No tenant is registered yet');
+      await shows(page.locator('#sets'), 'No backup set yet.');
+    });
+
+    const form = page.locator('#tenant-add-form');
+    await step('tenant-wrong-secret', async () => {
+      await page.getByText('Add a tenant registration').click();
+      await form.getByLabel('Tenant (directory) ID').fill(demo.tenant_id);
+      await form.getByLabel('Application (client) ID').fill(demo.client_id);
+      await form.getByLabel('Client secret').fill('not-the-secret');
+      await form.getByLabel('Administrator e-mail').fill(demo.admin);
+      await form.getByLabel('Login endpoint').fill(servers.sim);
+      await form.getByLabel('Microsoft Graph endpoint').fill(servers.sim);
+      await form.getByLabel('EWS endpoint').fill(`${servers.sim}/EWS/Exchange.asmx`);
+      await form.getByRole('button', {name: 'Test these credentials'}).click();
+      await shows(page.locator('#tenant-add-outcome'), `Connection test of ${demo.admin}: failed: `);
+    });
+
+    await step('tenant-added', async () => {
+      await form.getByLabel('Client secret').fill(demo.secret);
+      await form.getByRole('button', {name: 'Test these credentials'}).click();
+      await shows(page.locator('#tenant-add-outcome'), `Connection test of ${demo.admin}: succeeded.`);
+      await form.getByRole('button', {name: 'Add tenant'}).click();
+      await shows(page.locator('#tenant-add-outcome'), `Tenant ${demo.admin} added`);
+      await shows(page.locator('#tenants-list'), '1 registered tenant');
+      await shows(page.locator('#tenants-list'), demo.tenant_id);
+    });
+
+    await step('tenant-tested', async () => {
+      await page.getByRole('button', {name: `Test connection of ${demo.admin}`}).click();
+      await shows(page.locator('#tenant-test-result'), `Connection test of ${demo.admin}: succeeded.`);
+    });
+
+    const mailboxes = page.locator('#mailboxes-list');
+    const count = page.locator('#mailboxes-count');
+    await step('mailboxes-page-1', async () => {
+      await page.getByRole('button', {name: `Mailboxes of ${demo.admin}`}).click();
+      await shows(page.locator('#mailboxes-title'), `Mailboxes of ${demo.admin}`);
+      await shows(mailboxes, source_mailbox);
+      await page.getByLabel('Per page').selectOption('5');
+      await shows(count, /^Mailboxes 1–5( of \d+)?\.$/);
+      if (await mailboxes.locator(':scope > li').count() !== 5) throw new Error('page 1 does not list 5 mailboxes');
+    });
+
+    await step('mailboxes-page-2', async () => {
+      await page.getByRole('button', {name: 'Next page'}).click();
+      await shows(count, /^Mailboxes 6–\d+( of \d+)?\.$/);
+      await shows(mailboxes, 'kenji.kato@');
+      if (await mailboxes.getByText(source_mailbox).count() !== 0) throw new Error('page 2 repeats page 1');
+      await page.getByRole('button', {name: 'Previous page'}).click();
+      await shows(count, /^Mailboxes 1–5/);
+      await shows(mailboxes, source_mailbox);
+    });
+
+    await step('mailboxes-search', async () => {
+      await page.getByLabel('Search mailboxes').fill('alice');
+      await page.getByRole('button', {name: 'Search', exact: true}).click();
+      await shows(count, /matching "alice"\.$/);
+      await shows(mailboxes, source_mailbox);
+      if (await mailboxes.locator(':scope > li').count() !== 1) throw new Error('the search lists other mailboxes');
+    });
+
+    const alice = mailboxes.locator(`li[data-mailbox="${source_mailbox}"]`);
+    await step('live-folders', async () => {
+      await alice.getByRole('button', {name: `Folders of ${source_mailbox}`}).click();
+      await visible(alice.getByRole('button', {name: 'Inbox', exact: true}));
+      await visible(alice.getByRole('button', {name: 'Sent Items', exact: true}));
+      await alice.getByRole('button', {name: 'Inbox', exact: true}).click();
+      await visible(alice.getByRole('button', {name: 'Empty', exact: true}));
+      await alice.getByRole('button', {name: 'Empty', exact: true}).click();
+      await shows(alice, 'No subfolders.');
+    });
+
+    await step('backup-finished', async () => {
+      await alice.getByRole('checkbox', {name: source_mailbox}).check();
+      await shows(page.locator('#backup-selection'), `Selected: ${source_mailbox}.`);
+      await page.getByLabel('Storage pool').selectOption(servers.pool);
+      await page.getByRole('button', {name: 'Start backup'}).click();
+      const job = page.locator('#backup-jobs article').first();
+      await visible(job.locator('progress'));
+      await job.getByText(/^Backup succeeded: 1 of 1 mailboxes/).waitFor({timeout: 45000});
+      await shows(job, 'Set uuid');
+    });
+
+    const sets = page.locator('#sets-list');
+    const browse = page.locator('#browse');
+    await step('set-browsed', async () => {
+      await shows(sets, '1 backup set, newest first');
+      await shows(sets, source_mailbox);
+      await sets.getByRole('button', {name: /^Browse set /}).click();
+      await browse.getByRole('button', {name: source_mailbox}).click();
+      const tree = page.locator('#browse-tree');
+      await tree.getByRole('button', {name: 'Inbox', exact: true}).click();
+      await visible(tree.getByRole('button', {name: 'Empty', exact: true}));
+      await visible(tree.locator('li.item'));
+    });
+
+    await step('item-restored', async () => {
+      const tree = page.locator('#browse-tree');
+      const inbox = tree.locator('li.folder').filter({has: page.getByRole('button', {name: 'Inbox', exact: true})});
+      await inbox.locator(':scope > ul > li.item input[type=radio]').first().check();
+      await shows(page.locator('#restore-selection'), /^Selected: item ".*" in Inbox of /);
+      await page.getByLabel('Into mailbox').fill(target_mailbox);
+      await page.getByLabel('Under the folder').fill(relocation);
+      await page.getByRole('button', {name: 'Start restore'}).click();
+      const job = page.locator('#restore-jobs article').first();
+      await job.getByText(/^Restore succeeded/).waitFor({timeout: 30000});
+      await shows(job, 'Items restored');
+      const restored = job.locator('dt', {hasText: /^Items restored$/}).locator('xpath=following-sibling::dd[1]');
+      if ((await restored.textContent()).trim() !== '1') throw new Error('the restore summary does not count 1 item');
+    });
+
+    await step('restored-in-target', async () => {
+      await page.getByLabel('Search mailboxes').fill('bruno');
+      await page.getByRole('button', {name: 'Search', exact: true}).click();
+      const bruno = mailboxes.locator(`li[data-mailbox="${target_mailbox}"]`);
+      await visible(bruno);
+      await bruno.getByRole('button', {name: `Folders of ${target_mailbox}`}).click();
+      await bruno.getByRole('button', {name: relocation, exact: true}).click();
+      const folder = bruno.locator('li.folder').filter({has: page.getByRole('button', {name: relocation})});
+      await visible(folder.getByRole('button', {name: 'Inbox', exact: true}));
+    });
+
+    if (page_errors.length) throw new Error(`the page raised errors: ${page_errors.join('; ')}`);
+  } finally {
+    await browser.close();
+  }
+}
+
+let status = 0;
+try {
+  fs.mkdirSync(options.screenshots, {recursive: true});
+  for (const old of fs.readdirSync(options.screenshots)) fs.rmSync(path.join(options.screenshots, old));
+  const servers = await start_servers();
+  await walk_through(servers);
+  console.log(`passed: ${shot} steps, screenshots in ${options.screenshots}`);
+} catch (failure) {
+  status = 1;
+  console.error(`FAILED: ${failure.message}`);
+  for (const {name} of children) console.error(`--- ${name}, last lines of its standard error:\n${log_tail(name)}`);
+} finally {
+  await stop_all();
+  fs.rmSync(work, {recursive: true, force: true});
+}
+process.exit(status);
