@@ -19,19 +19,49 @@ export function init_tenants(context) {
   const error = $('tenants-error');
   const outcome = $('tenant-test-result');
 
-  async function test(tenant, button) {
-    fill(outcome, `Testing ${tenant.tenant_email}…`);
+  // The agent never hands a registration's secret out, and the connection test
+  // takes the whole registration: the secret is asked for each test and sent
+  // with the listed fields, then forgotten.
+  let testing = null;  // the tenant row whose secret is being asked for
+
+  function ask_secret(tenant, name) {
+    const prompt = $('tenant-test');
+    const input = $('tenant-test-secret');
+    fill($('tenant-test-title'), `Test the connection of ${name}`);
+    fill(outcome);
+    showError(error, null);
+    input.value = '';
+    prompt.hidden = false;
+    testing = tenant;
+    input.focus();
+  }
+
+  $('tenant-test-form').addEventListener('submit', async (event) => {
+    event.preventDefault();
+    if (!testing) return;
+    const tenant = testing;
+    const name = tenant.tenant_email || tenant.tenant_id;
+    const input = $('tenant-test-secret');
+    const entry = {...tenant, client_secret: input.value};
+    fill(outcome, `Testing ${name}…`);
     showError(error, null);
     try {
-      // The registry's copy of the registration, secret included, is what the
-      // agent tests when the request names the tenant by uuid.
-      const result = await busy(button, () => context.call('exchange.test_auth', tenant));
-      fill(outcome, test_outcome(tenant.tenant_email, result));
+      const result = await busy(event.submitter || $('tenant-test-run'),
+                                () => context.call('exchange.test_auth', entry));
+      fill(outcome, test_outcome(name, result));
+      input.value = '';
+      $('tenant-test').hidden = true;
+      testing = null;
     } catch (failure) {
       fill(outcome);
       showError(error, failure);
     }
-  }
+  });
+  $('tenant-test-cancel').addEventListener('click', () => {
+    $('tenant-test-secret').value = '';
+    $('tenant-test').hidden = true;
+    testing = null;
+  });
 
   function render(rows) {
     if (rows.length === 0) {
@@ -43,7 +73,7 @@ export function init_tenants(context) {
       const name = tenant.tenant_email || tenant.tenant_id;
       const test_button = h('button', {type: 'button', 'aria-label': `Test connection of ${name}`},
                             'Test connection');
-      test_button.addEventListener('click', () => test(tenant, test_button));
+      test_button.addEventListener('click', () => ask_secret(tenant, name));
       const open_button = h('button', {type: 'button', 'aria-label': `Mailboxes of ${name}`,
                                        onclick: () => context.select_tenant(tenant)}, 'Mailboxes');
       body.appendChild(h('tr', {'data-uuid': tenant.uuid},

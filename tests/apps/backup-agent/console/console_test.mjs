@@ -8,7 +8,7 @@
 // it waits for does not show up (the waits only bound how long that may take).
 //
 //   node console_test.mjs --agent=PATH --module=PATH --backupd=PATH --exo-sim=PATH
-//                         --screenshots=DIR --npm-dir=DIR
+//                         --console=DIR --screenshots=DIR --npm-dir=DIR
 
 import {spawn} from 'node:child_process';
 import {createRequire} from 'node:module';
@@ -21,7 +21,7 @@ const options = Object.fromEntries(process.argv.slice(2).map((arg) => {
   if (!match) throw new Error(`unexpected argument ${arg}`);
   return [match[1], match[2]];
 }));
-for (const name of ['agent', 'module', 'backupd', 'exo-sim', 'screenshots', 'npm-dir']) {
+for (const name of ['agent', 'module', 'backupd', 'exo-sim', 'console', 'screenshots', 'npm-dir']) {
   if (!options[name]) {
     console.error(`console_test.mjs: --${name}=... is required`);
     process.exit(64);
@@ -69,9 +69,9 @@ function start(name, program, args) {
   });
 }
 
-function log_tail(name) {
+function log_tail(name, file = `${name}.err`) {
   try {
-    return fs.readFileSync(path.join(work, `${name}.err`), 'utf8').split('\n').slice(-20).join('\n');
+    return fs.readFileSync(path.join(work, file), 'utf8').split('\n').slice(-20).join('\n');
   } catch {
     return '';
   }
@@ -109,15 +109,14 @@ async function start_servers() {
                               ['--data', data, '--access-key-file', keys, '--listen', '127.0.0.1:0']);
   const sim = await start('exo-sim', options['exo-sim'], ['--profile', 'demo']);
 
-  const api_key = 'console-test-api-key-' + Math.random().toString(36).slice(2);
-  const api_key_file = path.join(work, 'api-key');
-  fs.writeFileSync(api_key_file, api_key, {mode: 0o600});
   const config = path.join(work, 'agent.json');
   fs.writeFileSync(config, JSON.stringify({
     state_dir: path.join(work, 'state'), log_file: path.join(work, 'agent.log'), host_id: 'console-test-host',
     backup_server: {url: `http://${backupd}`, access_key}}));
+  const api_key = (await run(options.agent, ['--module', options.module, '--config', config, 'serve', '--print-key'])).trim();
+  if (!api_key) throw new Error('serve --print-key printed no key');
   const agent = await start('agent', options.agent, ['--module', options.module, '--config', config, 'serve',
-                                                     '--listen', '127.0.0.1:0', '--api-key-file', api_key_file]);
+                                                     '--listen', '127.0.0.1:0', '--console-dir', options.console]);
   return {pool, sim: `http://${sim}`, agent: `http://${agent}`, api_key};
 }
 
@@ -200,6 +199,9 @@ async function walk_through(servers) {
 
     await step('tenant-tested', async () => {
       await page.getByRole('button', {name: `Test connection of ${demo.admin}`}).click();
+      const test_form = page.locator('#tenant-test-form');
+      await test_form.getByLabel('Client secret').fill(demo.secret);
+      await test_form.getByRole('button', {name: 'Run test'}).click();
       await shows(page.locator('#tenant-test-result'), `Connection test of ${demo.admin}: succeeded.`);
     });
 
@@ -310,6 +312,7 @@ try {
   status = 1;
   console.error(`FAILED: ${failure.message}`);
   for (const {name} of children) console.error(`--- ${name}, last lines of its standard error:\n${log_tail(name)}`);
+  console.error(`--- the agent's log, last lines:\n${log_tail('agent', 'agent.log')}`);
 } finally {
   await stop_all();
   fs.rmSync(work, {recursive: true, force: true});
