@@ -124,37 +124,18 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
   }
   if (request.all_mailboxes)
   {
-    Office365_Auth_Entry entry;
-    if (!get_office365_auth_entry(request.tenant, entry))
-    {
-      err << "error: tenant " << request.tenant << " is not registered (see backup-agent tenant list)\n";
-      return 1;
-    }
-    Graph_Users_Lister lister(entry);
-    if (!lister.list(request.mailboxes, error))
+    if (!list_all_mailboxes(request, error))
     {
       err << "error: " << error << "\n";
-      return 1;
-    }
-    if (request.mailboxes.empty())
-    {
-      err << "error: the tenant has no mailbox to back up\n";
       return 1;
     }
     if (!request.json)
       err << "backing up the tenant's " << request.mailboxes.size() << " mailboxes\n";
   }
-  Job_Definition_var def;
-  Job_Definition_Reader reader(module_.parser_creators());
-  if (!reader.read_text(definition(request, Agent_Config::instance().host_id()), def))
-  {
-    err << "error: the backup definition was refused: " << reader.error() << "\n";
-    return 1;
-  }
-  Job_var job = module_.job_creator().create(def);
+  Job_var job = make_job(request, error);
   if (job.get() == nullptr)
   {
-    err << "error: the module made no backup job\n";
+    err << "error: " << error << "\n";
     return 1;
   }
   stop_requested = false;
@@ -190,7 +171,6 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
     err << "error: the backup ran but its set could not be read back for the summary\n";
     return 1;
   }
-  const bool complete = summary["failed_mailboxes"].empty() && summary["failed_items"].empty();
   if (request.json)
     out << summary.dump() << "\n";
   else
@@ -206,7 +186,47 @@ int Backup_Command::run(const std::vector<std::string>& args, std::ostream& out,
       out << "failed item: " << item["mailbox"].get<std::string>() << " " << item["id"].get<std::string>() << ": "
           << item["reason"].get<std::string>() << "\n";
   }
-  return complete ? 0 : 2;
+  return complete(summary) ? 0 : 2;
+}
+
+bool Backup_Command::list_all_mailboxes(Request& request, std::string& error)
+{
+  Office365_Auth_Entry entry;
+  if (!get_office365_auth_entry(request.tenant, entry))
+  {
+    error = "tenant " + request.tenant + " is not registered (see backup-agent tenant list)";
+    return false;
+  }
+  Graph_Users_Lister lister(entry);
+  request.mailboxes.clear();
+  if (!lister.list(request.mailboxes, error))
+    return false;
+  if (request.mailboxes.empty())
+  {
+    error = "the tenant has no mailbox to back up";
+    return false;
+  }
+  return true;
+}
+
+Job_var Backup_Command::make_job(const Request& request, std::string& error)
+{
+  Job_Definition_var def;
+  Job_Definition_Reader reader(module_.parser_creators());
+  if (!reader.read_text(definition(request, Agent_Config::instance().host_id()), def))
+  {
+    error = "the backup definition was refused: " + reader.error();
+    return Job_var();
+  }
+  Job_var job = module_.job_creator().create(def);
+  if (job.get() == nullptr)
+    error = "the module made no backup job";
+  return job;
+}
+
+bool Backup_Command::complete(const nlohmann::ordered_json& summary)
+{
+  return summary["failed_mailboxes"].empty() && summary["failed_items"].empty();
 }
 
 int Backup_Command::wait(Job& job, Backup_Progress& progress, std::ostream& err)

@@ -2,6 +2,7 @@
 #define APPS_BACKUP_AGENT_BACKUP_COMMAND_H
 
 #include "apps/backup-agent/module_host.h"
+#include "host/job/job.h"
 
 #include <nlohmann/json.hpp>
 
@@ -10,7 +11,6 @@
 #include <vector>
 
 class Backup_Progress;
-class Job;
 
 // `backup --tenant UUID (--mailbox ADDRESS... | --all-mailboxes) --pool UUID
 // [--channels N] [--compression none|zstd] [--json]`: builds a backup job
@@ -51,10 +51,25 @@ public:
   // that the sets of one tenant are numbered one after the other.
   static std::string definition(const Request& request, const std::string& host_id);
 
+  // The pieces of a run, shared with the agent's JSON-RPC methods, which run
+  // backups in the background:
+  // With --all-mailboxes, fills the request's mailboxes from the tenant's Graph
+  // users listing; false with `error` when the tenant is not registered, the
+  // listing fails or names no mailbox.
+  static bool list_all_mailboxes(Request& request, std::string& error);
+  // The backup job of `request`, read through the module's parsers and made by
+  // its job creator, not started; null with `error` when either refuses.
+  Job_var make_job(const Request& request, std::string& error);
+  // The --json summary of a finished, successful backup job: the set's record
+  // (the newest of the job's definition id) and its mailbox indexes, read back.
+  // False when they cannot be read.
+  static bool summarize(const Request& request, const Job& job, const Backup_Progress& progress, long seconds,
+                        nlohmann::ordered_json& summary);
+  // True when a summary names no failed mailbox and no failed item.
+  static bool complete(const nlohmann::ordered_json& summary);
+
 private:
   int wait(Job& job, Backup_Progress& progress, std::ostream& err);
-  bool summarize(const Request& request, const Job& job, const Backup_Progress& progress, long seconds,
-                 nlohmann::ordered_json& summary);
 
   Module_Host& module_;
 };

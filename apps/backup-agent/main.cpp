@@ -1,13 +1,19 @@
 // backup-agent: the host agent. Loads the Exchange module at run time through
 // its exported factory pairs and runs its jobs; manages the Office 365 tenant
-// registry the jobs take their credentials from.
+// registry the jobs take their credentials from; serves the module's JSON-RPC
+// handlers and its own methods over HTTP (serve) and calls the same handlers
+// in-process for the browsing commands.
 
 #include "apps/backup-agent/agent_options.h"
 #include "apps/backup-agent/backup_command.h"
+#include "apps/backup-agent/browse_command.h"
+#include "apps/backup-agent/folders_command.h"
+#include "apps/backup-agent/mailboxes_command.h"
 #include "apps/backup-agent/check_job_command.h"
 #include "apps/backup-agent/module_host.h"
 #include "apps/backup-agent/restore_command.h"
 #include "apps/backup-agent/run_job_command.h"
+#include "apps/backup-agent/serve_command.h"
 #include "apps/backup-agent/sets_command.h"
 #include "apps/backup-agent/tenant_command.h"
 #include "apps/backup-agent/verify_command.h"
@@ -135,6 +141,14 @@ int main(int argc, char** argv)
     return module_command<Restore_Command>(options);
   if (options.command == "verify")
     return module_command<Verify_Command>(options);
+  if (options.command == "serve")
+    return module_command<Serve_Command>(options);
+  if (options.command == "mailboxes")
+    return module_command<Mailboxes_Command>(options);
+  if (options.command == "folders")
+    return module_command<Folders_Command>(options);
+  if (options.command == "browse")
+    return module_command<Browse_Command>(options);
   if (options.command == "tenant")
     return Tenant_Command(Office365_Tenant_Registry::default_path(), std::cout, std::cerr).run(options.args);
   std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();

@@ -25,6 +25,9 @@ public:
 
   Job_Creator& job_creator() const { return *job_creator_; }
   const Job_Definition_Reader::Creators& parser_creators() const { return creators_; }
+  // The loaded library, for the objects made per use (the JSON-RPC handlers and
+  // the instance handler), which must be released before this object goes.
+  Module_Library& library() { return library_; }
 
 private:
   std::shared_ptr<Job_Definition_Reader::Parser_Creator> make_parser_creator(const std::string& name);

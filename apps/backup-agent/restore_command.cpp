@@ -199,33 +199,12 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
     return 0;
   }
   Exchange_Backup_Set record;
-  EWS_Folders tree;
-  if (!read_set(request.set, request.from, record, tree, error))
+  nlohmann::ordered_json storages = nlohmann::ordered_json::array();
+  Selection_Size selected;
+  if (!select(request, record, storages, selected, error))
   {
     err << "error: " << error << "\n";
     return 1;
-  }
-  nlohmann::ordered_json storages = nlohmann::ordered_json::array();
-  Selection_Size selected;
-  for (const std::string& path : request.paths)
-  {
-    std::string entry;
-    if (!path_entry(tree, path, entry, error, &selected))
-    {
-      err << "error: " << error << "\n";
-      return 1;
-    }
-    storages.push_back(entry);
-  }
-  for (const std::string& id : request.items)
-  {
-    std::string entry;
-    if (!item_entry(tree, id, entry, error, &selected))
-    {
-      err << "error: " << error << "\n";
-      return 1;
-    }
-    storages.push_back(entry);
   }
   const auto started = std::chrono::steady_clock::now();
   Outcome outcome;
@@ -238,25 +217,54 @@ int Restore_Command::run(const std::vector<std::string>& args, std::ostream& out
   return outcome.failures.empty() ? 0 : 2;
 }
 
+bool Restore_Command::select(const Request& request, Exchange_Backup_Set& record, nlohmann::ordered_json& storages,
+                             Selection_Size& selected, std::string& error)
+{
+  EWS_Folders tree;
+  if (!read_set(request.set, request.from, record, tree, error))
+    return false;
+  for (const std::string& path : request.paths)
+  {
+    std::string entry;
+    if (!path_entry(tree, path, entry, error, &selected))
+      return false;
+    storages.push_back(entry);
+  }
+  for (const std::string& id : request.items)
+  {
+    std::string entry;
+    if (!item_entry(tree, id, entry, error, &selected))
+      return false;
+    storages.push_back(entry);
+  }
+  return true;
+}
+
+nlohmann::ordered_json Restore_Command::summary(const Request& request, const Exchange_Backup_Set& record,
+                                                const Selection_Size& selected, const Outcome& outcome, long seconds)
+{
+  nlohmann::ordered_json summary = {{"set_uuid", record.uuid},
+                                    {"from", request.from},
+                                    {"to", request.to},
+                                    {"relocation", request.relocation},
+                                    {"folders_selected", selected.folders},
+                                    {"items_selected", selected.items},
+                                    {"items_restored", outcome.items},
+                                    {"bytes", outcome.bytes},
+                                    {"duration_seconds", seconds},
+                                    {"failures", outcome.failures}};
+  if (!outcome.failures.empty())
+    summary["job_log"] = outcome.log_path;
+  return summary;
+}
+
 void Restore_Command::print_summary(const Request& request, const Exchange_Backup_Set& record,
                                     const Selection_Size& selected, const Outcome& outcome, long seconds,
                                     std::ostream& out)
 {
   if (request.json)
   {
-    nlohmann::ordered_json summary = {{"set_uuid", record.uuid},
-                                      {"from", request.from},
-                                      {"to", request.to},
-                                      {"relocation", request.relocation},
-                                      {"folders_selected", selected.folders},
-                                      {"items_selected", selected.items},
-                                      {"items_restored", outcome.items},
-                                      {"bytes", outcome.bytes},
-                                      {"duration_seconds", seconds},
-                                      {"failures", outcome.failures}};
-    if (!outcome.failures.empty())
-      summary["job_log"] = outcome.log_path;
-    out << summary.dump() << "\n";
+    out << summary(request, record, selected, outcome, seconds).dump() << "\n";
     return;
   }
   out << "restored from set " << record.uuid << ": " << request.from << " to " << request.to
@@ -275,34 +283,11 @@ int Restore_Command::restore(const Exchange_Backup_Set& record, const std::strin
                              const std::string& relocation, const nlohmann::ordered_json& storages, std::ostream& err,
                              Outcome& outcome)
 {
-  const std::string tenant = encoded(record.resource_uuid);
-  nlohmann::ordered_json def = {
-    {"type", "restore"},
-    {"uid", uuid_generate_string()},
-    {"id", "restore-" + record.resource_uuid},
-    {"name", "restore of set " + record.uuid},
-    {"host_id", Agent_Config::instance().host_id()},
-    {"module", "exchange"},
-    {"schedule", {{"type", "ondemand"}}},
-    {"options",
-     {{"relocation", relocation}, {"is_office365", true}, {"channels", record.channels > 0 ? record.channels : 1}}},
-    {"source",
-     {{"id", record.resource_uuid},
-      {"catalog_id", record.uuid},
-      {"original", "exchange://" + tenant + "/" + encoded(from)},
-      {"restore_as", "exchange://" + tenant + "/" + encoded(to)},
-      {"storages", storages}}}};
-  Job_Definition_var job_def;
-  Job_Definition_Reader reader(module_.parser_creators());
-  if (!reader.read_text(def.dump(), job_def))
-  {
-    err << "error: the restore definition was refused: " << reader.error() << "\n";
-    return 1;
-  }
-  Job_var job = module_.job_creator().create(job_def);
+  std::string error;
+  Job_var job = make_job(record, from, to, relocation, storages, error);
   if (job.get() == nullptr)
   {
-    err << "error: the module made no restore job\n";
+    err << "error: " << error << "\n";
     return 1;
   }
   stop_requested = false;
@@ -329,11 +314,8 @@ int Restore_Command::restore(const Exchange_Backup_Set& record, const std::strin
       stopping = true;
     }
   }
+  take_outcome(*job, outcome);
   const Job_Activity& act = job->activity();
-  outcome.items = act.items_done;
-  outcome.bytes = act.size;
-  outcome.failures = act.message;
-  outcome.log_path = job->log_path();
   if (stopping || act.result == JOB_RESULT_CANCELED)
   {
     err << "restore cancelled\n";
@@ -347,4 +329,47 @@ int Restore_Command::restore(const Exchange_Backup_Set& record, const std::strin
     return 1;
   }
   return 0;
+}
+
+Job_var Restore_Command::make_job(const Exchange_Backup_Set& record, const std::string& from, const std::string& to,
+                                  const std::string& relocation, const nlohmann::ordered_json& storages,
+                                  std::string& error)
+{
+  const std::string tenant = encoded(record.resource_uuid);
+  nlohmann::ordered_json def = {
+    {"type", "restore"},
+    {"uid", uuid_generate_string()},
+    {"id", "restore-" + record.resource_uuid},
+    {"name", "restore of set " + record.uuid},
+    {"host_id", Agent_Config::instance().host_id()},
+    {"module", "exchange"},
+    {"schedule", {{"type", "ondemand"}}},
+    {"options",
+     {{"relocation", relocation}, {"is_office365", true}, {"channels", record.channels > 0 ? record.channels : 1}}},
+    {"source",
+     {{"id", record.resource_uuid},
+      {"catalog_id", record.uuid},
+      {"original", "exchange://" + tenant + "/" + encoded(from)},
+      {"restore_as", "exchange://" + tenant + "/" + encoded(to)},
+      {"storages", storages}}}};
+  Job_Definition_var job_def;
+  Job_Definition_Reader reader(module_.parser_creators());
+  if (!reader.read_text(def.dump(), job_def))
+  {
+    error = "the restore definition was refused: " + reader.error();
+    return Job_var();
+  }
+  Job_var job = module_.job_creator().create(job_def);
+  if (job.get() == nullptr)
+    error = "the module made no restore job";
+  return job;
+}
+
+void Restore_Command::take_outcome(const Job& job, Outcome& outcome)
+{
+  const Job_Activity& act = job.activity();
+  outcome.items = act.items_done;
+  outcome.bytes = act.size;
+  outcome.failures = act.message;
+  outcome.log_path = job.log_path();
 }

@@ -4,6 +4,7 @@
 #include "apps/backup-agent/module_host.h"
 #include "host/catalog/exchange_backup_set.h"
 #include "host/ews/ews_folder.h"
+#include "host/job/job.h"
 
 #include <nlohmann/json.hpp>
 
@@ -77,6 +78,24 @@ public:
   int restore(const Exchange_Backup_Set& record, const std::string& from, const std::string& to,
               const std::string& relocation, const nlohmann::ordered_json& storages, std::ostream& err,
               Outcome& outcome);
+
+  // The pieces of a run, shared with the agent's JSON-RPC methods, which run
+  // restores in the background:
+  // Reads the record of the request's set and its source mailbox's index and
+  // turns the request's paths and items into selection entries (`storages`),
+  // adding what they stand for to `selected`; false with `error` when the set,
+  // the mailbox, a folder or an item is not found.
+  static bool select(const Request& request, Exchange_Backup_Set& record, nlohmann::ordered_json& storages,
+                     Selection_Size& selected, std::string& error);
+  // The restore job of those entries, read through the module's parsers and
+  // made by its job creator, not started; null with `error` when either refuses.
+  Job_var make_job(const Exchange_Backup_Set& record, const std::string& from, const std::string& to,
+                   const std::string& relocation, const nlohmann::ordered_json& storages, std::string& error);
+  // What a finished restore job did, from its activity record.
+  static void take_outcome(const Job& job, Outcome& outcome);
+  // The --json summary of a restore that succeeded.
+  static nlohmann::ordered_json summary(const Request& request, const Exchange_Backup_Set& record,
+                                        const Selection_Size& selected, const Outcome& outcome, long seconds);
 
 private:
   static void print_summary(const Request& request, const Exchange_Backup_Set& record, const Selection_Size& selected,

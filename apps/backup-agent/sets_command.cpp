@@ -61,54 +61,11 @@ int Sets_Command::run(const std::vector<std::string>& args, std::ostream& out, s
     out << usage();
     return 0;
   }
-  std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&sort=backup_start_time&order=desc";
-  if (!tenant.empty())
+  nlohmann::ordered_json sets;
+  if (!list(tenant, mailbox, sets, error))
   {
-    std::string encoded;
-    http_encode_string(tenant, HTTP_ENCODE_SLASH, encoded);
-    query += "&resource_uuid=" + encoded;
-  }
-  nlohmann::ordered_json result;
-  if (!read_catalogs(query.c_str(), result, -1, 30) || !result.contains("rows") || !result["rows"].is_array())
-  {
-    err << "error: the catalog cannot be read\n";
+    err << "error: " << error << "\n";
     return 1;
-  }
-  nlohmann::ordered_json sets = nlohmann::ordered_json::array();
-  for (const auto& row : result["rows"])
-  {
-    Exchange_Backup_Set record;
-    if (!record.from_json(row, error))
-      continue;  // a record of another form (not written by this module's backup)
-    std::vector<std::string> mailboxes;
-    for (const std::string& name : record.index_files)
-      mailboxes.push_back(Set_Access::index_mailbox(name));
-    bool wanted = mailbox.empty();
-    for (const std::string& m : mailboxes)
-      wanted = wanted || m == mailbox;
-    for (const std::string& m : record.failed_mailboxes)
-      wanted = wanted || m == mailbox;
-    if (!wanted)
-      continue;
-    size_t items = 0;
-    if (!count_set_items(record, items))
-    {
-      err << "error: the indexes of set " << record.uuid << " cannot be read\n";
-      return 1;
-    }
-    char when[32] = "";
-    const time_t start = static_cast<time_t>(record.backup_start_time);
-    struct tm tm_utc;
-    if (gmtime_r(&start, &tm_utc) != nullptr)
-      strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm_utc);
-    sets.push_back({{"set_uuid", record.uuid},
-                    {"time", when},
-                    {"rev", record.rev},
-                    {"tenant", record.resource_uuid},
-                    {"mailboxes", mailboxes},
-                    {"items", items},
-                    {"bytes", record.size},
-                    {"failed_mailboxes", record.failed_mailboxes}});
   }
   if (json)
   {
@@ -124,4 +81,63 @@ int Sets_Command::run(const std::vector<std::string>& args, std::ostream& out, s
     out << "\n";
   }
   return 0;
+}
+
+bool Sets_Command::list(const std::string& tenant, const std::string& mailbox, nlohmann::ordered_json& sets,
+                        std::string& error)
+{
+  std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&sort=backup_start_time&order=desc";
+  if (!tenant.empty())
+  {
+    std::string encoded;
+    http_encode_string(tenant, HTTP_ENCODE_SLASH, encoded);
+    query += "&resource_uuid=" + encoded;
+  }
+  nlohmann::ordered_json result;
+  if (!read_catalogs(query.c_str(), result, -1, 30) || !result.contains("rows") || !result["rows"].is_array())
+  {
+    error = "the catalog cannot be read";
+    return false;
+  }
+  sets = nlohmann::ordered_json::array();
+  for (const auto& row : result["rows"])
+  {
+    Exchange_Backup_Set record;
+    std::string skipped;
+    if (!record.from_json(row, skipped))
+      continue;  // a record of another form (not written by this module's backup)
+    std::vector<std::string> mailboxes;
+    for (const std::string& name : record.index_files)
+      mailboxes.push_back(Set_Access::index_mailbox(name));
+    bool wanted = mailbox.empty();
+    for (const std::string& m : mailboxes)
+      wanted = wanted || m == mailbox;
+    for (const std::string& m : record.failed_mailboxes)
+      wanted = wanted || m == mailbox;
+    if (!wanted)
+      continue;
+    size_t items = 0;
+    if (!count_set_items(record, items))
+    {
+      error = "the indexes of set " + record.uuid + " cannot be read";
+      return false;
+    }
+    char when[32] = "";
+    const time_t start = static_cast<time_t>(record.backup_start_time);
+    struct tm tm_utc;
+    if (gmtime_r(&start, &tm_utc) != nullptr)
+      strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm_utc);
+    sets.push_back({{"set_uuid", record.uuid},
+                    {"time", when},
+                    {"rev", record.rev},
+                    {"tenant", record.resource_uuid},
+                    {"mailboxes", mailboxes},
+                    {"items", items},
+                    {"bytes", record.size},
+                    {"failed_mailboxes", record.failed_mailboxes},
+                    {"pool_uuid", record.pool_uuid},
+                    {"catalog_uuid", record.uuid},
+                    {"uri", record.uri}});
+  }
+  return true;
 }

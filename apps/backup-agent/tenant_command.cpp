@@ -73,13 +73,24 @@ int Tenant_Command::add(const std::vector<std::string>& args)
                                                 : Secret_Reader::from_file(options.secret_file, secret, error);
   if (!read)
     return fail("cannot read the client secret: " + error, 1);
+  std::string uuid;
+  if (register_entry(options, secret, uuid) != 0)
+    return 1;
+  out_ << uuid << "\n";
+  return 0;
+}
+
+int Tenant_Command::register_entry(const Tenant_Add_Options& options, const Secure_String& secret, std::string& uuid)
+{
+  if (path_.empty())
+    return fail(no_state_dir, 1);
   Office365_Auth_Entry entry = options.entry;
   entry.client_secret.assign(secret.begin(), secret.end());
 
   Registry_Lock lock(path_);
   if (!load_for_change(lock))
     return 1;
-  const std::string uuid = options.uuid.empty() ? uuid_generate_string() : options.uuid;
+  uuid = options.uuid.empty() ? uuid_generate_string() : options.uuid;
   Office365_Auth_Entry previous;
   const bool replaced = registry_.find(uuid, previous);
   warn_of_duplicates(entry, uuid);
@@ -90,7 +101,6 @@ int Tenant_Command::add(const std::vector<std::string>& args)
   LOG_MSG(LM_INFO, "Tenant registration '%s' %s: tenant '%s', client '%s', mailbox '%s'\n", uuid.c_str(),
           replaced ? "replaced" : "added", entry.tenant_id.c_str(), entry.client_id.c_str(),
           entry.tenant_email.c_str());
-  out_ << uuid << "\n";
   return 0;
 }
 

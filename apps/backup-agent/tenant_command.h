@@ -2,6 +2,8 @@
 #define APPS_BACKUP_AGENT_TENANT_COMMAND_H
 
 #include "apps/backup-agent/registry_lock.h"
+#include "apps/backup-agent/tenant_add_options.h"
+#include "host/base/secure_allocator.h"
 #include "host/office365/office365_tenant_registry.h"
 
 #include <ostream>
@@ -33,6 +35,13 @@ public:
   int run(const std::vector<std::string>& args);
 
   static const char* usage();
+
+  // Registers `options.entry` with `secret` under `options.uuid` (a new uuid
+  // when empty) as `tenant add` does, returned in `uuid`: the state directory
+  // made when missing, the registry locked, read, changed and written back.
+  // 0, or 1 after writing the reason to `err`. Shared with the agent's
+  // "agent.add_tenant" method.
+  int register_entry(const Tenant_Add_Options& options, const Secure_String& secret, std::string& uuid);
 
 private:
   int add(const std::vector<std::string>& args);

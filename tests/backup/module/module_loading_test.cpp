@@ -1,4 +1,6 @@
+#include "host/job/instance_handler.h"
 #include "host/job/job_creator.h"
+#include "host/jsonrpc/json_rpc_handler.h"
 #include "host/job/object_creator.h"
 #include "host/job/yajl_parser.h"
 
@@ -10,6 +12,8 @@
 #include <string>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+
+#include "tests/host/jsonrpc/recording_channel.h"
 
 namespace
 {
@@ -27,15 +31,6 @@ const char* const all_names[] = {
   "JSON_RPC_Exchange_Online_List_Handler",
   "JSON_RPC_Exchange_Online_List_Folder_Handler",
   "JSON_RPC_Exchange_Online_List_Backupset_Handler",
-};
-
-// The pairs built so far; every one of all_names once the module is complete.
-const char* const built[] = {
-  "Exchange_Job_Creator",
-  "Exchange_Backup_Job_Options_Parser_Creator",
-  "Exchange_Backup_Job_Source_Parser_Creator",
-  "Exchange_Restore_Job_Options_Parser_Creator",
-  "Exchange_Restore_Job_Source_Parser_Creator",
 };
 
 class ModuleLoading : public ::testing::Test
@@ -92,7 +87,7 @@ TEST_F(ModuleLoading, EveryExportedPairMakesAndGobbles)
     g(quiet);
     g(nullptr);  // and so is a null object
   }
-  EXPECT_EQ(pairs, static_cast<int>(std::size(built)));
+  EXPECT_EQ(pairs, static_cast<int>(std::size(all_names)));
 }
 
 // The symbols the module's dynamic symbol table defines, as `nm -D` lists them.
@@ -116,10 +111,10 @@ std::set<std::string> defined_dynamic_symbols(const char* path)
   return names;
 }
 
-TEST_F(ModuleLoading, NothingButTheBuiltFactoryPairsIsExported)
+TEST_F(ModuleLoading, NothingButTheTenFactoryPairsIsExported)
 {
   std::set<std::string> expected;
-  for (const char* name : built)
+  for (const char* name : all_names)
   {
     expected.insert(std::string("_make_") + name);
     expected.insert(std::string("_gobble_") + name);
@@ -160,4 +155,41 @@ TEST_F(ModuleLoading, ParserCreatorsMakeFreshParsersOfTheRightKind)
   creator->destroy(a);
   creator->destroy(b);
   g(creator);
+}
+
+TEST_F(ModuleLoading, JsonRpcHandlersAnswerThroughTheHostChannel)
+{
+  const char* const handlers[] = {
+    "JSON_RPC_Exchange_Online_Test_Handler",
+    "JSON_RPC_Exchange_Online_List_Handler",
+    "JSON_RPC_Exchange_Online_List_Folder_Handler",
+    "JSON_RPC_Exchange_Online_List_Backupset_Handler",
+  };
+  for (const char* name : handlers)
+  {
+    Gobble g = nullptr;
+    JSON_RPC_Handler* handler = static_cast<JSON_RPC_Handler*>(make(name)(&g));
+    ASSERT_NE(handler, nullptr) << name;
+    Recording_Channel* recording = new Recording_Channel();
+    JSON_RPC_Channel_Ptr channel(recording);
+    JSON_RPC_Object_Ptr request(
+      new JSON_RPC_Object(JSON_RPC_REQUEST, nlohmann::ordered_json(1), "m", nlohmann::ordered_json::array()));
+    EXPECT_EQ(handler->handle_object(channel, request), 0) << name;
+    EXPECT_EQ(recording->only()["error"]["message"], "Invalid params: params type must be object.") << name;
+    g(handler);
+  }
+}
+
+TEST_F(ModuleLoading, InstanceHandlerReportsTheProxyInstance)
+{
+  Gobble g = nullptr;
+  Instance_Handler* handler = static_cast<Instance_Handler*>(make("Exchange_Instance_Handler")(&g));
+  ASSERT_NE(handler, nullptr);
+  EXPECT_EQ(handler->type(), "exchange");
+  Instance_Handler::instances_type instances;
+  EXPECT_EQ(handler->probe_instances(instances), 0);
+  ASSERT_EQ(instances.count("Exchange_Online_Proxy"), 1u);
+  EXPECT_EQ(instances["Exchange_Online_Proxy"]->to_json().dump(),
+            R"({"type":"exchange","name":"Exchange_Online_Proxy","uuid":"","options":{"is_proxy":true}})");
+  g(handler);
 }

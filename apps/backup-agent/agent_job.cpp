@@ -1,0 +1,143 @@
+#include "apps/backup-agent/agent_job.h"
+
+#include "host/base/log.h"
+#include "host/base/uuid.h"
+
+Agent_Job::Agent_Job(Kind kind, Job_var job)
+  : kind_(kind), id_(uuid_generate_string()), job_(job), started_(std::chrono::steady_clock::now())
+{
+}
+
+std::shared_ptr<Agent_Job> Agent_Job::start_backup(Module_Host& module, const Backup_Command::Request& request,
+                                                   std::string& error)
+{
+  Job_var job = Backup_Command(module).make_job(request, error);
+  if (job.get() == nullptr)
+    return nullptr;
+  std::shared_ptr<Agent_Job> agent_job(new Agent_Job(BACKUP, job));
+  agent_job->backup_ = request;
+  // Made before the start so that it reads every line of this run, as the
+  // command's own does.
+  agent_job->progress_.reset(new Backup_Progress(request.mailboxes.size(), job->log_path()));
+  if (job->start(nullptr) != 0)
+  {
+    error = "the backup could not be started";
+    return nullptr;
+  }
+  LOG_MSG(LM_INFO, "Job %s: backup of %d mailboxes of tenant '%s' to pool '%s' started\n", agent_job->id_.c_str(),
+          static_cast<int>(request.mailboxes.size()), request.tenant.c_str(), request.pool.c_str());
+  return agent_job;
+}
+
+std::shared_ptr<Agent_Job> Agent_Job::start_restore(Module_Host& module, const Restore_Command::Request& request,
+                                                    std::string& error)
+{
+  Exchange_Backup_Set record;
+  nlohmann::ordered_json storages = nlohmann::ordered_json::array();
+  Restore_Command::Selection_Size selected;
+  if (!Restore_Command::select(request, record, storages, selected, error))
+    return nullptr;
+  Job_var job = Restore_Command(module).make_job(record, request.from, request.to, request.relocation, storages, error);
+  if (job.get() == nullptr)
+    return nullptr;
+  std::shared_ptr<Agent_Job> agent_job(new Agent_Job(RESTORE, job));
+  agent_job->restore_ = request;
+  agent_job->record_ = record;
+  agent_job->selected_ = selected;
+  if (job->start(nullptr) != 0)
+  {
+    error = "the restore could not be started";
+    return nullptr;
+  }
+  LOG_MSG(LM_INFO, "Job %s: restore of set '%s' from '%s' to '%s' started\n", agent_job->id_.c_str(),
+          record.uuid.c_str(), request.from.c_str(), request.to.c_str());
+  return agent_job;
+}
+
+nlohmann::ordered_json Agent_Job::status()
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  const Job_Activity& act = job_->activity();
+  const uint64_t items = act.items_done, bytes = act.bytes_done;
+  if (!finished_ && !job_->running())
+    finish();
+  size_t done = 0, total = 1;
+  if (kind_ == BACKUP)
+  {
+    std::string ended;
+    if (!finished_)
+      progress_->poll(items, bytes, ended);
+    done = progress_->done();
+    total = backup_.mailboxes.size();
+  }
+  else
+    done = finished_ ? 1 : 0;
+  const double elapsed =
+    finished_ ? elapsed_s_ : std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+  nlohmann::ordered_json status = {{"job_id", id_},
+                                   {"kind", kind_ == BACKUP ? "backup" : "restore"},
+                                   {"state", state_},
+                                   {"progress",
+                                    {{"mailboxes_done", done},
+                                     {"mailboxes_total", total},
+                                     {"items", items},
+                                     {"bytes", bytes},
+                                     {"elapsed_s", static_cast<long>(elapsed)}}}};
+  if (finished_)
+    status["summary"] = summary_;
+  if (!error_.empty())
+    status["error"] = error_;
+  return status;
+}
+
+void Agent_Job::finish()
+{
+  finished_ = true;
+  elapsed_s_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+  const long seconds = static_cast<long>(elapsed_s_);
+  const Job_Activity& act = job_->activity();
+  if (kind_ == BACKUP)
+  {
+    // The last lines of the job log: mailboxes that ended and items that failed.
+    std::string ended;
+    progress_->poll(act.items_done, act.bytes_done, ended);
+  }
+  if (stopped_ || act.result == JOB_RESULT_CANCELED)
+    state_ = "cancelled";
+  else if (act.result != JOB_RESULT_SUCCESS)
+  {
+    state_ = "failed";
+    error_ = act.message[0] != '\0' ? std::string(act.message) : std::string("the job failed");
+  }
+  else if (kind_ == BACKUP)
+  {
+    if (!Backup_Command::summarize(backup_, *job_, *progress_, seconds, summary_))
+    {
+      state_ = "failed";
+      error_ = "the backup ran but its set could not be read back for the summary";
+      summary_ = nullptr;
+    }
+    else
+      state_ = Backup_Command::complete(summary_) ? "succeeded" : "partial";
+  }
+  else
+  {
+    Restore_Command::Outcome outcome;
+    Restore_Command::take_outcome(*job_, outcome);
+    summary_ = Restore_Command::summary(restore_, record_, selected_, outcome, seconds);
+    state_ = outcome.failures.empty() ? "succeeded" : "partial";
+  }
+  LOG_MSG(LM_INFO, "Job %s: %s\n", id_.c_str(), state_.c_str());
+}
+
+void Agent_Job::stop()
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  if (job_->running())
+  {
+    stopped_ = true;
+    job_->stop(nullptr);
+  }
+}
+
+bool Agent_Job::wait(long timeout_ms) { return job_->wait(timeout_ms); }
