@@ -21,7 +21,7 @@ function progress_text(progress) {
 }
 
 function value_text(key, value) {
-  if (value === null || value === undefined) return '';
+  if (value === null || value === undefined || value === '') return 'none';
   if (typeof value === 'boolean') return value ? 'yes' : 'no';
   if (typeof value === 'number' && /bytes/.test(key)) return `${formatBytes(value)} (${value} bytes)`;
   if (typeof value === 'number' && /seconds|_s$/.test(key)) return `${value.toFixed(1)} s`;
@@ -93,7 +93,9 @@ export async function watch_job(context, container, job_id, title) {
       bar.value = 1;
     }
     const words = final_words[job.state] || `ended (${job.state})`;
-    fill(status, `${kind} ${words}: ${progress_text(progress)}`);
+    const reason = typeof job.error === 'string' && job.error ? job.error : '';
+    fill(status, reason ? `${kind} ${words}: ${reason} (${progress_text(progress)})`
+                        : `${kind} ${words}: ${progress_text(progress)}`);
     panel.classList.add(`job-${job.state}`);
     if (job.summary && typeof job.summary === 'object') {
       fill(details, h('h5', {}, 'Summary'), summary_view(job.summary));

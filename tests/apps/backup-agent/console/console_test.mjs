@@ -39,6 +39,7 @@ const demo = {
 const source_mailbox = 'alice.archer@demo.exosim.test';
 const target_mailbox = 'bruno.brandt@demo.exosim.test';
 const relocation = 'Restored by the console test';
+const folder_relocation = 'Folder restored by the console test';
 const wait_ms = 20000;  // how long a step may take before it counts as failed
 
 const work = fs.mkdtempSync(path.join(os.tmpdir(), 'console_test_'));
@@ -149,6 +150,12 @@ async function visible(locator) {
 // Waits until text `text` (a string or a RegExp) is visible inside `scope`.
 async function shows(scope, text) {
   await visible(scope.getByText(text));
+}
+
+// The list of child nodes of folder button `button` (its aria-controls).
+async function subtree(button) {
+  const id = await button.getAttribute('aria-controls', {timeout: wait_ms});
+  return page.locator(`[id="${id}"]`);
 }
 
 async function walk_through(servers) {
@@ -271,8 +278,8 @@ async function walk_through(servers) {
 
     await step('item-restored', async () => {
       const tree = page.locator('#browse-tree');
-      const inbox = tree.locator('li.folder').filter({has: page.getByRole('button', {name: 'Inbox', exact: true})});
-      await inbox.locator(':scope > ul > li.item input[type=radio]').first().check();
+      const inbox = await subtree(tree.getByRole('button', {name: 'Inbox', exact: true}));
+      await inbox.locator(':scope > li.item input[type=radio]').first().check();
       await shows(page.locator('#restore-selection'), /^Selected: item ".*" in Inbox of /);
       await page.getByLabel('Into mailbox').fill(target_mailbox);
       await page.getByLabel('Under the folder').fill(relocation);
@@ -284,15 +291,45 @@ async function walk_through(servers) {
       if ((await restored.textContent()).trim() !== '1') throw new Error('the restore summary does not count 1 item');
     });
 
+    // A folder of the set: the first subfolder of Inbox, whatever its name.
+    let folder_name = '';
+    await step('folder-restored', async () => {
+      const tree = page.locator('#browse-tree');
+      const inbox = await subtree(tree.getByRole('button', {name: 'Inbox', exact: true}));
+      const first = inbox.locator(':scope > li.folder').first();
+      folder_name = (await first.locator(':scope > button.folder').textContent()).trim();
+      await first.locator(':scope > input[type=radio]').check();
+      await shows(page.locator('#restore-selection'), `Selected: folder Inbox / ${folder_name} of ${source_mailbox}.`);
+      await page.getByLabel('Under the folder').fill(folder_relocation);
+      await page.getByRole('button', {name: 'Start restore'}).click();
+      const job = page.locator('#restore-jobs article').first();
+      await job.getByText(/^Restore succeeded/).waitFor({timeout: 30000});
+      await shows(job, `Restore of folder Inbox / ${folder_name} from ${source_mailbox} into ${target_mailbox}`);
+    });
+
+    // The same restore again: its relocation folder exists now, and a restore
+    // never merges into an existing folder, so the job fails and says why.
+    await step('restore-refused', async () => {
+      await page.getByRole('button', {name: 'Start restore'}).click();
+      const job = page.locator('#restore-jobs article').first();
+      await job.getByText(/^Restore failed: \S.* \(/).waitFor({timeout: 30000});
+    });
+
     await step('restored-in-target', async () => {
       await page.getByLabel('Search mailboxes').fill('bruno');
       await page.getByRole('button', {name: 'Search', exact: true}).click();
       const bruno = mailboxes.locator(`li[data-mailbox="${target_mailbox}"]`);
       await visible(bruno);
       await bruno.getByRole('button', {name: `Folders of ${target_mailbox}`}).click();
-      await bruno.getByRole('button', {name: relocation, exact: true}).click();
-      const folder = bruno.locator('li.folder').filter({has: page.getByRole('button', {name: relocation})});
-      await visible(folder.getByRole('button', {name: 'Inbox', exact: true}));
+      const restored = bruno.getByRole('button', {name: relocation, exact: true});
+      await restored.click();
+      await visible((await subtree(restored)).getByRole('button', {name: 'Inbox', exact: true}));
+      const folder_root = bruno.getByRole('button', {name: folder_relocation, exact: true});
+      await folder_root.click();
+      const moved_inbox = (await subtree(folder_root)).getByRole('button', {name: 'Inbox', exact: true});
+      await moved_inbox.click();
+      const moved = await subtree(moved_inbox);
+      await visible(moved.getByRole('button', {name: folder_name, exact: true}));
     });
 
     if (page_errors.length) throw new Error(`the page raised errors: ${page_errors.join('; ')}`);
