@@ -6,7 +6,7 @@
 # when the lock file changed.
 #   run_console_test.sh --npm-dir=DIR [the test's own --name=value arguments]
 set -euo pipefail
-here="$(cd "$(dirname "$0")" && pwd)"
+case "$0" in */*) here="$(cd "${0%/*}" && pwd)" ;; *) here="$PWD" ;; esac
 
 npm_dir=""
 for arg in "$@"; do
