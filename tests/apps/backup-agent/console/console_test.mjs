@@ -165,6 +165,9 @@ async function walk_through(servers) {
     page = await browser_context.newPage();
     const page_errors = [];
     page.on('pageerror', (error) => page_errors.push(error.message));
+    page.on('console', (message) => {
+      if (message.type() === 'error' && /Content Security Policy/.test(message.text())) page_errors.push(message.text());
+    });
 
     await step('sign-in-refused', async () => {
       await page.goto(servers.agent + '/');
@@ -178,11 +181,34 @@ async function walk_through(servers) {
       await page.getByRole('button', {name: 'Sign in'}).click();
       await shows(page.locator('#tenants'), 'No tenant is registered yet');
       await shows(page.locator('#sets'), 'No backup set yet.');
+      const stored = await page.evaluate(() => ({local: localStorage.length, session: Object.values(sessionStorage)}));
+      if (stored.local !== 0 || !stored.session.includes(servers.api_key)) {
+        throw new Error('the key is not kept in sessionStorage alone');
+      }
     });
 
+    // The agent refuses the registration and its message quotes the tenant id:
+    // the message must show as text, the markup in it never as an element.
     const form = page.locator('#tenant-add-form');
-    await step('tenant-wrong-secret', async () => {
+    const markup = '<img src="x" onerror="window.injected = true">';
+    await step('tenant-refused', async () => {
       await page.getByText('Add a tenant registration').click();
+      await form.getByLabel('Tenant (directory) ID').fill(markup);
+      await form.getByLabel('Application (client) ID').fill(demo.client_id);
+      await form.getByLabel('Client secret').fill(demo.secret);
+      await form.getByLabel('Administrator e-mail').fill(demo.admin);
+      await form.getByLabel('Login endpoint').fill(servers.sim);
+      await form.getByLabel('Microsoft Graph endpoint').fill(servers.sim);
+      await form.getByLabel('EWS endpoint').fill(`${servers.sim}/EWS/Exchange.asmx`);
+      await form.getByRole('button', {name: 'Add tenant'}).click();
+      const error = page.locator('#tenant-add-error');
+      await shows(error, `the tenant id '${markup}' is neither a directory id nor a domain name`);
+      if (await page.locator('img').count() !== 0 || await page.evaluate(() => window.injected === true)) {
+        throw new Error('text from the agent became markup');
+      }
+    });
+
+    await step('tenant-wrong-secret', async () => {
       await form.getByLabel('Tenant (directory) ID').fill(demo.tenant_id);
       await form.getByLabel('Application (client) ID').fill(demo.client_id);
       await form.getByLabel('Client secret').fill('not-the-secret');
@@ -330,6 +356,15 @@ async function walk_through(servers) {
       await moved_inbox.click();
       const moved = await subtree(moved_inbox);
       await visible(moved.getByRole('button', {name: folder_name, exact: true}));
+    });
+
+    await step('signed-out', async () => {
+      await page.getByRole('button', {name: 'Sign out'}).click();
+      await visible(page.getByLabel('API key'));
+      if (await page.locator('#workspace').isVisible()) throw new Error('the workspace is still shown');
+      await page.reload();
+      await visible(page.getByLabel('API key'));
+      if (await page.evaluate(() => sessionStorage.length) !== 0) throw new Error('the key outlived the sign-out');
     });
 
     if (page_errors.length) throw new Error(`the page raised errors: ${page_errors.join('; ')}`);
