@@ -1,9 +1,12 @@
 // The console's browser test. Starts a real backupd (pool "main"), exo-sim
 // with the demo tenant and `backup-agent serve` on loopback ports, then drives
-// the console in headless Debian chromium through playwright-core: signs in,
-// adds and tests the demo tenant, lists, pages and searches its mailboxes,
-// expands live folders, backs a mailbox up, browses the new set, restores an
-// item into another mailbox and finds it there among the live folders.
+// the console in headless Debian chromium through playwright-core: signs in
+// (a wrong key first), adds the demo tenant (a refused registration and a wrong
+// secret first) and tests it, lists, pages and searches its mailboxes, expands
+// live folders, backs a mailbox up, browses the new set, restores an item and a
+// folder into another mailbox (and the folder again, which is refused) and
+// finds them there among the live folders, signs out, and last sees a call to
+// the stopped agent fail in words.
 // Every step saves a screenshot under --screenshots; a step fails when the text
 // it waits for does not show up (the waits only bound how long that may take).
 //
@@ -90,13 +93,18 @@ function run(program, args) {
   });
 }
 
-async function stop_all() {
-  await Promise.all(children.map(({child}) => new Promise((resolve) => {
+// Stops `child` (SIGTERM, SIGKILL after 5 s) and waits for its end.
+function stop(child) {
+  return new Promise((resolve) => {
     if (child.exitCode !== null || child.signalCode !== null) return resolve();
     child.once('exit', resolve);
     child.kill('SIGTERM');
     setTimeout(() => child.kill('SIGKILL'), 5000).unref();
-  })));
+  });
+}
+
+async function stop_all() {
+  await Promise.all(children.map(({child}) => stop(child)));
 }
 
 async function start_servers() {
@@ -365,6 +373,14 @@ async function walk_through(servers) {
       await page.reload();
       await visible(page.getByLabel('API key'));
       if (await page.evaluate(() => sessionStorage.length) !== 0) throw new Error('the key outlived the sign-out');
+    });
+
+    // With the agent gone, a call fails for want of a connection and says so.
+    await step('agent-unreachable', async () => {
+      await stop(children.find(({name}) => name === 'agent').child);
+      await page.getByLabel('API key').fill(servers.api_key);
+      await page.getByRole('button', {name: 'Sign in'}).click();
+      await shows(page.locator('#sign-in-error'), 'The agent cannot be reached');
     });
 
     if (page_errors.length) throw new Error(`the page raised errors: ${page_errors.join('; ')}`);
