@@ -28,6 +28,21 @@ function value_text(key, value) {
   return String(value);
 }
 
+// Labels of summary keys that read badly as they are; the others are shown by
+// their key ("items_restored" -> "Items restored").
+const labels = {
+  set_uuid: 'Backup set',
+  rev: 'Revision',
+  bytes: 'Item data',
+  bytes_stored: 'Stored',
+  duration_seconds: 'Duration',
+  job_log: 'Job log',
+};
+
+function label(key) {
+  return labels[key] || keyLabel(key);
+}
+
 // The summary in words: one row per key, lists for arrays.
 export function summary_view(summary) {
   const list = h('dl', {class: 'summary'});
@@ -36,14 +51,14 @@ export function summary_view(summary) {
     if (Array.isArray(value)) {
       if (value.length === 0) shown = 'none';
       else shown = h('ul', {}, value.map((entry) => h('li', {}, entry !== null && typeof entry === 'object'
-        ? Object.entries(entry).map(([k, v]) => `${keyLabel(k)}: ${value_text(k, v)}`).join('; ')
+        ? Object.entries(entry).map(([k, v]) => `${label(k)}: ${value_text(k, v)}`).join('; ')
         : value_text(key, entry))));
     } else if (value !== null && typeof value === 'object') {
       shown = summary_view(value);
     } else {
       shown = value_text(key, value);
     }
-    list.append(h('dt', {}, keyLabel(key)), h('dd', {}, shown));
+    list.append(h('dt', {}, label(key)), h('dd', {}, shown));
   }
   return list;
 }

@@ -134,7 +134,7 @@ export function init_tenants(context) {
       const result = await busy(event.submitter || form.querySelector('button[type=submit]'),
                                 () => context.call('agent.add_tenant', entry));
       fill(add_outcome, `Tenant ${entry.tenant_email} added (${result.uuid}).`);
-      $('tenant-secret').value = '';
+      form.reset();  // the secret is not kept on the page
       await refresh();
     } catch (failure) {
       showError(add_error, failure);

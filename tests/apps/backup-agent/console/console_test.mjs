@@ -294,7 +294,7 @@ async function walk_through(servers) {
       const job = page.locator('#backup-jobs article').first();
       await visible(job.locator('progress'));
       await job.getByText(/^Backup succeeded: 1 of 1 mailboxes/).waitFor({timeout: 45000});
-      await shows(job, 'Set uuid');
+      await shows(job.locator('dt'), 'Backup set');
     });
 
     const sets = page.locator('#sets-list');
