@@ -4,6 +4,7 @@
 #include "host/base/log.h"
 
 #include <chrono>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <fstream>
 #include <sstream>
@@ -41,7 +42,8 @@ std::string type_of(const std::string& name)
   for (const auto& t : types)
   {
     const std::string extension = t.extension;
-    if (name.size() > extension.size() && name.compare(name.size() - extension.size(), extension.size(), extension) == 0)
+    if (name.size() > extension.size() &&
+        name.compare(name.size() - extension.size(), extension.size(), extension) == 0)
       return t.type;
   }
   return "application/octet-stream";
@@ -57,10 +59,25 @@ Agent_Http_Server::Agent_Http_Server(const Agent_API_Key& key, const JSON_RPC_Di
 
 bool Agent_Http_Server::bind(const std::string& host, int port, int& bound_port)
 {
+  // The library listens with a backlog of 5: clients that connect at once
+  // beyond it see their connections fail, not wait. Linux takes a second
+  // listen() on a listening socket as a new backlog, so the socket is kept
+  // from the library's socket-options hook (which runs before its listen) and
+  // given the system's maximum once bound.
+  socket_t listening = INVALID_SOCKET;
+  server_.set_socket_options(
+    [&listening](socket_t sock)
+    {
+      httplib::default_socket_options(sock);
+      listening = sock;
+    });
   if (port == 0)
     bound_port = server_.bind_to_any_port(host.c_str());
   else
     bound_port = server_.bind_to_port(host.c_str(), port) ? port : -1;
+  server_.set_socket_options(httplib::default_socket_options);
+  if (bound_port > 0 && listening != INVALID_SOCKET && ::listen(listening, SOMAXCONN) != 0)
+    LOG_MSG(LM_WARNING, "Cannot raise the listen backlog of the JSON-RPC endpoint: %m\n");
   return bound_port > 0;
 }
 
@@ -83,7 +100,9 @@ void Agent_Http_Server::stop()
 void Agent_Http_Server::install_routes()
 {
   const size_t threads = static_cast<size_t>(threads_);
-  server_.new_task_queue = [threads] { return new Bounded_Task_Queue(threads, 4 * threads); };
+  // Accepted connections wait for a worker in a queue of at most
+  // MAX_WAITING_CONNECTIONS; beyond that they wait in the listen backlog.
+  server_.new_task_queue = [threads] { return new Bounded_Task_Queue(threads, MAX_WAITING_CONNECTIONS); };
   // One request per connection: no worker waits on an idle connection, and a
   // refused request's unread body is never taken for a next request.
   server_.set_keep_alive_max_count(1);

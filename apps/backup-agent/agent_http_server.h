@@ -21,13 +21,15 @@
 //   and the names in the console directory), without a key: they hold no data.
 //   A name with "/" or "..", or starting with ".", is refused with 404.
 // Each connection serves one request and is handled on a worker of a
-// Bounded_Task_Queue (`threads` workers, at most 4 x threads connections
-// waiting). Nothing of a request's key or body is logged.
+// Bounded_Task_Queue (`threads` workers, at most MAX_WAITING_CONNECTIONS
+// accepted connections waiting for one; beyond that the accepting thread waits
+// and new connections wait in the kernel). Nothing of a request's key or body is logged.
 // bind() and run() on one thread; stop() from any other (a signal's thread).
 class Agent_Http_Server
 {
 public:
   static const size_t MAX_BODY_BYTES = 1024 * 1024;
+  static const size_t MAX_WAITING_CONNECTIONS = 64;
 
   Agent_Http_Server(const Agent_API_Key& key, const JSON_RPC_Dispatcher& dispatcher, const std::string& console_dir,
                     int threads);

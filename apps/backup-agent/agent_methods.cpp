@@ -3,6 +3,7 @@
 #include "apps/backup-agent/sets_command.h"
 #include "apps/backup-agent/tenant_add_options.h"
 #include "apps/backup-agent/tenant_command.h"
+#include "host/job/instance_handler.h"
 #include "host/office365/office365_tenant_registry.h"
 #include "host/storage/backupd_client.h"
 
@@ -134,8 +135,7 @@ int Agent_Methods::add_tenant(const nlohmann::ordered_json& params, nlohmann::or
       args.push_back(std::string(key.option) + "=" + value);
   }
   const auto secret_value = params.find("client_secret");
-  if (secret_value == params.end() || !secret_value->is_string() ||
-      secret_value->get_ref<const std::string&>().empty())
+  if (secret_value == params.end() || !secret_value->is_string() || secret_value->get_ref<const std::string&>().empty())
     return expected(message, "client_secret", "non-empty string");
   Tenant_Add_Options options;
   std::string error;
@@ -175,15 +175,13 @@ int Agent_Methods::list_pools(const nlohmann::ordered_json&, nlohmann::ordered_j
   {
     if (!pool.is_object())
       continue;
-    result["rows"].push_back({{"uuid", pool.value("uuid", "")},
-                              {"name", pool.value("name", "")},
-                              {"url", pool.value("url", "")}});
+    result["rows"].push_back(
+      {{"uuid", pool.value("uuid", "")}, {"name", pool.value("name", "")}, {"url", pool.value("url", "")}});
   }
   return 0;
 }
 
-int Agent_Methods::list_sets(const nlohmann::ordered_json& params, nlohmann::ordered_json& result,
-                             std::string& message)
+int Agent_Methods::list_sets(const nlohmann::ordered_json& params, nlohmann::ordered_json& result, std::string& message)
 {
   std::string tenant, mailbox;
   if (!get_string(params, "tenant", tenant, true))
@@ -287,5 +285,33 @@ int Agent_Methods::job_status(const nlohmann::ordered_json& params, nlohmann::or
   if (!job)
     return invalid(message, "no job '" + id + "'.");
   result = job->status();
+  return 0;
+}
+
+int Agent_Methods::instances(const nlohmann::ordered_json&, nlohmann::ordered_json& result, std::string& message)
+{
+  // One handler per call: a handler is used by one thread at a time.
+  std::shared_ptr<Instance_Handler> handler = module_.library().make<Instance_Handler>("Exchange_Instance_Handler");
+  if (!handler)
+  {
+    message = "The module has no instance handler.";
+    return INTERNAL_ERROR;
+  }
+  Instance_Handler::instances_type found;
+  if (handler->probe_instances(found) != 0)
+  {
+    message = "The module's instance handler failed to probe its instances.";
+    return INTERNAL_ERROR;
+  }
+  result["rows"] = nlohmann::ordered_json::array();
+  for (const auto& entry : found)
+  {
+    if (!entry.second)
+      continue;
+    nlohmann::ordered_json row = entry.second->to_json();
+    std::string state;
+    row["state"] = handler->get_state(entry.first.c_str(), state);
+    result["rows"].push_back(row);
+  }
   return 0;
 }

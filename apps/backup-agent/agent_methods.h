@@ -31,6 +31,9 @@ public:
   int start_backup(const nlohmann::ordered_json& params, nlohmann::ordered_json& result, std::string& message);
   int start_restore(const nlohmann::ordered_json& params, nlohmann::ordered_json& result, std::string& message);
   int job_status(const nlohmann::ordered_json& params, nlohmann::ordered_json& result, std::string& message);
+  // The module's instances, from its instance handler made through its exported
+  // pair for this call: {"rows": [{"type", "name", "uuid", "options", "state"}]}.
+  int instances(const nlohmann::ordered_json& params, nlohmann::ordered_json& result, std::string& message);
 
 private:
   Module_Host& module_;

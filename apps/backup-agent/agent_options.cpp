@@ -56,12 +56,14 @@ const char* Agent_Options::usage()
          "                   read a backup set back and check every item (backup-agent verify --help)\n"
          "  serve [--listen 127.0.0.1:PORT] [--allow-remote] [--console-dir DIR] | serve --print-key\n"
          "                   answer JSON-RPC at POST /rpc and serve the web console (backup-agent serve --help)\n"
-         "  mailboxes --tenant UUID [--search TEXT] [--json]\n"
+         "  mailboxes --tenant UUID [--search TEXT] [--page-size N] [--json]\n"
          "                   list the mailboxes of a registered tenant\n"
          "  folders --tenant UUID --mailbox ADDRESS [--entry-id ID] [--json]\n"
          "                   list the live folders of a mailbox\n"
          "  browse --set UUID --mailbox ADDRESS [--path \"Inbox/Projects\"] [--json]\n"
          "                   list a folder of a mailbox as a backup set holds it\n"
+         "  instances [--json]\n"
+         "                   list the instances the module offers, with their state\n"
          "  tenant add|list|remove|test\n"
          "                   manage the Office 365 tenant registrations (backup-agent tenant for details)\n";
 }

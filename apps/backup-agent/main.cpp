@@ -8,6 +8,7 @@
 #include "apps/backup-agent/backup_command.h"
 #include "apps/backup-agent/browse_command.h"
 #include "apps/backup-agent/folders_command.h"
+#include "apps/backup-agent/instances_command.h"
 #include "apps/backup-agent/mailboxes_command.h"
 #include "apps/backup-agent/check_job_command.h"
 #include "apps/backup-agent/module_host.h"
@@ -149,6 +150,8 @@ int main(int argc, char** argv)
     return module_command<Folders_Command>(options);
   if (options.command == "browse")
     return module_command<Browse_Command>(options);
+  if (options.command == "instances")
+    return module_command<Instances_Command>(options);
   if (options.command == "tenant")
     return Tenant_Command(Office365_Tenant_Registry::default_path(), std::cout, std::cerr).run(options.args);
   std::cerr << "backup-agent: unknown command " << options.command << "\n" << Agent_Options::usage();

@@ -14,6 +14,7 @@ const RPC_Method_Table::Row RPC_Method_Table::rows[] = {
   {"agent.start_backup", nullptr, &Agent_Methods::start_backup},
   {"agent.start_restore", nullptr, &Agent_Methods::start_restore},
   {"agent.job_status", nullptr, &Agent_Methods::job_status},
+  {"agent.instances", nullptr, &Agent_Methods::instances},
 };
 
 const size_t RPC_Method_Table::row_count = sizeof rows / sizeof rows[0];
@@ -42,8 +43,7 @@ bool RPC_Method_Table::build(Module_Library& library, Agent_Methods& methods, JS
     }
     // The module's make function returns its handler as the host's
     // JSON_RPC_Handler (the base both sides share through libhost).
-    table[row.method] = [make](void (**release)(void*))
-    { return static_cast<JSON_RPC_Handler*>(make(release)); };
+    table[row.method] = [make](void (**release)(void*)) { return static_cast<JSON_RPC_Handler*>(make(release)); };
   }
   return true;
 }

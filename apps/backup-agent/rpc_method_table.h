@@ -33,7 +33,7 @@ public:
   struct Row
   {
     const char* method;
-    const char* module_pair;               // the module's factory pair name, or null
+    const char* module_pair;             // the module's factory pair name, or null
     Agent_Methods::Method agent_method;  // else the agent's own method
   };
   static const Row rows[];

@@ -26,8 +26,8 @@ public:
   // `config`: the agent configuration; `dir`: where its output files go.
   Serve_Process(const std::string& config, const std::string& dir, const std::vector<std::string>& extra = {})
   {
-    std::vector<std::string> args = {"--module", EXCHANGE_MODULE_PATH, "--config", config, "serve",
-                                     "--listen", "127.0.0.1:0"};
+    std::vector<std::string> args = {"--module", EXCHANGE_MODULE_PATH, "--config",   config,
+                                     "serve",    "--listen",           "127.0.0.1:0"};
     args.insert(args.end(), extra.begin(), extra.end());
     process_.reset(new Agent_Process(args, dir, "serve"));
     const std::string out_path = dir + "/serve.out";
@@ -76,13 +76,16 @@ public:
     return client()->Post("/rpc", headers, body, content_type.c_str());
   }
 
-  // One request; the whole reply object (null when none could be read).
+  // One request; the whole reply object, or {"http_error"} or {"http_status"}
+  // when no reply came.
   nlohmann::ordered_json call(const std::string& method, const nlohmann::ordered_json& params, int id = 1) const
   {
     const nlohmann::ordered_json request = {{"jsonrpc", "2.0"}, {"method", method}, {"params", params}, {"id", id}};
     httplib::Result res = post(request.dump());
-    if (!res || res->status != 200)
-      return nullptr;
+    if (!res)
+      return {{"http_error", httplib::to_string(res.error())}};
+    if (res->status != 200)
+      return {{"http_status", res->status}};
     return nlohmann::ordered_json::parse(res->body, nullptr, false);
   }
 

@@ -36,7 +36,7 @@ protected:
     for (int i = 0; i < 600; ++i)
     {
       reply = agent.call("agent.job_status", {{"job_id", job_id}});
-      if (reply.is_null() || !reply.contains("result") || reply["result"]["state"] != "running")
+      if (!reply.contains("result") || reply["result"]["state"] != "running")
         break;
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
@@ -90,10 +90,8 @@ TEST_F(Serve_Run, RefusesWhatItMustAndKeepsServing)
     EXPECT_TRUE(res->body.empty());
   }
   // A tenant added with a wrong key is not added.
-  const nlohmann::ordered_json add = {{"jsonrpc", "2.0"},
-                                      {"method", "agent.add_tenant"},
-                                      {"params", sim.entry().to_json(true)},
-                                      {"id", 1}};
+  const nlohmann::ordered_json add = {
+    {"jsonrpc", "2.0"}, {"method", "agent.add_tenant"}, {"params", sim.entry().to_json(true)}, {"id", 1}};
   httplib::Result refused = agent.post(add.dump(), &wrong);
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->status, 401);
@@ -151,6 +149,15 @@ TEST_F(Serve_Run, RefusesWhatItMustAndKeepsServing)
   EXPECT_EQ(reply["result"]["rows"][0]["client_id"], Exo_Sim_Process::client_id);
   EXPECT_FALSE(reply["result"]["rows"][0].contains("client_secret"));
 
+  // The module's instance, through its instance handler.
+  reply = agent.call("agent.instances", nlohmann::ordered_json::object());
+  ASSERT_TRUE(reply.contains("result")) << reply.dump();
+  ASSERT_EQ(reply["result"]["rows"].size(), 1u);
+  EXPECT_EQ(reply["result"]["rows"][0]["name"], "Exchange_Online_Proxy");
+  EXPECT_EQ(reply["result"]["rows"][0]["type"], "exchange");
+  EXPECT_EQ(reply["result"]["rows"][0]["state"], "enabled");
+  EXPECT_EQ(reply["result"]["rows"][0]["options"]["is_proxy"], true);
+
   // The console: no key needed, plain names only.
   auto web = agent.client();
   httplib::Result page = web->Get("/");
@@ -162,8 +169,8 @@ TEST_F(Serve_Run, RefusesWhatItMustAndKeepsServing)
   ASSERT_TRUE(page);
   EXPECT_EQ(page->status, 200);
   EXPECT_EQ(page->body, "let x = 1;");
-  for (const char* path : {"/console/..%2Fagent.json", "/console/%2e%2e", "/console/missing.js", "/console/",
-                           "/console/.hidden", "/rpc"})
+  for (const char* path :
+       {"/console/..%2Fagent.json", "/console/%2e%2e", "/console/missing.js", "/console/", "/console/.hidden", "/rpc"})
   {
     page = agent.client()->Get(path);
     ASSERT_TRUE(page) << path;
@@ -197,7 +204,8 @@ TEST_F(Serve_Run, AnswersFiftyConcurrentRequestsEachWithItsOwnReply)
 {
   Exo_Sim_Process sim({"--profile", "tiny"});
   configure(sim);
-  Serve_Process agent(config_, dir_);
+  // Two workers: most requests wait for one in the queue.
+  Serve_Process agent(config_, dir_, {"--threads", "2"});
   const std::string alice = sim.mailbox("alice.archer");
   const std::set<std::string> top = live_top_folders(sim, alice);
   ASSERT_FALSE(top.empty());
@@ -214,8 +222,8 @@ TEST_F(Serve_Run, AnswersFiftyConcurrentRequestsEachWithItsOwnReply)
         else if (i % 3 == 1)
           replies[i] = agent.call("exchange.list_mailboxes", {{"uuid", tenant_uuid}, {"limit", 100}}, i);
         else
-          replies[i] = agent.call("exchange.list_folders", {{"uuid", tenant_uuid}, {"mailbox", alice}, {"entry_id", ""}},
-                                  i);
+          replies[i] =
+            agent.call("exchange.list_folders", {{"uuid", tenant_uuid}, {"mailbox", alice}, {"entry_id", ""}}, i);
       });
   for (std::thread& t : threads)
     t.join();
@@ -396,6 +404,10 @@ TEST_F(Serve_Run, TheBrowsingCommandsPrintWhatTheHandlersAnswer)
   EXPECT_TRUE(unknown.says("-32603")) << unknown.err;
   EXPECT_EQ(agent_run({"mailboxes"}, "no-tenant").status, 64);
 
+  Agent_Outcome instances = agent_run({"instances"}, "instances");
+  ASSERT_EQ(instances.status, 0) << instances.err;
+  EXPECT_EQ(instances.out, "Exchange_Online_Proxy\texchange\tenabled\n");
+
   // Live folders: the top, then the children of one.
   Agent_Outcome folders = agent_run({"folders", "--tenant", tenant_uuid, "--mailbox", alice, "--json"}, "folders");
   ASSERT_EQ(folders.status, 0) << folders.err;
@@ -405,6 +417,20 @@ TEST_F(Serve_Run, TheBrowsingCommandsPrintWhatTheHandlersAnswer)
     names.insert(row["name"].get<std::string>());
   EXPECT_EQ(names, live_top_folders(sim, alice));
   EXPECT_EQ(top["total"], top["rows"].size());
+  EWS_Client_Ptr live_client = client(sim, alice);
+  for (const auto& row : top["rows"])
+  {
+    const std::string id = row["entry_id"].get<std::string>();
+    EWS_Folders children;
+    ASSERT_TRUE(live_client->list_folders(id, children, true));
+    Agent_Outcome below =
+      agent_run({"folders", "--tenant", tenant_uuid, "--mailbox", alice, "--entry-id", id, "--json"}, "below");
+    ASSERT_EQ(below.status, 0) << below.err;
+    const nlohmann::ordered_json listed_below = nlohmann::ordered_json::parse(below.out);
+    ASSERT_EQ(listed_below["rows"].size(), children.size());
+    for (size_t i = 0; i < children.size(); ++i)
+      EXPECT_EQ(listed_below["rows"][i]["entry_id"], children[i].id);
+  }
   Agent_Outcome text = agent_run({"folders", "--tenant", tenant_uuid, "--mailbox", alice}, "folders-text");
   ASSERT_EQ(text.status, 0);
   EXPECT_NE(text.out.find(top["rows"][0]["name"].get<std::string>() + "\t" +
