@@ -24,6 +24,7 @@ std::shared_ptr<Agent_Job> Agent_Job::start_backup(Module_Host& module, const Ba
     error = "the backup could not be started";
     return nullptr;
   }
+  agent_job->watcher_ = std::thread([raw = agent_job.get()] { raw->watch(); });
   LOG_MSG(LM_INFO, "Job %s: backup of %d mailboxes of tenant '%s' to pool '%s' started\n", agent_job->id_.c_str(),
           static_cast<int>(request.mailboxes.size()), request.tenant.c_str(), request.pool.c_str());
   return agent_job;
@@ -49,6 +50,7 @@ std::shared_ptr<Agent_Job> Agent_Job::start_restore(Module_Host& module, const R
     error = "the restore could not be started";
     return nullptr;
   }
+  agent_job->watcher_ = std::thread([raw = agent_job.get()] { raw->watch(); });
   LOG_MSG(LM_INFO, "Job %s: restore of set '%s' from '%s' to '%s' started\n", agent_job->id_.c_str(),
           record.uuid.c_str(), request.from.c_str(), request.to.c_str());
   return agent_job;
@@ -59,8 +61,6 @@ nlohmann::ordered_json Agent_Job::status()
   std::lock_guard<std::mutex> guard(lock_);
   const Job_Activity& act = job_->activity();
   const uint64_t items = act.items_done, bytes = act.bytes_done;
-  if (!finished_ && !job_->running())
-    finish();
   size_t done = 0, total = 1;
   if (kind_ == BACKUP)
   {
@@ -140,4 +140,17 @@ void Agent_Job::stop()
   }
 }
 
-bool Agent_Job::wait(long timeout_ms) { return job_->wait(timeout_ms); }
+void Agent_Job::watch()
+{
+  job_->wait(-1);
+  std::lock_guard<std::mutex> guard(lock_);
+  finish();
+}
+
+void Agent_Job::wait()
+{
+  if (watcher_.joinable())
+    watcher_.join();
+}
+
+Agent_Job::~Agent_Job() { wait(); }

@@ -13,14 +13,16 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 // A backup or restore job that `backup-agent serve` runs in the background for
 // "agent.start_backup" / "agent.start_restore". The job is made and started as
 // the backup and restore commands make and start theirs (Backup_Command,
-// Restore_Command), on the module's own job thread; this object only watches it.
-// status() is what "agent.job_status" answers; once the job has ended, its
-// summary is worked out once (for a backup, the set's record and indexes read
-// back) and kept. Any thread may call; the calls are serialised.
+// Restore_Command), on the module's own job thread; a watcher thread of this
+// object waits for its end and then works its outcome out once (for a backup,
+// the set's record and indexes read back) and keeps it. status() is what
+// "agent.job_status" answers. Any thread may call; the calls are serialised.
+// The object must not go before the job has ended (wait()).
 class Agent_Job
 {
 public:
@@ -45,8 +47,12 @@ public:
 
   // Asks a running job to stop; it ends "cancelled".
   void stop();
-  // Waits up to `timeout_ms` for the job's run to end; true when it has.
-  bool wait(long timeout_ms);
+  // Waits for the job's end and for its outcome to be worked out.
+  void wait();
+
+  ~Agent_Job();
+  Agent_Job(const Agent_Job&) = delete;
+  Agent_Job& operator=(const Agent_Job&) = delete;
 
 private:
   enum Kind
@@ -55,6 +61,8 @@ private:
     RESTORE
   };
   Agent_Job(Kind kind, Job_var job);
+  // The watcher thread: waits for the job's end, then finish().
+  void watch();
   // Works the outcome out once the job has ended (called with the lock held).
   void finish();
 
@@ -76,6 +84,7 @@ private:
   Restore_Command::Request restore_;
   Exchange_Backup_Set record_;
   Restore_Command::Selection_Size selected_;
+  std::thread watcher_;
 };
 
 #endif

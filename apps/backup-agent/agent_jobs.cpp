@@ -29,5 +29,5 @@ void Agent_Jobs::stop_all()
   for (const auto& job : jobs)
     job->stop();
   for (const auto& job : jobs)
-    job->wait(-1);
+    job->wait();
 }

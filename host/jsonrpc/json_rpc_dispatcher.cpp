@@ -130,6 +130,8 @@ void JSON_RPC_Dispatcher::handle_message(json& message, const Requester_Check& r
   catch (const std::exception& e)
   {
     LOG_MSG(LM_ERROR, "Failed to make the handler of JSON-RPC method %s: %s\n", name.c_str(), e.what());
+    append_error(replies, JSON_RPC_Channel::INTERNAL_ERROR, id);
+    return;
   }
   if (handler == nullptr)
   {
@@ -155,6 +157,10 @@ void JSON_RPC_Dispatcher::handle_message(json& message, const Requester_Check& r
     catch (const std::exception& e)
     {
       LOG_MSG(LM_ERROR, "JSON-RPC method %s failed: %s\n", name.c_str(), e.what());
+    }
+    catch (...)
+    {
+      LOG_MSG(LM_ERROR, "JSON-RPC method %s failed with an unknown exception.\n", name.c_str());
     }
     if (reply_channel->replied())
       replies.push_back(std::move(reply_channel->reply()));

@@ -124,6 +124,12 @@ TEST_F(Serve_Run, RefusesWhatItMustAndKeepsServing)
   reply = agent.call("agent.start_backup", {{"tenant", tenant_uuid}, {"pool", "pool-1"}});
   EXPECT_EQ(error_code(reply), -32602);
   reply = agent.call("agent.start_backup",
+                     {{"tenant", tenant_uuid}, {"pool", "pool-1"}, {"mailboxes", {"a"}}, {"all_mailboxes", true}});
+  EXPECT_EQ(error_code(reply), -32602);
+  reply = agent.call("agent.start_backup",
+                     {{"tenant", tenant_uuid}, {"pool", "pool-1"}, {"mailboxes", {"a"}}, {"channels", 65}});
+  EXPECT_EQ(error_code(reply), -32602);
+  reply = agent.call("agent.start_backup",
                      {{"tenant", "00000000-0000-4000-8000-000000000000"}, {"pool", "pool-1"}, {"mailboxes", {"a"}}});
   EXPECT_EQ(error_code(reply), -32602);
 
@@ -404,6 +410,16 @@ TEST_F(Serve_Run, TheBrowsingCommandsPrintWhatTheHandlersAnswer)
   EXPECT_TRUE(unknown.says("-32603")) << unknown.err;
   EXPECT_EQ(agent_run({"mailboxes"}, "no-tenant").status, 64);
 
+  for (const char* command : {"mailboxes", "folders", "browse", "instances", "serve"})
+  {
+    const Agent_Outcome help = agent_run({command, "--help"}, std::string(command) + "-help");
+    EXPECT_EQ(help.status, 0) << command;
+    EXPECT_EQ(help.out.find(std::string("usage: backup-agent [--config FILE] ") + command), 0u) << help.out;
+  }
+  const Agent_Outcome usage = agent_run({"--help"}, "usage");
+  for (const char* command : {"serve", "mailboxes", "folders", "browse", "instances"})
+    EXPECT_NE(usage.out.find(std::string("\n  ") + command + " "), std::string::npos) << command;
+
   Agent_Outcome instances = agent_run({"instances"}, "instances");
   ASSERT_EQ(instances.status, 0) << instances.err;
   EXPECT_EQ(instances.out, "Exchange_Online_Proxy\texchange\tenabled\n");
@@ -464,4 +480,28 @@ TEST_F(Serve_Run, TheBrowsingCommandsPrintWhatTheHandlersAnswer)
     agent_run({"browse", "--set", record.uuid, "--mailbox", alice, "--path", "Inbox/No such folder"}, "missing");
   EXPECT_EQ(missing.status, 1);
   EXPECT_TRUE(missing.says("the set has no folder Inbox/No such folder")) << missing.err;
+}
+
+TEST_F(Serve_Run, SigtermCancelsTheRunningBackupAndEndsCleanly)
+{
+  // Every EWS answer late: the backup is still running when the signal comes.
+  Exo_Sim_Process sim({"--profile", "tiny", "--latency-ms", "200"});
+  configure(sim);
+  Serve_Process agent(config_, dir_);
+  nlohmann::ordered_json reply =
+    agent.call("agent.start_backup", {{"tenant", tenant_uuid},
+                                      {"mailboxes", {sim.mailbox("alice.archer"), sim.mailbox("bruno.brandt")}},
+                                      {"pool", "pool-1"}});
+  ASSERT_TRUE(reply.contains("result")) << reply.dump();
+  reply = agent.call("agent.job_status", {{"job_id", reply["result"]["job_id"]}});
+  ASSERT_EQ(reply["result"]["state"], "running") << reply.dump();
+  const auto asked = std::chrono::steady_clock::now();
+  const Agent_Outcome stopped = agent.stop();
+  EXPECT_EQ(stopped.status, 0) << stopped.err;
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(60));
+  EXPECT_TRUE(stopped.says("cancelled")) << stopped.err;
+  // A cancelled backup posts no record.
+  nlohmann::ordered_json result;
+  ASSERT_TRUE(read_catalogs("/d2/r/v2/sets/restore/sets?module=exchange", result, -1, 0));
+  EXPECT_TRUE(result["rows"].empty()) << result.dump();
 }

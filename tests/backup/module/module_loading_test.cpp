@@ -1,5 +1,6 @@
 #include "host/job/instance_handler.h"
 #include "host/job/job_creator.h"
+#include "host/jsonrpc/json_rpc_dispatcher.h"
 #include "host/jsonrpc/json_rpc_handler.h"
 #include "host/job/object_creator.h"
 #include "host/job/yajl_parser.h"
@@ -12,8 +13,6 @@
 #include <string>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-
-#include "tests/host/jsonrpc/recording_channel.h"
 
 namespace
 {
@@ -157,29 +156,6 @@ TEST_F(ModuleLoading, ParserCreatorsMakeFreshParsersOfTheRightKind)
   g(creator);
 }
 
-TEST_F(ModuleLoading, JsonRpcHandlersAnswerThroughTheHostChannel)
-{
-  const char* const handlers[] = {
-    "JSON_RPC_Exchange_Online_Test_Handler",
-    "JSON_RPC_Exchange_Online_List_Handler",
-    "JSON_RPC_Exchange_Online_List_Folder_Handler",
-    "JSON_RPC_Exchange_Online_List_Backupset_Handler",
-  };
-  for (const char* name : handlers)
-  {
-    Gobble g = nullptr;
-    JSON_RPC_Handler* handler = static_cast<JSON_RPC_Handler*>(make(name)(&g));
-    ASSERT_NE(handler, nullptr) << name;
-    Recording_Channel* recording = new Recording_Channel();
-    JSON_RPC_Channel_Ptr channel(recording);
-    JSON_RPC_Object_Ptr request(
-      new JSON_RPC_Object(JSON_RPC_REQUEST, nlohmann::ordered_json(1), "m", nlohmann::ordered_json::array()));
-    EXPECT_EQ(handler->handle_object(channel, request), 0) << name;
-    EXPECT_EQ(recording->only()["error"]["message"], "Invalid params: params type must be object.") << name;
-    g(handler);
-  }
-}
-
 TEST_F(ModuleLoading, InstanceHandlerReportsTheProxyInstance)
 {
   Gobble g = nullptr;
@@ -192,4 +168,20 @@ TEST_F(ModuleLoading, InstanceHandlerReportsTheProxyInstance)
   EXPECT_EQ(instances["Exchange_Online_Proxy"]->to_json().dump(),
             R"({"type":"exchange","name":"Exchange_Online_Proxy","uuid":"","options":{"is_proxy":true}})");
   g(handler);
+}
+
+TEST_F(ModuleLoading, DispatcherRunsTheModulesHandlersByMethodName)
+{
+  JSON_RPC_Dispatcher::Method_Table methods;
+  const Make list_folders = make("JSON_RPC_Exchange_Online_List_Folder_Handler");
+  ASSERT_NE(list_folders, nullptr);
+  methods["exchange.list_folders"] = [list_folders](void (**release)(void*))
+  { return static_cast<JSON_RPC_Handler*>(list_folders(release)); };
+  const JSON_RPC_Dispatcher dispatcher(methods);
+  const nlohmann::ordered_json replies = nlohmann::ordered_json::parse(dispatcher.dispatch(R"([
+    {"jsonrpc": "2.0", "method": "exchange.list_folders", "params": {"mailbox": "m"}, "id": 1},
+    {"jsonrpc": "2.0", "method": "exchange.browse_set", "params": {}, "id": 2}])"));
+  ASSERT_EQ(replies.size(), 2u) << replies.dump();
+  EXPECT_EQ(replies[0]["error"]["message"], "Invalid params: 'uuid' is expected as string in params.");
+  EXPECT_EQ(replies[1]["error"]["code"], -32601);
 }

@@ -5,8 +5,11 @@
 
 #include <atomic>
 #include <functional>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace
 {
@@ -80,6 +83,8 @@ protected:
                      return -1;
                    })},
         {"nothing", [](void (**)(void*)) -> JSON_RPC_Handler* { return nullptr; }},
+        {"unmakeable", [](void (**)(void*)) -> JSON_RPC_Handler* { throw std::bad_alloc(); }},
+        {"throws_int", factory([](JSON_RPC_Channel_Ptr, JSON_RPC_Object_Ptr) -> int { throw 5; })},
       })
   {
     made = 0;
@@ -203,8 +208,10 @@ TEST_F(JsonRpcDispatcher, HandlerThatAnswersNothingOrThrowsYieldsInternalError)
   EXPECT_EQ(reply(R"({"jsonrpc":"2.0","method":"silent","id":1})"), error(-32603, "Internal error", 1));
   EXPECT_EQ(reply(R"({"jsonrpc":"2.0","method":"throws","id":2})"), error(-32603, "Internal error", 2));
   EXPECT_EQ(reply(R"({"jsonrpc":"2.0","method":"nothing","id":3})"), error(-32603, "Internal error", 3));
-  EXPECT_EQ(made, 2);
-  EXPECT_EQ(released, 2);
+  EXPECT_EQ(reply(R"({"jsonrpc":"2.0","method":"unmakeable","id":4})"), error(-32603, "Internal error", 4));
+  EXPECT_EQ(reply(R"({"jsonrpc":"2.0","method":"throws_int","id":5})"), error(-32603, "Internal error", 5));
+  EXPECT_EQ(made, 3);
+  EXPECT_EQ(released, 3);
 }
 
 TEST_F(JsonRpcDispatcher, OnlyTheFirstReplyOfARequestIsSent)
@@ -258,4 +265,28 @@ TEST_F(JsonRpcDispatcher, ResultWithInvalidUtf8IsSentWithReplacements)
   EXPECT_EQ(answer["result"],
             "a\xEF\xBF\xBD"
             "b");
+}
+
+TEST_F(JsonRpcDispatcher, ServesSeveralThreadsAtOnce)
+{
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back(
+      [this, t, &wrong]
+      {
+        for (int i = 0; i < 100; ++i)
+        {
+          const std::string id = std::to_string(t) + "-" + std::to_string(i);
+          const json answer = json::parse(dispatcher_.dispatch(R"({"jsonrpc":"2.0","method":"echo","params":{"t":)" +
+                                                               std::to_string(t) + R"(},"id":")" + id + "\"}"));
+          if (answer["id"] != id || answer["result"]["params"]["t"] != t)
+            ++wrong;
+        }
+      });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(made, 400);
+  EXPECT_EQ(released, 400);
 }
