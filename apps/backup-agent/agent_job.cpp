@@ -65,7 +65,7 @@ nlohmann::ordered_json Agent_Job::status()
   if (kind_ == BACKUP)
   {
     std::string ended;
-    if (!finished_)
+    if (!ending_)
       progress_->poll(items, bytes, ended);
     done = progress_->done();
     total = backup_.mailboxes.size();
@@ -92,42 +92,59 @@ nlohmann::ordered_json Agent_Job::status()
 
 void Agent_Job::finish()
 {
-  finished_ = true;
-  elapsed_s_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
-  const long seconds = static_cast<long>(elapsed_s_);
+  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+  const long seconds = static_cast<long>(elapsed);
   const Job_Activity& act = job_->activity();
-  if (kind_ == BACKUP)
+  bool stopped = false;
   {
+    std::lock_guard<std::mutex> guard(lock_);
+    stopped = stopped_;
     // The last lines of the job log: mailboxes that ended and items that failed.
-    std::string ended;
-    progress_->poll(act.items_done, act.bytes_done, ended);
+    // status() reads the progress no more from here on, so the summary below
+    // may read it without the lock.
+    if (kind_ == BACKUP)
+    {
+      std::string ended;
+      progress_->poll(act.items_done, act.bytes_done, ended);
+    }
+    ending_ = true;
   }
-  if (stopped_ || act.result == JOB_RESULT_CANCELED)
-    state_ = "cancelled";
+  // Worked out without the lock (reading the set back takes a while): status()
+  // meanwhile still says "running".
+  std::string state, error;
+  nlohmann::ordered_json summary;
+  if (stopped || act.result == JOB_RESULT_CANCELED)
+    state = "cancelled";
   else if (act.result != JOB_RESULT_SUCCESS)
   {
-    state_ = "failed";
-    error_ = act.message[0] != '\0' ? std::string(act.message) : std::string("the job failed");
+    state = "failed";
+    error = act.message[0] != '\0' ? std::string(act.message) : std::string("the job failed");
   }
   else if (kind_ == BACKUP)
   {
-    if (!Backup_Command::summarize(backup_, *job_, *progress_, seconds, summary_))
+    if (!Backup_Command::summarize(backup_, *job_, *progress_, seconds, summary))
     {
-      state_ = "failed";
-      error_ = "the backup ran but its set could not be read back for the summary";
-      summary_ = nullptr;
+      state = "failed";
+      error = "the backup ran but its set could not be read back for the summary";
+      summary = nullptr;
     }
     else
-      state_ = Backup_Command::complete(summary_) ? "succeeded" : "partial";
+      state = Backup_Command::complete(summary) ? "succeeded" : "partial";
   }
   else
   {
     Restore_Command::Outcome outcome;
     Restore_Command::take_outcome(*job_, outcome);
-    summary_ = Restore_Command::summary(restore_, record_, selected_, outcome, seconds);
-    state_ = outcome.failures.empty() ? "succeeded" : "partial";
+    summary = Restore_Command::summary(restore_, record_, selected_, outcome, seconds);
+    state = outcome.failures.empty() ? "succeeded" : "partial";
   }
-  LOG_MSG(LM_INFO, "Job %s: %s\n", id_.c_str(), state_.c_str());
+  LOG_MSG(LM_INFO, "Job %s: %s\n", id_.c_str(), state.c_str());
+  std::lock_guard<std::mutex> guard(lock_);
+  state_ = state;
+  error_ = error;
+  summary_ = summary;
+  elapsed_s_ = elapsed;
+  finished_ = true;
 }
 
 void Agent_Job::stop()
@@ -143,7 +160,6 @@ void Agent_Job::stop()
 void Agent_Job::watch()
 {
   job_->wait(-1);
-  std::lock_guard<std::mutex> guard(lock_);
   finish();
 }
 

@@ -63,7 +63,7 @@ private:
   Agent_Job(Kind kind, Job_var job);
   // The watcher thread: waits for the job's end, then finish().
   void watch();
-  // Works the outcome out once the job has ended (called with the lock held).
+  // Works the outcome out once the job has ended (on the watcher thread).
   void finish();
 
   const Kind kind_;
@@ -71,7 +71,8 @@ private:
   Job_var job_;
   const std::chrono::steady_clock::time_point started_;
   std::mutex lock_;
-  bool finished_ = false;
+  bool ending_ = false;    // the job has ended and its outcome is being worked out
+  bool finished_ = false;  // the outcome is known
   bool stopped_ = false;
   double elapsed_s_ = 0;
   std::string state_ = "running";
