@@ -18,7 +18,12 @@ PACKAGES=(
   libace-dev libyajl-dev nlohmann-json3-dev libboost-dev
   libcurl4-openssl-dev libcpp-httplib-dev libpugixml-dev libexpat1-dev
   libsqlite3-dev libzstd-dev libssl-dev libgtest-dev libgmock-dev
+  chromium
 )
+# The console's browser test also needs Node.js and npm; a Node.js installed from
+# elsewhere brings its own npm, which Debian's npm package would conflict with.
+command -v node >/dev/null 2>&1 || PACKAGES+=(nodejs)
+command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 
 missing=()
 for p in "${PACKAGES[@]}"; do
