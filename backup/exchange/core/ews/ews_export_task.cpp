@@ -31,11 +31,20 @@ EWS_Export_Task::EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ct
     cache_bytes_(0),
     peak_cache_bytes_(0),
     in_flight_bytes_(0),
-    peak_held_bytes_(0)
+    lent_bytes_(0),
+    peak_held_bytes_(0),
+    lender_(std::make_shared<Lender>())
 {
+  lender_->task = this;
 }
 
-EWS_Export_Task::~EWS_Export_Task() { stop(); }
+EWS_Export_Task::~EWS_Export_Task()
+{
+  stop();
+  // Contents still lent out are freed by their readers without a task to tell.
+  std::lock_guard<std::mutex> guard(lender_->lock);
+  lender_->task = nullptr;
+}
 
 bool EWS_Export_Task::start()
 {
@@ -134,17 +143,42 @@ bool EWS_Export_Task::putq(EWS_Export_Args* args)
   }
 }
 
+std::shared_ptr<unsigned char> EWS_Export_Task::lend(const std::shared_ptr<unsigned char>& bytes, uint64_t size)
+{
+  std::shared_ptr<Lender> lender = lender_;
+  std::shared_ptr<unsigned char> owned = bytes;
+  return std::shared_ptr<unsigned char>(bytes.get(),
+                                        [owned, lender, size](unsigned char*) mutable
+                                        {
+                                          owned.reset();
+                                          std::lock_guard<std::mutex> guard(lender->lock);
+                                          if (lender->task != nullptr)
+                                            lender->task->give_back(size);
+                                        });
+}
+
+void EWS_Export_Task::give_back(uint64_t size)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  lent_bytes_ -= std::min(lent_bytes_, size);
+  if (room_cond_)
+    room_cond_->broadcast();
+}
+
 bool EWS_Export_Task::get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data)
 {
   std::map<std::string, EWS_b64_Data>& items = cache_[mailbox];
   std::map<std::string, EWS_b64_Data>::iterator it = items.find(id);
   if (it == items.end())
     return false;
-  data = it->second;
-  if (data.ptr)
+  data.size = it->second.size;
+  if (it->second.ptr)
   {
-    cache_bytes_ -= static_cast<uint64_t>(data.size);
-    room_cond_->broadcast();
+    // From the cache to the reader: still held until the reader lets go.
+    const uint64_t size = static_cast<uint64_t>(it->second.size);
+    data.ptr = lend(it->second.ptr, size);
+    cache_bytes_ -= size;
+    lent_bytes_ += size;
   }
   items.erase(it);
   return true;
@@ -152,6 +186,8 @@ bool EWS_Export_Task::get_item_i(const std::string& mailbox, const std::string& 
 
 bool EWS_Export_Task::get_item(const std::string& mailbox, const std::string& id, EWS_b64_Data& data)
 {
+  // Dropped before the lock: lent contents give their bytes back under it.
+  data = EWS_b64_Data();
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   if (!guard.locked() || !cache_cond_)
     return false;
@@ -248,6 +284,12 @@ uint64_t EWS_Export_Task::peak_cache_bytes() const
   return peak_cache_bytes_;
 }
 
+uint64_t EWS_Export_Task::lent_bytes() const
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return lent_bytes_;
+}
+
 uint64_t EWS_Export_Task::peak_held_bytes() const
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
@@ -276,7 +318,7 @@ bool EWS_Export_Task::cache_items(EWS_Export_Requests& requests)
       failed_items_.push_back(std::make_pair(request.mailbox, request.id));
   }
   peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
-  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_);
+  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_ + lent_bytes_);
   if (cache_cond_->broadcast() == -1)
   {
     LOG_MSG(LM_ERROR, "Failed to broadcast after exporting EWS item, errno=%d, %m\n", errno);
@@ -288,10 +330,11 @@ bool EWS_Export_Task::cache_items(EWS_Export_Requests& requests)
 bool EWS_Export_Task::wait_for_room(const std::vector<uint64_t>& sizes, size_t begin, size_t& end)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
-  // The first item waits until it fits beside the cache, or goes alone into an
-  // empty one. A full queue means a lister is blocked before its folder's items
-  // can be read; waiting then would never end, so the budget yields to it.
-  const auto fits = [&] { return cache_bytes_ == 0 || cache_bytes_ + sizes[begin] <= budget_; };
+  // The first item waits until it fits beside what is held, or goes alone when
+  // nothing is. A full queue means a lister is blocked before its folder's
+  // items can be read; waiting then would never end, so the budget yields to it.
+  const auto held = [&] { return cache_bytes_ + lent_bytes_; };
+  const auto fits = [&] { return held() == 0 || held() + sizes[begin] <= budget_; };
   while (!fits() && !queue_.is_full())
   {
     if (stop_)
@@ -313,15 +356,15 @@ bool EWS_Export_Task::wait_for_room(const std::vector<uint64_t>& sizes, size_t b
   }
   if (stop_)
     return false;
-  // The call takes what fits beside the cache (beside nothing when the budget
-  // yields to a full queue), always at least its first item.
-  const uint64_t beside = fits() ? cache_bytes_ : 0;
+  // The call takes what fits beside what is held (beside nothing when the
+  // budget yields to a full queue), always at least its first item.
+  const uint64_t beside = fits() ? held() : 0;
   uint64_t bytes = sizes[begin];
   end = begin + 1;
   while (end < sizes.size() && beside + bytes + sizes[end] <= budget_)
     bytes += sizes[end++];
   in_flight_bytes_ = bytes;
-  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_ + in_flight_bytes_);
+  peak_held_bytes_ = std::max(peak_held_bytes_, held() + in_flight_bytes_);
   return true;
 }
 
