@@ -133,7 +133,7 @@ public:
 
   // The export budget in bytes (set before activate_export_task): exported
   // items held in the cache or by their readers, plus the export call under
-  // way. The agent setting "ews.export_cache_mib" (default 256) unless changed
+  // way. The agent setting "ews.export_cache_mib" (default 192) unless changed
   // here.
   void export_cache_budget(uint64_t bytes) { export_cache_budget_ = bytes; }
   uint64_t export_cache_budget() const { return export_cache_budget_; }
