@@ -10,7 +10,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <new>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace
 {
@@ -143,18 +146,44 @@ bool EWS_Export_Task::putq(EWS_Export_Args* args)
   }
 }
 
+void EWS_Export_Task::Lender::give_back(uint64_t bytes)
+{
+  std::lock_guard<std::mutex> guard(lock);
+  if (task != nullptr && bytes > 0)
+    task->give_back(bytes);
+}
+
+void EWS_Export_Task::Lent_Item::operator()(unsigned char*)
+{
+  owned.reset();
+  lender->give_back(size - std::min(size, given->load()));
+}
+
+void EWS_Export_Task::Lent_Item::give_front(uint64_t upto)
+{
+  const uint64_t from = given->load();
+  if (upto <= from || upto > size || !owned)
+    return;
+  // Only whole pages that hold nothing at or past `upto`: the rest is still to
+  // be read, and the first partial page was kept by the last call.
+  const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t base = reinterpret_cast<uintptr_t>(owned.get());
+  const uintptr_t start = (base + from + page - 1) / page * page;
+  const uintptr_t end = (base + upto) / page * page;
+  if (end > start)
+    madvise(reinterpret_cast<void*>(start), end - start, MADV_DONTNEED);
+  given->store(upto);
+  lender->give_back(upto - from);
+}
+
 std::shared_ptr<unsigned char> EWS_Export_Task::lend(const std::shared_ptr<unsigned char>& bytes, uint64_t size)
 {
-  std::shared_ptr<Lender> lender = lender_;
-  std::shared_ptr<unsigned char> owned = bytes;
-  return std::shared_ptr<unsigned char>(bytes.get(),
-                                        [owned, lender, size](unsigned char*) mutable
-                                        {
-                                          owned.reset();
-                                          std::lock_guard<std::mutex> guard(lender->lock);
-                                          if (lender->task != nullptr)
-                                            lender->task->give_back(size);
-                                        });
+  Lent_Item lent;
+  lent.owned = bytes;
+  lent.lender = lender_;
+  lent.size = size;
+  lent.given = std::make_shared<std::atomic<uint64_t>>(0);
+  return std::shared_ptr<unsigned char>(bytes.get(), lent);
 }
 
 void EWS_Export_Task::give_back(uint64_t size)

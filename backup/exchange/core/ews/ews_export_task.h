@@ -113,11 +113,29 @@ private:
   {
     std::mutex lock;
     EWS_Export_Task* task = nullptr;
+    void give_back(uint64_t bytes);
   };
 
+public:
+  // The deleter of a buffer lent by get_item (std::get_deleter finds it). The
+  // reader, the only one to read the contents, may give back what it has
+  // handed on before it is done: give_front(upto) returns the whole memory
+  // pages below `upto` to the system and those bytes to the budget. The last
+  // copy dropped frees the contents and gives back the rest.
+  struct Lent_Item
+  {
+    std::shared_ptr<unsigned char> owned;
+    std::shared_ptr<Lender> lender;
+    uint64_t size;
+    std::shared_ptr<std::atomic<uint64_t>> given;
+    void operator()(unsigned char*);
+    void give_front(uint64_t upto);
+  };
+
+private:
   void svc();
   // A buffer sharing `bytes` whose last copy, when dropped, frees them and
-  // then gives `size` back to the budget.
+  // then gives `size` (less what was given back before) to the budget.
   std::shared_ptr<unsigned char> lend(const std::shared_ptr<unsigned char>& bytes, uint64_t size);
   void give_back(uint64_t size);
   bool get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data);

@@ -1,8 +1,11 @@
 #include "backup/exchange/core/ews/ews_file_reader.h"
 
 #include "backup/exchange/core/ews/ews_backup_context.h"
+#include "backup/exchange/core/ews/ews_export_task.h"
 #include "backup/exchange/core/ews/ews_mtf_utils.h"
 #include "host/base/log.h"
+
+#include <memory>
 
 EWS_File_Reader::EWS_File_Reader(EWS_Backup_Context& ctx) : ctx_(ctx), offset_(0) {}
 
@@ -39,6 +42,14 @@ MTF::Error_Code EWS_File_Reader::read(MTF::Buffer& buf)
   offset_ += piece;
   if (offset_ >= size)
     close();
+  else if (data_.ptr.use_count() == 1)
+  {
+    // What the stream has is no longer needed here: its memory goes back now
+    // rather than when the whole item is written (the reader holds the only
+    // copy, so nothing else reads those bytes).
+    if (EWS_Export_Task::Lent_Item* lent = std::get_deleter<EWS_Export_Task::Lent_Item>(data_.ptr))
+      lent->give_front(offset_);
+  }
   return MTF::E_OK;
 }
 

@@ -10,8 +10,8 @@ class EWS_Backup_Context;
 // item's path entry for good and waits for the export thread to deliver the
 // contents; each read() hands the next piece of them, as much as the stream's
 // buffer has room for, so that an item of 150 MiB is never copied whole; the
-// contents are let go with the last piece (or at close), which gives their bytes
-// back to the export budget. A reader is made per file and used by one channel
+// contents are let go as they are handed on (their memory pages and their bytes
+// in the export budget) and wholly with the last piece or at close. A reader is made per file and used by one channel
 // thread; the context must outlive it.
 class EWS_File_Reader : public MTF::IFile_Reader
 {
