@@ -18,7 +18,9 @@
 //   answers;
 // - backs the tenant up with `backup-agent backup --all-mailboxes`: on 1
 //   channel with ews.export_concurrency 1 (one request in flight), then with
-//   the default settings on 1 and 4 channels (each a new backup set).
+//   the default settings on 1 and 4 channels, then on 4 channels without
+//   listing folders ahead of the stream (ews.list_ahead 0; each a new backup
+//   set).
 // Each run is a child process, so its peak RSS is its own. Prints one Markdown
 // table row per run: items/s, MiB/s, time against the wire limit's with the
 // same requests in flight, peak RSS; then, per latency, how much faster the
@@ -221,6 +223,7 @@ int main(int argc, char** argv)
   };
   const std::string defaults = config("agent.json", "{}");
   const std::string serial = config("agent-serial.json", "{\"ews\": {\"export_concurrency\": 1}}");
+  const std::string no_ahead = config("agent-no-ahead.json", "{\"ews\": {\"list_ahead\": 0}}");
   const int concurrency = EWS_Params::export_concurrency();
 
   std::printf(
@@ -254,6 +257,7 @@ int main(int argc, char** argv)
     row(latency, "backup, 1 channel, defaults", backup(defaults, 1), wire);
     const Figures four = backup(defaults, 4);
     row(latency, "backup, 4 channels, defaults", four, wire);
+    row(latency, "backup, 4 channels, ews.list_ahead 0", backup(no_ahead, 4), wire);
     if (serial_one.ok && four.ok)
     {
       char line[160];

@@ -4,6 +4,8 @@
 
 #include <pugixml.hpp>
 
+#include <cstring>
+
 EWS_Folder::EWS_Folder(const pugi::xml_node& element)
 {
   type = ews_folder_type_of(ews_xml::local_name(element));
@@ -12,5 +14,9 @@ EWS_Folder::EWS_Folder(const pugi::xml_node& element)
   change_key = folder_id.attribute("ChangeKey").value();
   display_name = ews_xml::child(element, "DisplayName").text().get();
   items_count = ews_xml::child(element, "TotalCount").text().as_int(0);
-  subfolders_count = ews_xml::child(element, "ChildFolderCount").text().as_int(0);
+  // A missing or unreadable count says nothing about the subfolders.
+  const pugi::xml_text children = ews_xml::child(element, "ChildFolderCount").text();
+  const char* text = children.get();
+  subfolders_counted = *text != '\0' && std::strspn(text, "0123456789") == std::strlen(text);
+  subfolders_count = subfolders_counted ? children.as_int(0) : 0;
 }

@@ -23,6 +23,9 @@ struct EWS_Folder
   std::string display_name;
   int items_count = 0;       // TotalCount
   int subfolders_count = 0;  // ChildFolderCount
+  // Whether the answer gave ChildFolderCount: only then does a count of 0 mean
+  // that the folder had no subfolders when it was listed.
+  bool subfolders_counted = false;
   EWS_Folder_Type type = EWS_FOLDER_TYPE_FOLDER;
   EWS_Folders subfolders;
   EWS_Items items;

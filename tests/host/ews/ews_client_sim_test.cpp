@@ -41,6 +41,7 @@ TEST(EwsClientSim, ListsFoldersShallowDeepAndPaged)
   EXPECT_FALSE(inbox->id.empty());
   EXPECT_FALSE(inbox->change_key.empty());
   EXPECT_GT(inbox->subfolders_count, 0);
+  EXPECT_TRUE(inbox->subfolders_counted);
   ASSERT_NE(Ews_Sim::named(top, "Calendar"), nullptr);
   EXPECT_EQ(Ews_Sim::named(top, "Calendar")->type, EWS_FOLDER_TYPE_CALENDAR);
   EXPECT_EQ(Ews_Sim::named(top, "Contacts")->type, EWS_FOLDER_TYPE_CONTACTS);
@@ -53,7 +54,10 @@ TEST(EwsClientSim, ListsFoldersShallowDeepAndPaged)
   EWS_Folders inbox_children, root_again;
   ASSERT_TRUE(client->list_folders(inbox->id, inbox_children, true));
   EXPECT_EQ(static_cast<int>(inbox_children.size()), inbox->subfolders_count);
-  EXPECT_NE(Ews_Sim::named(inbox_children, "Empty"), nullptr);
+  ASSERT_NE(Ews_Sim::named(inbox_children, "Empty"), nullptr);
+  // A leaf is reported with a count of 0, which the backup trusts to skip its FindFolder.
+  EXPECT_TRUE(Ews_Sim::named(inbox_children, "Empty")->subfolders_counted);
+  EXPECT_EQ(Ews_Sim::named(inbox_children, "Empty")->subfolders_count, 0);
   ASSERT_TRUE(client->list_folders(std::string(), root_again, true));
   EXPECT_EQ(root_again.size(), top.size());
 

@@ -1,7 +1,9 @@
+#include "host/ews/ews_folder.h"
 #include "host/ews/ews_folders_index.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>
+#include <pugixml.hpp>
 
 namespace
 {
@@ -117,4 +119,33 @@ TEST(EwsFoldersIndex, RejectsDamagedTruncatedAndForeignTexts)
   EXPECT_TRUE(capture.contains("Invalid mailbox index"));
   EXPECT_TRUE(load_ews_folders(text, loaded));
   EXPECT_EQ(loaded.size(), 2u);
+}
+
+TEST(EwsFolder, CountsSubfoldersOnlyWhenTheAnswerGivesACount)
+{
+  const auto parse = [](const std::string& counts)
+  {
+    pugi::xml_document doc;
+    const std::string xml =
+      "<t:Folder xmlns:t=\"http://schemas.microsoft.com/exchange/services/2006/types\">"
+      "<t:FolderId Id=\"F\" ChangeKey=\"K\"/><t:DisplayName>Inbox</t:DisplayName>" +
+      counts + "</t:Folder>";
+    EXPECT_TRUE(doc.load_string(xml.c_str()));
+    return EWS_Folder(doc.first_child());
+  };
+  const EWS_Folder leaf = parse("<t:TotalCount>3</t:TotalCount><t:ChildFolderCount>0</t:ChildFolderCount>");
+  EXPECT_TRUE(leaf.subfolders_counted);
+  EXPECT_EQ(leaf.subfolders_count, 0);
+  EXPECT_EQ(leaf.items_count, 3);
+  const EWS_Folder parent = parse("<t:ChildFolderCount>12</t:ChildFolderCount>");
+  EXPECT_TRUE(parent.subfolders_counted);
+  EXPECT_EQ(parent.subfolders_count, 12);
+  // Without a readable count, 0 must not be taken for "no subfolders".
+  for (const char* unknown : {"", "<t:ChildFolderCount/>", "<t:ChildFolderCount>-1</t:ChildFolderCount>",
+                              "<t:ChildFolderCount>two</t:ChildFolderCount>"})
+  {
+    const EWS_Folder f = parse(unknown);
+    EXPECT_FALSE(f.subfolders_counted) << unknown;
+    EXPECT_EQ(f.id, "F");
+  }
 }

@@ -3,7 +3,8 @@
 #include "backup/exchange/core/ews/ews_backup_context.h"
 #include "backup/exchange/core/ews/ews_export_task.h"
 #include "backup/exchange/core/ews/ews_file_reader.h"
-#include "backup/exchange/core/ews/ews_item_name_comparator.h"
+#include "backup/exchange/core/ews/ews_listing_ahead.h"
+#include "backup/exchange/core/ews/ews_utils.h"
 #include "backup/exchange/core/ews/ews_mailbox_index.h"
 #include "backup/exchange/core/ews/ews_mtf_utils.h"
 #include "backup/exchange/core/ews/paginator.h"
@@ -14,7 +15,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <new>
 #include <sys/stat.h>
 
@@ -39,7 +39,7 @@ EWS_Backup_Callback::EWS_Backup_Callback(const EWS_Client_Ptr& ews, EWS_Backup_C
 {
 }
 
-EWS_Backup_Callback::~EWS_Backup_Callback() = default;
+EWS_Backup_Callback::~EWS_Backup_Callback() { stop_listing_ahead(); }
 
 bool EWS_Backup_Callback::lstat(const char* path, MTF::Callback_Stat& st)
 {
@@ -89,15 +89,29 @@ void EWS_Backup_Callback::register_folders(EWS_Folders& folders)
     folders_[folder.id] = &folder;
 }
 
+bool EWS_Backup_Callback::has_no_subfolders(const std::string& folder_id) const
+{
+  // The parent's listing counted this folder's subfolders (ChildFolderCount):
+  // a FindFolder for a folder it found without any would be one round trip
+  // spent on an empty answer. A subfolder made after that listing is missed,
+  // as it would be had it been made after the FindFolder itself.
+  if (folder_id.empty())
+    return false;
+  std::map<std::string, EWS_Folder*>::const_iterator it = folders_.find(folder_id);
+  return it != folders_.end() && it->second != nullptr && it->second->subfolders_counted &&
+         it->second->subfolders_count == 0;
+}
+
 bool EWS_Backup_Callback::list_folder(const std::string& path, const std::string& folder_id,
                                       std::list<MTF::Directory_Entry>& out)
 {
-  EWS_Folders folders;
-  if (!ews_->list_folders(folder_id, folders, true))
-  {
-    LOG_MSG(LM_ERROR, "Failed to list folder(id=%s) of '%s'\n", folder_id.c_str(), cur_mailbox_.c_str());
+  EWS_Folder_Listing listing;
+  // Listed ahead when planned (its failure already logged), here otherwise.
+  if (folder_id.empty() || !ahead_ || !ahead_->take(folder_id, listing))
+    EWS_Listing_Ahead::list(*ews_, ctx_, cur_mailbox_, path, folder_id, has_no_subfolders(folder_id), listing);
+  if (!listing.ok)
     return false;
-  }
+  EWS_Folders& folders = listing.subfolders;
   for (const EWS_Folder& folder : folders)
   {
     const std::string name = encode_name(folder.display_name);
@@ -110,9 +124,11 @@ bool EWS_Backup_Callback::list_folder(const std::string& path, const std::string
   }
   if (folder_id.empty())
   {
-    // The mailbox's root holds folders only.
+    // The mailbox's root holds folders only; the folders below it are listed
+    // ahead of the stream from here on.
     root_folders_.swap(folders);
     register_folders(root_folders_);
+    start_listing_ahead(path);
     return true;
   }
   std::map<std::string, EWS_Folder*>::iterator it = folders_.find(folder_id);
@@ -129,31 +145,24 @@ bool EWS_Backup_Callback::list_folder(const std::string& path, const std::string
   }
   cur_folder_->subfolders.swap(folders);
   register_folders(cur_folder_->subfolders);
-  return list_items(path, folder_id, out);
+  return add_items(path, listing.items, out);
 }
 
-bool EWS_Backup_Callback::list_all_items(const std::string& path, const std::string& folder_id, EWS_Items& items)
+void EWS_Backup_Callback::start_listing_ahead(const std::string& root_path)
 {
-  Paginator pages(INT_MAX, EWS_Params::paging_size());
-  const EWS_Item_Appender appender = make_ews_item_appender(items);
-  while (pages.next())
-  {
-    if (ctx_.is_cancelling())
-    {
-      LOG_MSG(LM_ERROR, "EWS items listing is canceled.\n");
-      return false;
-    }
-    const size_t before = items.size();
-    if (!ews_->list_items(folder_id, appender, pages.offset(), pages.limit()))
-    {
-      LOG_MSG(LM_ERROR, "Failed to list items of folder(%s) of '%s'.\n", path.c_str(), cur_mailbox_.c_str());
-      return false;
-    }
-    // A short page ends the folder; a full one is followed by one more request.
-    if (before + static_cast<size_t>(pages.limit()) > items.size())
-      break;
-  }
-  return true;
+  if (!ctx_.list_ahead() || root_folders_.empty())
+    return;
+  if (!ahead_)
+    ahead_.reset(new (std::nothrow) EWS_Listing_Ahead(ctx_));
+  // Without it every folder is listed when the stream reaches it.
+  if (ahead_ && !ahead_->start(cur_mailbox_, root_path, root_folders_))
+    LOG_MSG(LM_DEBUG, "Folders of '%s' are listed as the stream reaches them.\n", cur_mailbox_.c_str());
+}
+
+void EWS_Backup_Callback::stop_listing_ahead()
+{
+  if (ahead_)
+    ahead_->stop();
 }
 
 bool EWS_Backup_Callback::queue_exports(const EWS_Items& items)
@@ -198,12 +207,16 @@ bool EWS_Backup_Callback::list_items(const std::string& path, const std::string&
 {
   if (folder_id.empty())
     return true;
-  EWS_Items items;
-  if (!list_all_items(path, folder_id, items))
+  EWS_Folder_Listing listing;
+  if (!EWS_Listing_Ahead::list(*ews_, ctx_, cur_mailbox_, path, folder_id, true, listing))
     return false;
+  return add_items(path, listing.items, out);
+}
+
+bool EWS_Backup_Callback::add_items(const std::string& path, EWS_Items& items, std::list<MTF::Directory_Entry>& out)
+{
   if (items.empty())
     return true;
-  std::sort(items.begin(), items.end(), EWS_Item_Name_Comparator());
   for (const EWS_Item& item : items)
   {
     const std::string name = encode_name(get_item_name(item));
@@ -236,6 +249,8 @@ bool EWS_Backup_Callback::handle_source_entry_begin(const MTF::source_entry& ent
 
 bool EWS_Backup_Callback::handle_source_entry_end(const MTF::source_entry& entry, bool ok)
 {
+  // Nothing more of this mailbox will be read (a failed one may end half-way).
+  stop_listing_ahead();
   const std::string mailbox = get_mailbox(entry.path);
   EWS_Backup_Context& ctx = ctx_;
   BOOST_SCOPE_EXIT_ALL(&)

@@ -8,16 +8,23 @@
 
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 
 class EWS_Backup_Context;
+class EWS_Listing_Ahead;
 
 // Shows the job's mailboxes to the backup stream as a file tree: a mailbox is a
 // top directory, an EWS folder a subdirectory, an item a file (paths as in
 // ews_mtf_utils.h). Listing a folder asks EWS for its subfolders and items,
 // records each child in the context's path table, sorts the items by name and
 // queues their ids for export in that order, the order in which the stream will
-// read them. When the stream ends a mailbox successfully, its index file is
+// read them. A folder that its parent's listing reported without subfolders
+// (ChildFolderCount 0) is not asked for them again. Once a mailbox's top folders
+// are listed, the folders below them are listed ahead of the stream, in its
+// order, on a thread of the callback's own (EWS_Listing_Ahead); the stream then
+// finds each folder's listing ready, records it and queues its exports as
+// above. When the stream ends a mailbox successfully, its index file is
 // written.
 //
 // Path table keys: a folder is recorded under its path with a trailing "/", an
@@ -59,8 +66,14 @@ public:
   const EWS_Folders& root_folders() const { return root_folders_; }
 
 private:
-  bool list_all_items(const std::string& path, const std::string& folder_id, EWS_Items& items);
+  // Whether the listing that found this folder reported it without subfolders.
+  bool has_no_subfolders(const std::string& folder_id) const;
+  // Records a folder's sorted items, queues their exports and moves them into
+  // the current folder's record.
+  bool add_items(const std::string& path, EWS_Items& items, std::list<MTF::Directory_Entry>& out);
   bool queue_exports(const EWS_Items& items);
+  void start_listing_ahead(const std::string& root_path);
+  void stop_listing_ahead();
   bool finish_mailbox(const std::string& mailbox);
   void register_folders(EWS_Folders& folders);
 
@@ -72,6 +85,9 @@ private:
   EWS_Folder* cur_folder_;
   Client_IO_Ex channel_;
   int processed_mailbox_;
+  // Lists the current mailbox's folders ahead of the stream; made for the
+  // first mailbox, restarted for each.
+  std::unique_ptr<EWS_Listing_Ahead> ahead_;
 };
 
 #endif

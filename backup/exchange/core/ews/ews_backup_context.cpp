@@ -13,7 +13,9 @@
 
 namespace
 {
-const long default_export_cache_mib = 256;
+// Items held plus the process's own memory (some 30-40 MiB with four channels)
+// stay under 256 MiB.
+const long default_export_cache_mib = 192;
 
 uint64_t configured_export_cache_budget()
 {
@@ -25,6 +27,8 @@ uint64_t configured_export_cache_budget()
   }
   return static_cast<uint64_t>(mib) * 1024 * 1024;
 }
+
+bool configured_list_ahead() { return Agent_Config::instance().setting("ews.list_ahead", 1) != 0; }
 }  // namespace
 
 EWS_Backup_Context::EWS_Backup_Context(const std::string& username, const Secure_String& password,
@@ -42,7 +46,8 @@ EWS_Backup_Context::EWS_Backup_Context(const std::string& username, const Secure
     password_(password),
     channels_num_(channels_num),
     act_(act),
-    export_cache_budget_(configured_export_cache_budget())
+    export_cache_budget_(configured_export_cache_budget()),
+    list_ahead_(configured_list_ahead())
 {
 }
 

@@ -131,10 +131,17 @@ public:
   bool make_client(EWS_Client_Ptr& out) const;
   void client_maker(const EWS_Client_Maker& maker) { client_maker_ = maker; }
 
-  // The export cache budget in bytes (set before activate_export_task): the
-  // agent setting "ews.export_cache_mib" (default 256) unless changed here.
+  // The export budget in bytes (set before activate_export_task): exported
+  // items held in the cache or by their readers, plus the export call under
+  // way. The agent setting "ews.export_cache_mib" (default 192) unless changed
+  // here.
   void export_cache_budget(uint64_t bytes) { export_cache_budget_ = bytes; }
   uint64_t export_cache_budget() const { return export_cache_budget_; }
+  // Whether each stream channel lists its mailbox's folders ahead of the stream
+  // on a thread of its own (EWS_Listing_Ahead): the agent setting
+  // "ews.list_ahead" (default 1, on; 0 turns it off) unless changed here.
+  void list_ahead(bool on) { list_ahead_ = on; }
+  bool list_ahead() const { return list_ahead_; }
   // The export task, for figures; empty before activation.
   const std::shared_ptr<EWS_Export_Task>& task() const { return task_; }
 
@@ -164,6 +171,7 @@ private:
   Job_Activity& act_;
   EWS_Client_Maker client_maker_;
   uint64_t export_cache_budget_;
+  bool list_ahead_;
 };
 
 typedef boost::shared_ptr<EWS_Backup_Context> EWS_Backup_Context_Ptr;

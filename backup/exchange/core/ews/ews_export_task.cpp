@@ -10,7 +10,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <new>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace
 {
@@ -31,11 +34,20 @@ EWS_Export_Task::EWS_Export_Task(const boost::shared_ptr<EWS_Backup_Context>& ct
     cache_bytes_(0),
     peak_cache_bytes_(0),
     in_flight_bytes_(0),
-    peak_held_bytes_(0)
+    lent_bytes_(0),
+    peak_held_bytes_(0),
+    lender_(std::make_shared<Lender>())
 {
+  lender_->task = this;
 }
 
-EWS_Export_Task::~EWS_Export_Task() { stop(); }
+EWS_Export_Task::~EWS_Export_Task()
+{
+  stop();
+  // Contents still lent out are freed by their readers without a task to tell.
+  std::lock_guard<std::mutex> guard(lender_->lock);
+  lender_->task = nullptr;
+}
 
 bool EWS_Export_Task::start()
 {
@@ -134,17 +146,68 @@ bool EWS_Export_Task::putq(EWS_Export_Args* args)
   }
 }
 
+void EWS_Export_Task::Lender::give_back(uint64_t bytes)
+{
+  std::lock_guard<std::mutex> guard(lock);
+  if (task != nullptr && bytes > 0)
+    task->give_back(bytes);
+}
+
+void EWS_Export_Task::Lent_Item::operator()(unsigned char*)
+{
+  owned.reset();
+  lender->give_back(size - std::min(size, given->load()));
+}
+
+void EWS_Export_Task::Lent_Item::give_front(uint64_t upto)
+{
+  const uint64_t from = given->load();
+  if (upto <= from || upto > size || !owned)
+    return;
+  // Only whole pages that hold nothing at or past `upto`: the rest is still to
+  // be read, and the first partial page was kept by the last call.
+  const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t base = reinterpret_cast<uintptr_t>(owned.get());
+  const uintptr_t start = (base + from + page - 1) / page * page;
+  const uintptr_t end = (base + upto) / page * page;
+  if (end > start)
+    madvise(reinterpret_cast<void*>(start), end - start, MADV_DONTNEED);
+  given->store(upto);
+  lender->give_back(upto - from);
+}
+
+std::shared_ptr<unsigned char> EWS_Export_Task::lend(const std::shared_ptr<unsigned char>& bytes, uint64_t size)
+{
+  Lent_Item lent;
+  lent.owned = bytes;
+  lent.lender = lender_;
+  lent.size = size;
+  lent.given = std::make_shared<std::atomic<uint64_t>>(0);
+  return std::shared_ptr<unsigned char>(bytes.get(), lent);
+}
+
+void EWS_Export_Task::give_back(uint64_t size)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  lent_bytes_ -= std::min(lent_bytes_, size);
+  if (room_cond_)
+    room_cond_->broadcast();
+}
+
 bool EWS_Export_Task::get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data)
 {
   std::map<std::string, EWS_b64_Data>& items = cache_[mailbox];
   std::map<std::string, EWS_b64_Data>::iterator it = items.find(id);
   if (it == items.end())
     return false;
-  data = it->second;
-  if (data.ptr)
+  data.size = it->second.size;
+  if (it->second.ptr)
   {
-    cache_bytes_ -= static_cast<uint64_t>(data.size);
-    room_cond_->broadcast();
+    // From the cache to the reader: still held until the reader lets go.
+    const uint64_t size = static_cast<uint64_t>(it->second.size);
+    data.ptr = lend(it->second.ptr, size);
+    cache_bytes_ -= size;
+    lent_bytes_ += size;
   }
   items.erase(it);
   return true;
@@ -152,6 +215,8 @@ bool EWS_Export_Task::get_item_i(const std::string& mailbox, const std::string& 
 
 bool EWS_Export_Task::get_item(const std::string& mailbox, const std::string& id, EWS_b64_Data& data)
 {
+  // Dropped before the lock: lent contents give their bytes back under it.
+  data = EWS_b64_Data();
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   if (!guard.locked() || !cache_cond_)
     return false;
@@ -248,6 +313,12 @@ uint64_t EWS_Export_Task::peak_cache_bytes() const
   return peak_cache_bytes_;
 }
 
+uint64_t EWS_Export_Task::lent_bytes() const
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return lent_bytes_;
+}
+
 uint64_t EWS_Export_Task::peak_held_bytes() const
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
@@ -276,7 +347,7 @@ bool EWS_Export_Task::cache_items(EWS_Export_Requests& requests)
       failed_items_.push_back(std::make_pair(request.mailbox, request.id));
   }
   peak_cache_bytes_ = std::max(peak_cache_bytes_, cache_bytes_);
-  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_);
+  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_ + lent_bytes_);
   if (cache_cond_->broadcast() == -1)
   {
     LOG_MSG(LM_ERROR, "Failed to broadcast after exporting EWS item, errno=%d, %m\n", errno);
@@ -288,10 +359,11 @@ bool EWS_Export_Task::cache_items(EWS_Export_Requests& requests)
 bool EWS_Export_Task::wait_for_room(const std::vector<uint64_t>& sizes, size_t begin, size_t& end)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
-  // The first item waits until it fits beside the cache, or goes alone into an
-  // empty one. A full queue means a lister is blocked before its folder's items
-  // can be read; waiting then would never end, so the budget yields to it.
-  const auto fits = [&] { return cache_bytes_ == 0 || cache_bytes_ + sizes[begin] <= budget_; };
+  // The first item waits until it fits beside what is held, or goes alone when
+  // nothing is. A full queue means a lister is blocked before its folder's
+  // items can be read; waiting then would never end, so the budget yields to it.
+  const auto held = [&] { return cache_bytes_ + lent_bytes_; };
+  const auto fits = [&] { return held() == 0 || held() + sizes[begin] <= budget_; };
   while (!fits() && !queue_.is_full())
   {
     if (stop_)
@@ -313,15 +385,15 @@ bool EWS_Export_Task::wait_for_room(const std::vector<uint64_t>& sizes, size_t b
   }
   if (stop_)
     return false;
-  // The call takes what fits beside the cache (beside nothing when the budget
-  // yields to a full queue), always at least its first item.
-  const uint64_t beside = fits() ? cache_bytes_ : 0;
+  // The call takes what fits beside what is held (beside nothing when the
+  // budget yields to a full queue), always at least its first item.
+  const uint64_t beside = fits() ? held() : 0;
   uint64_t bytes = sizes[begin];
   end = begin + 1;
   while (end < sizes.size() && beside + bytes + sizes[end] <= budget_)
     bytes += sizes[end++];
   in_flight_bytes_ = bytes;
-  peak_held_bytes_ = std::max(peak_held_bytes_, cache_bytes_ + in_flight_bytes_);
+  peak_held_bytes_ = std::max(peak_held_bytes_, held() + in_flight_bytes_);
   return true;
 }
 

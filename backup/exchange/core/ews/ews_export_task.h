@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -33,12 +34,16 @@ typedef std::map<std::string, std::map<std::string, EWS_b64_Data>> Mailbox_Data_
 // EWS could not export are cached without data, so their reader learns at once,
 // and are gathered as failed items of their mailbox.
 //
-// Memory: the queue bounds how many batches wait; the cache is bounded by a
-// byte budget. A queued batch is cut into export calls by the items' listed
-// sizes: a call carries the items that fit beside what the cache holds, so the
-// cache plus the call in flight stay within the budget; an item larger than the
-// budget goes alone once the cache is empty (items of unknown size count as
-// nothing, so a batch of them goes whole once the cache is within the budget).
+// Memory: the queue bounds how many batches wait; the items held are bounded
+// by a byte budget. An item is held from its export until its reader lets go
+// of it: in the cache, then lent to the reader (get_item hands out a buffer
+// whose last copy, when dropped, gives its bytes back to the budget), so an
+// item being written to the backup set still counts. A queued batch is cut
+// into export calls by the items' listed sizes: a call carries the items that
+// fit beside what is held, so held plus in-flight bytes stay within the budget;
+// an item larger than the budget goes alone once nothing is held (items of
+// unknown size count as nothing, so a batch of them goes whole once the held
+// bytes are within the budget).
 // Before each call the thread waits until its first item fits, woken by reads,
 // by a mailbox being released, and by stop; cancellation is noticed within one
 // 8-second wait. Batches already queued behind the one taken (other folders,
@@ -76,7 +81,9 @@ public:
   bool putq(EWS_Export_Args* args);
   // Takes item `id` of `mailbox` out of the cache, waiting for it as long as the
   // thread runs. False when it was exported without data, when the thread ended
-  // without it, or when the wait failed.
+  // without it, or when the wait failed. The contents stay counted in the
+  // budget until the last copy of `data.ptr` is dropped; that copy may outlive
+  // the task. Whatever `data` held before is dropped first.
   bool get_item(const std::string& mailbox, const std::string& id, EWS_b64_Data& data);
   // Takes every failed item gathered so far (`out` is swapped with them).
   bool get_failed_items(std::vector<std::string>& out);
@@ -92,13 +99,45 @@ public:
   // Bytes of exported contents waiting in the cache, and the most ever held.
   uint64_t cache_bytes() const;
   uint64_t peak_cache_bytes() const;
-  // The most ever held in the cache and in the export call under way together
-  // (the call counted by its items' listed sizes).
+  // Bytes handed out by get_item that their readers still hold.
+  uint64_t lent_bytes() const;
+  // The most ever held in the cache, lent to readers and in the export call
+  // under way together (the call counted by its items' listed sizes).
   uint64_t peak_held_bytes() const;
   bool running() const { return thread_.running(); }
 
 private:
+  // Where lent contents give their bytes back; outlives the task when a reader
+  // still holds an item, and then forgets it.
+  struct Lender
+  {
+    std::mutex lock;
+    EWS_Export_Task* task = nullptr;
+    void give_back(uint64_t bytes);
+  };
+
+public:
+  // The deleter of a buffer lent by get_item (std::get_deleter finds it). The
+  // reader, the only one to read the contents, may give back what it has
+  // handed on before it is done: give_front(upto) returns the whole memory
+  // pages below `upto` to the system and those bytes to the budget. The last
+  // copy dropped frees the contents and gives back the rest.
+  struct Lent_Item
+  {
+    std::shared_ptr<unsigned char> owned;
+    std::shared_ptr<Lender> lender;
+    uint64_t size;
+    std::shared_ptr<std::atomic<uint64_t>> given;
+    void operator()(unsigned char*);
+    void give_front(uint64_t upto);
+  };
+
+private:
   void svc();
+  // A buffer sharing `bytes` whose last copy, when dropped, frees them and
+  // then gives `size` (less what was given back before) to the budget.
+  std::shared_ptr<unsigned char> lend(const std::shared_ptr<unsigned char>& bytes, uint64_t size);
+  void give_back(uint64_t size);
   bool get_item_i(const std::string& mailbox, const std::string& id, EWS_b64_Data& data);
   // Caches each request's data under its mailbox (items of released mailboxes
   // are dropped) and wakes the readers.
@@ -134,7 +173,9 @@ private:
   uint64_t cache_bytes_;
   uint64_t peak_cache_bytes_;
   uint64_t in_flight_bytes_;
+  uint64_t lent_bytes_;
   uint64_t peak_held_bytes_;
+  std::shared_ptr<Lender> lender_;
   std::set<std::string> released_;
 };
 

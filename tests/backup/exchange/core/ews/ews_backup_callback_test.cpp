@@ -124,6 +124,8 @@ TEST(EwsBackupCallback, ListsFoldersThenSortedItemsAndQueuesThemInThatOrder)
   Fake_Mailboxes boxes;
   fill(boxes);
   Callback_Run run(boxes, 1, 1);
+  // Listed as the stream reaches each folder, so that requests can be counted.
+  run.ctx().list_ahead(false);
   ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
   EWS_Backup_Callback callback = run.make_callback();
   const std::string root = mailbox_to_path("anna@x.test");
@@ -199,6 +201,89 @@ TEST(EwsBackupCallback, ListsFoldersThenSortedItemsAndQueuesThemInThatOrder)
   EXPECT_TRUE(tree[0].subfolders[1].items.empty());
 }
 
+namespace
+{
+// Walks one mailbox as the stream does (a folder's listing, then its
+// subfolders in listed order) and returns every path listed.
+std::vector<std::string> walk(EWS_Backup_Callback& callback, const std::string& mailbox)
+{
+  std::vector<std::string> seen;
+  std::vector<std::string> todo{mailbox_to_path(mailbox)};
+  EXPECT_TRUE(callback.handle_source_entry_begin({mailbox, todo.front()}));
+  while (!todo.empty())
+  {
+    const std::string path = todo.back();
+    todo.pop_back();
+    std::list<MTF::Directory_Entry> out;
+    EXPECT_TRUE(callback.read_dirs(path.c_str(), out)) << path;
+    std::vector<std::string> dirs;
+    for (const MTF::Directory_Entry& e : out)
+    {
+      const std::string child = join_path(path, e.name) + (S_ISDIR(e.stat.st_mode) ? "/" : "");
+      seen.push_back(child);
+      if (S_ISDIR(e.stat.st_mode))
+        dirs.push_back(child);
+    }
+    todo.insert(todo.end(), dirs.rbegin(), dirs.rend());
+  }
+  return seen;
+}
+}  // namespace
+
+TEST(EwsBackupCallback, FolderReportedWithoutSubfoldersIsNotAskedForThem)
+{
+  // Anna: the root, Inbox (two subfolders, neither with any), Sent Items.
+  // Listed by the stream (first two runs) or ahead of it (last two).
+  std::vector<std::string> listed[4];
+  int find_folders[4] = {0, 0, 0, 0};
+  for (int run_no = 0; run_no < 4; ++run_no)
+  {
+    const int counted = run_no % 2;
+    Params_Guard params;
+    Fake_Mailboxes boxes;
+    fill(boxes);
+    boxes.count_subfolders = counted == 1;
+    Callback_Run run(boxes, 1, 1);
+    run.ctx().list_ahead(run_no >= 2);
+    ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+    EWS_Backup_Callback callback = run.make_callback();
+    listed[run_no] = walk(callback, "anna@x.test");
+    find_folders[run_no] = boxes.find_folders_calls;
+    // Every folder still had its items listed and recorded in the tree.
+    ASSERT_EQ(callback.root_folders().size(), 2u);
+    EXPECT_EQ(callback.root_folders()[0].subfolders[0].items.size(), 2u);
+    EXPECT_EQ(callback.root_folders()[1].items.size(), 8u);
+  }
+  // Without counts every folder is asked; with them only the root and Inbox.
+  EXPECT_EQ(find_folders[0], 5);
+  EXPECT_EQ(find_folders[1], 2);
+  EXPECT_EQ(find_folders[2], 5);
+  EXPECT_EQ(find_folders[3], 2);
+  for (int run_no = 1; run_no < 4; ++run_no)
+    EXPECT_EQ(listed[run_no], listed[0]) << run_no;
+  EXPECT_EQ(listed[0].size(), 2u + 2u + 7u + 2u + 8u);
+
+  // A count that no longer holds when the folder is reached: a folder reported
+  // with subfolders that are gone by then is asked and found empty.
+  Params_Guard params;
+  Fake_Mailboxes boxes;
+  fill(boxes);
+  Callback_Run run(boxes, 1, 1);
+  run.ctx().list_ahead(false);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Backup_Callback callback = run.make_callback();
+  const std::string root = mailbox_to_path("anna@x.test");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"anna@x.test", root}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+  boxes.mailboxes["anna@x.test"][0].subfolders.clear();
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs((root + "Inbox").c_str(), out));
+  EXPECT_EQ(names(out).size(), 7u);
+  EXPECT_EQ(boxes.find_folders_calls, 2);
+  EXPECT_TRUE(callback.root_folders()[0].subfolders.empty());
+}
+
 TEST(EwsBackupCallback, ItemSizesRoundUpToBlocks)
 {
   Fake_Mailboxes boxes;
@@ -229,6 +314,80 @@ TEST(EwsBackupCallback, ItemSizesRoundUpToBlocks)
     EXPECT_EQ(blk.size(), s.first);
     EXPECT_EQ(space, s.second);
   }
+}
+
+TEST(EwsBackupCallback, ReaderHandsEveryByteOnceInPiecesOfTheStreamsBuffer)
+{
+  // Pieces of 64 bytes (the buffer's capacity): sizes on either side of one and
+  // of several pieces, and one over several memory pages, which are given back
+  // as the pieces go.
+  const std::vector<size_t> sizes = {1, 63, 64, 65, 127, 128, 129, 640, 641, 3 * 4096 + 5};
+  Params_Guard params;
+  Fake_Mailboxes boxes;
+  boxes.mailboxes["a@x"] = {Fake_Mailboxes::folder("f", "F", static_cast<int>(sizes.size()))};
+  for (size_t i = 0; i < sizes.size(); ++i)
+    boxes.sizes["f-item-" + std::to_string(i)] = sizes[i];
+  Callback_Run run(boxes, 1, 1);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  EWS_Backup_Callback callback = run.make_callback();
+  const std::string root = mailbox_to_path("a@x");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"a@x", root}));
+  std::list<MTF::Directory_Entry> out;
+  ASSERT_TRUE(callback.read_dirs(root.c_str(), out));
+  ASSERT_TRUE(callback.read_dirs((root + "F").c_str(), out));
+  for (size_t i = 0; i < sizes.size(); ++i)
+  {
+    char name[32];
+    snprintf(name, sizeof name, "F%%20%04zu", i);
+    EWS_File_Reader reader(run.ctx());
+    ASSERT_EQ(reader.open((root + "F/" + name).c_str()), MTF::E_OK) << name;
+    MTF::File_Blk blk;
+    ACE_UINT64 space = 0;
+    ASSERT_TRUE(reader.handle_file_blk(blk, space));
+    ASSERT_EQ(blk.size(), sizes[i]);
+    MTF::Buffer buf(64, 1024);
+    std::string got;
+    size_t reads = 0;
+    while (got.size() < sizes[i] && reads <= sizes[i])
+    {
+      buf.clear();
+      ASSERT_EQ(reader.read(buf), MTF::E_OK) << name;
+      EXPECT_GT(buf.size(), 0u);
+      EXPECT_LE(buf.size(), 64u);
+      got.append(buf.data(), buf.size());
+      ++reads;
+      // What was handed on no longer counts in the budget.
+      EXPECT_EQ(run.ctx().task()->lent_bytes(), sizes[i] - got.size()) << name;
+    }
+    EXPECT_EQ(got, boxes.content("f-item-" + std::to_string(i))) << name;
+    EXPECT_EQ(reads, (sizes[i] + 63) / 64) << name;
+    // Let go with the last piece: nothing more to read, nothing held.
+    Log_Capture log;
+    EXPECT_EQ(reader.read(buf), MTF::E_FAILED);
+    EXPECT_EQ(run.ctx().task()->lent_bytes(), 0u);
+  }
+
+  // A buffer that already holds some bytes gets only what fills it; a full one
+  // gets a piece of its capacity; a reader closed half-way lets the item go.
+  boxes.mailboxes["b@x"] = {Fake_Mailboxes::folder("g", "G", 1)};
+  boxes.sizes["g-item-0"] = 200;
+  const std::string other = mailbox_to_path("b@x");
+  ASSERT_TRUE(callback.handle_source_entry_begin({"b@x", other}));
+  out.clear();
+  ASSERT_TRUE(callback.read_dirs(other.c_str(), out));
+  ASSERT_TRUE(callback.read_dirs((other + "G").c_str(), out));
+  EWS_File_Reader reader(run.ctx());
+  ASSERT_EQ(reader.open((other + "G/G%200000").c_str()), MTF::E_OK);
+  MTF::Buffer buf(64, 1024);
+  ASSERT_TRUE(buf.copy("0123456789", 10));
+  ASSERT_EQ(reader.read(buf), MTF::E_OK);
+  EXPECT_EQ(buf.size(), 64u);
+  ASSERT_EQ(reader.read(buf), MTF::E_OK);
+  EXPECT_EQ(buf.size(), 128u);
+  EXPECT_EQ(std::string(buf.data() + 10, 118), boxes.content("g-item-0").substr(0, 118));
+  EXPECT_EQ(run.ctx().task()->lent_bytes(), 200u - 118u);
+  EXPECT_EQ(reader.close(), MTF::E_OK);
+  EXPECT_EQ(run.ctx().task()->lent_bytes(), 0u);
 }
 
 TEST(EwsBackupCallback, ListedSizesKeepExportsWithinTheBudget)
@@ -293,6 +452,7 @@ TEST(EwsBackupCallback, MailboxEndedHalfWayDoesNotStallTheRunUnderATinyBudget)
   fill(boxes);
   Callback_Run run(boxes, 1, 2);
   run.ctx().export_cache_budget(1);
+  run.ctx().list_ahead(false);
   ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
   EWS_Backup_Callback callback = run.make_callback();
 

@@ -403,3 +403,48 @@ TEST(EwsExportTask, StopFreesQueuedBatchesAndCancellationEndsTheThread)
   EXPECT_EQ(boxes.export_calls, 1);
   EXPECT_EQ(throttled.get("a@x", "a-1"), "<none>");
 }
+
+TEST(EwsExportTask, ItemsHeldByReadersCountInTheBudgetUntilLetGo)
+{
+  // Three items of 100 bytes, listed sizes known, under a budget of 150: one
+  // fits at a time, whether it waits in the cache or is held by a reader.
+  Fake_Mailboxes boxes;
+  boxes.item_size = 100;
+  EWS_b64_Data kept;  // outlives the task below
+  {
+    Export_Run run(boxes);
+    run.ctx().export_cache_budget(150);
+    ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+    EWS_Export_Task& task = *run.ctx().task();
+    ASSERT_TRUE(run.put("a@x", {"a-0", "a-1", "a-2"}, {100, 100, 100}));
+    ASSERT_TRUE(Export_Run::eventually([&] { return task.cache_bytes() == 100; }));
+
+    EWS_b64_Data held;
+    ASSERT_TRUE(run.ctx().get_item("a@x", "a-0", held));
+    EXPECT_EQ(task.cache_bytes(), 0u);
+    EXPECT_EQ(task.lent_bytes(), 100u);
+    // The export thread was woken by the read; the next item must still wait.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(boxes.items_exported, 1);
+    // A copy keeps it held; dropping the last one lets the next item come.
+    EWS_b64_Data copy = held;
+    held = EWS_b64_Data();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(boxes.items_exported, 1);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(copy.ptr.get()), copy.size), boxes.content("a-0"));
+    copy = EWS_b64_Data();
+    EXPECT_EQ(task.lent_bytes(), 0u);
+    ASSERT_TRUE(Export_Run::eventually([&] { return task.cache_bytes() == 100; }));
+    EXPECT_EQ(boxes.items_exported, 2);
+
+    // Taking an item into a holder that still has one gives the old one back
+    // first: a-2 cannot come while a-1 is held.
+    ASSERT_TRUE(run.ctx().get_item("a@x", "a-1", kept));
+    ASSERT_TRUE(run.ctx().get_item("a@x", "a-2", kept));
+    EXPECT_EQ(task.lent_bytes(), 100u);
+    EXPECT_LE(task.peak_held_bytes(), 150u);
+  }
+  // The task is gone; the contents are still whole and free without it.
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(kept.ptr.get()), kept.size), boxes.content("a-2"));
+  kept = EWS_b64_Data();
+}

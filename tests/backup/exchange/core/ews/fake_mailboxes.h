@@ -48,7 +48,8 @@ public:
   // Called with the bytes of each ExportItems call as it starts (on the export
   // thread or one of its client's worker threads, possibly at once).
   std::function<void(size_t)> on_export;
-  bool siblings = true;  // transports make siblings: ExportItems batches run side by side
+  bool siblings = true;          // transports make siblings: ExportItems batches run side by side
+  bool count_subfolders = true;  // FindFolder answers give ChildFolderCount, as Exchange's do
 
   // Restores: folders made and items uploaded, in call order.
   struct Created_Folder
@@ -67,6 +68,9 @@ public:
   std::atomic<int> export_calls{0};
   std::atomic<int> items_exported{0};  // ids asked for by ExportItems calls
   std::atomic<int> find_items_calls{0};
+  std::atomic<int> find_folders_calls{0};
+  std::mutex listed_lock;                   // guards listed_folders
+  std::vector<std::string> listed_folders;  // folder of each FindItem call, in call order
   std::atomic<int> clients_made{0};
 
   size_t size_of(const std::string& id) const
@@ -148,6 +152,7 @@ public:
                            EWS_Folder_Page& page) override
   {
     const int offset = static_cast<int>(at.offset);
+    ++boxes_.find_folders_calls;
     auto box = boxes_.mailboxes.find(mailbox_);
     if (box == boxes_.mailboxes.end())
       return Host_Status::make(HOST_STATUS_PERMANENT, "ErrorNonExistentMailbox", "no mailbox " + mailbox_);
@@ -167,6 +172,7 @@ public:
       folder.display_name = (*list)[i].name;
       folder.items_count = static_cast<int>((*list)[i].items.size());
       folder.subfolders_count = static_cast<int>((*list)[i].subfolders.size());
+      folder.subfolders_counted = boxes_.count_subfolders;
       page.folders.push_back(folder);
       page.parent_ids.push_back(parent.id);
     }
@@ -180,6 +186,10 @@ public:
   {
     const int offset = static_cast<int>(at.offset);
     ++boxes_.find_items_calls;
+    {
+      std::lock_guard<std::mutex> guard(boxes_.listed_lock);
+      boxes_.listed_folders.push_back(folder_id);
+    }
     auto box = boxes_.mailboxes.find(mailbox_);
     const Fake_Folder* f = box == boxes_.mailboxes.end() ? nullptr : boxes_.find(box->second, folder_id);
     if (f == nullptr || boxes_.unlistable_folders.count(folder_id))
