@@ -75,6 +75,9 @@ std::string JSON_RPC_Dispatcher::dispatch(const std::string& body, const Request
   }
   if (message.empty())
     return to_text(JSON_RPC_Channel::error_object(JSON_RPC_Channel::INVALID_REQUEST, json(), nullptr, json()));
+  if (message.size() > MAX_BATCH)
+    return to_text(JSON_RPC_Channel::error_object(JSON_RPC_Channel::INVALID_REQUEST, json(),
+                                                  "Invalid Request: a batch holds at most 100 requests.", json()));
   for (json& member : message)
     handle_message(member, requester_present, replies);
   return replies.empty() ? std::string() : to_text(replies);
@@ -130,6 +133,12 @@ void JSON_RPC_Dispatcher::handle_message(json& message, const Requester_Check& r
   catch (const std::exception& e)
   {
     LOG_MSG(LM_ERROR, "Failed to make the handler of JSON-RPC method %s: %s\n", name.c_str(), e.what());
+    append_error(replies, JSON_RPC_Channel::INTERNAL_ERROR, id);
+    return;
+  }
+  catch (...)
+  {
+    LOG_MSG(LM_ERROR, "Failed to make the handler of JSON-RPC method %s: unknown exception.\n", name.c_str());
     append_error(replies, JSON_RPC_Channel::INTERNAL_ERROR, id);
     return;
   }

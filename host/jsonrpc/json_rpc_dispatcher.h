@@ -49,6 +49,12 @@ public:
   {
     MAX_DEPTH = 256
   };
+  // Members a batch may hold. A larger batch is refused whole as one invalid
+  // request, so that one body cannot queue thousands of calls on one worker.
+  enum
+  {
+    MAX_BATCH = 100
+  };
 
 private:
   // One member of a batch (or the whole body). Appends its reply to `replies`

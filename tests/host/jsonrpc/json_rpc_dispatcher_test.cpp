@@ -190,10 +190,19 @@ TEST_F(JsonRpcDispatcher, BatchIsAnsweredMemberByMemberInOrder)
   EXPECT_EQ(released, 2);
 }
 
-TEST_F(JsonRpcDispatcher, EmptyBatchIsOneInvalidRequest)
+TEST_F(JsonRpcDispatcher, EmptyOrOversizedBatchIsOneInvalidRequest)
 {
   EXPECT_EQ(reply("[]"), error(-32600, "Invalid Request", json()));
   EXPECT_EQ(reply(" [ ] "), error(-32600, "Invalid Request", json()));
+
+  json batch = json::array();
+  for (int i = 0; i < JSON_RPC_Dispatcher::MAX_BATCH; ++i)
+    batch.push_back({{"jsonrpc", "2.0"}, {"method", "echo"}, {"id", i}});
+  EXPECT_EQ(reply(batch.dump()).size(), size_t(JSON_RPC_Dispatcher::MAX_BATCH));
+  batch.push_back({{"jsonrpc", "2.0"}, {"method", "echo"}, {"id", 100}});
+  made = 0;
+  EXPECT_EQ(reply(batch.dump()), error(-32600, "Invalid Request: a batch holds at most 100 requests.", json()));
+  EXPECT_EQ(made, 0);
 }
 
 TEST_F(JsonRpcDispatcher, BatchOfNonObjectsAnswersEachMember)
