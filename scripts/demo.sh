@@ -4,9 +4,9 @@
 # backupd (SQLite catalog and a directory pool in a temporary data directory) and exo-sim with
 # the demo tenant, registers both with the agent (backup server URL and access key in the agent
 # configuration, the tenant in its registry), runs `backup-agent backup --all-mailboxes`, which
-# shows its progress and the summary of the new backup set, lists the sets, restores a folder
-# and a single item of one mailbox into another under relocation folders, verifies the set
-# and rehearses the restore of one mailbox.
+# shows its progress and the summary of the new backup set, lists the sets, browses a mailbox
+# live and as the set holds it, restores a folder and a single item of one mailbox into
+# another under relocation folders, verifies the set and rehearses the restore of one mailbox.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh --target backup-agent --target exchange --target backupd --target exo-sim build
@@ -95,15 +95,22 @@ set_uuid="$("$agent" --config "$work/agent.json" sets --tenant "$uuid" --json |
 
 from=alice.archer@demo.exosim.test
 to=bruno.brandt@demo.exosim.test
+echo "== the tenant's mailboxes matching \"alice\" (Microsoft Graph search)"
+"$agent" --config "$work/agent.json" mailboxes --tenant "$uuid" --search alice || step_failed "mailboxes" $?
+echo "== $from's top-level folders, live"
+"$agent" --config "$work/agent.json" folders --tenant "$uuid" --mailbox "$from" || step_failed "folders" $?
+echo "== $from's Inbox as set $set_uuid holds it (first lines)"
+"$agent" --config "$work/agent.json" browse --set "$set_uuid" --mailbox "$from" --path Inbox >"$work/inbox" ||
+  step_failed "browse" $?
+head -n 8 "$work/inbox"
+
 echo "== restore of $from's Inbox folder into $to, under \"Restored by the demo\""
 "$agent" --config "$work/agent.json" restore --set "$set_uuid" --from "$from" --to "$to" \
   --path "Inbox" --relocation "Restored by the demo" || step_failed "restore of a folder" $?
 
-# One item of the set: the first item id in the mailbox's index (the index is JSON on the
-# pool; a management console browses it the same way).
-index="$(find "$work/backupd/pools/$pool" -name 'alice.archer*.idx' | head -n 1)"
-item="$(grep -o '"items":\[{"entry_id":"[^"]*"' "$index" | head -n 1 | cut -d'"' -f6)"
-[ -n "$item" ] || step_failed "finding an item in the index" 1
+# One item of the set: the first item of the Inbox as the browse above listed it.
+item="$(awk -F '\t' '$1 == "item" { print $3; exit }' "$work/inbox")"
+[ -n "$item" ] || step_failed "finding an item in the Inbox" 1
 echo "== restore of one item of $from into $to, under \"Restored item\""
 "$agent" --config "$work/agent.json" restore --set "$set_uuid" --from "$from" --to "$to" \
   --item "$item" --relocation "Restored item" || step_failed "restore of an item" $?
