@@ -150,10 +150,10 @@ bool EWS_Backup_Callback::list_folder(const std::string& path, const std::string
 
 void EWS_Backup_Callback::start_listing_ahead(const std::string& root_path)
 {
-  if (!ctx_.list_ahead() || root_folders_.empty())
+  if (ctx_.list_ahead() <= 0 || root_folders_.empty())
     return;
   if (!ahead_)
-    ahead_.reset(new (std::nothrow) EWS_Listing_Ahead(ctx_));
+    ahead_.reset(new (std::nothrow) EWS_Listing_Ahead(ctx_, ctx_.list_ahead()));
   // Without it every folder is listed when the stream reaches it.
   if (ahead_ && !ahead_->start(cur_mailbox_, root_path, root_folders_))
     LOG_MSG(LM_DEBUG, "Folders of '%s' are listed as the stream reaches them.\n", cur_mailbox_.c_str());

@@ -28,7 +28,18 @@ uint64_t configured_export_cache_budget()
   return static_cast<uint64_t>(mib) * 1024 * 1024;
 }
 
-bool configured_list_ahead() { return Agent_Config::instance().setting("ews.list_ahead", 1) != 0; }
+int configured_list_ahead()
+{
+  const long listers = Agent_Config::instance().setting("ews.list_ahead", EWS_Backup_Context::default_list_ahead);
+  if (listers < 0 || listers > EWS_Backup_Context::max_list_ahead)
+  {
+    const long kept = listers < 0 ? 0 : EWS_Backup_Context::max_list_ahead;
+    LOG_MSG(LM_WARNING, "Setting ews.list_ahead = %ld is outside 0-%d, using %ld.\n", listers,
+            EWS_Backup_Context::max_list_ahead, kept);
+    return static_cast<int>(kept);
+  }
+  return static_cast<int>(listers);
+}
 }  // namespace
 
 EWS_Backup_Context::EWS_Backup_Context(const std::string& username, const Secure_String& password,

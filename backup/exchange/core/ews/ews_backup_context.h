@@ -137,11 +137,14 @@ public:
   // here.
   void export_cache_budget(uint64_t bytes) { export_cache_budget_ = bytes; }
   uint64_t export_cache_budget() const { return export_cache_budget_; }
-  // Whether each stream channel lists its mailbox's folders ahead of the stream
-  // on a thread of its own (EWS_Listing_Ahead): the agent setting
-  // "ews.list_ahead" (default 1, on; 0 turns it off) unless changed here.
-  void list_ahead(bool on) { list_ahead_ = on; }
-  bool list_ahead() const { return list_ahead_; }
+  // How many folders each stream channel lists at once ahead of the stream, on
+  // threads and connections of its own (EWS_Listing_Ahead); 0: each folder is
+  // listed when the stream reaches it. The agent setting "ews.list_ahead"
+  // (default 3, at most 8) unless changed here.
+  static constexpr int default_list_ahead = 3;
+  static constexpr int max_list_ahead = 8;
+  void list_ahead(int listers) { list_ahead_ = listers; }
+  int list_ahead() const { return list_ahead_; }
   // The export task, for figures; empty before activation.
   const std::shared_ptr<EWS_Export_Task>& task() const { return task_; }
 
@@ -171,7 +174,7 @@ private:
   Job_Activity& act_;
   EWS_Client_Maker client_maker_;
   uint64_t export_cache_budget_;
-  bool list_ahead_;
+  int list_ahead_;
 };
 
 typedef boost::shared_ptr<EWS_Backup_Context> EWS_Backup_Context_Ptr;

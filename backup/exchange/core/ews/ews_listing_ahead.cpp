@@ -10,8 +10,16 @@
 #include <algorithm>
 #include <climits>
 #include <new>
+#include <utility>
 
-EWS_Listing_Ahead::EWS_Listing_Ahead(EWS_Backup_Context& ctx) : ctx_(ctx), cancel_(false) {}
+EWS_Listing_Ahead::EWS_Listing_Ahead(EWS_Backup_Context& ctx, int listers) : ctx_(ctx), cancel_(false)
+{
+  for (int i = 0; i < std::max(listers, 1); ++i)
+  {
+    listers_.emplace_back(new Lister);
+    listers_.back()->owner = this;
+  }
+}
 
 EWS_Listing_Ahead::~EWS_Listing_Ahead() { stop(); }
 
@@ -56,39 +64,65 @@ bool EWS_Listing_Ahead::list(EWS_Client& ews, EWS_Backup_Context& ctx, const std
   return true;
 }
 
+bool EWS_Listing_Ahead::make_clients()
+{
+  size_t made = 0;
+  for (std::unique_ptr<Lister>& lister : listers_)
+  {
+    if (!lister->ews)
+    {
+      if (!ctx_.make_client(lister->ews) || !lister->ews)
+      {
+        lister->ews.reset();
+        continue;
+      }
+      // A throttling wait or a transfer under way ends when the listing is
+      // stopped or the job is being cancelled.
+      lister->ews->set_cancel_predicate([this] { return cancel_.load() || ctx_.is_cancelling(); });
+    }
+    lister->ews->impersonate(mailbox_);
+    ++made;
+  }
+  return made > 0;
+}
+
 bool EWS_Listing_Ahead::start(const std::string& mailbox, const std::string& root_path, const EWS_Folders& roots)
 {
   stop();
-  if (!ews_)
-  {
-    if (!ctx_.make_client(ews_) || !ews_)
-    {
-      ews_.reset();
-      return false;
-    }
-    // A throttling wait or a transfer under way ends when the listing is
-    // stopped or the job is being cancelled.
-    ews_->set_cancel_predicate([this] { return cancel_.load() || ctx_.is_cancelling(); });
-  }
-  ews_->impersonate(mailbox);
   mailbox_ = mailbox;
+  if (!make_clients())
+    return false;
+  size_t clients = 0;
+  for (const std::unique_ptr<Lister>& lister : listers_)
+    clients += lister->ews ? 1 : 0;
   {
     std::lock_guard<std::mutex> guard(lock_);
     stop_ = false;
     cancel_ = false;
-    plan_front(root_path, roots);
+    plan(Walk_Place(), root_path, roots);
     running_ = true;
+    threads_running_ = clients;
   }
-  thread_.reset(new (std::nothrow) Job_Thread_Helper(&ctx_.job(), ACE_DEFAULT_THREAD_PRIORITY));
-  if (!thread_ || thread_->spawn(&EWS_Listing_Ahead::svc, this) < 0)
+  size_t started = 0;
+  for (std::unique_ptr<Lister>& lister : listers_)
   {
-    thread_.reset();
-    std::lock_guard<std::mutex> guard(lock_);
-    running_ = false;
-    plan_.clear();
+    if (!lister->ews)
+      continue;
+    lister->thread.reset(new (std::nothrow) Job_Thread_Helper(&ctx_.job(), ACE_DEFAULT_THREAD_PRIORITY));
+    if (!lister->thread || lister->thread->spawn(&Lister::svc, lister.get()) < 0)
+    {
+      lister->thread.reset();
+      thread_ended();
+      continue;
+    }
+    lister->thread->set_name("EWSListAhead");
+    ++started;
+  }
+  if (started == 0)
+  {
+    stop();
     return false;
   }
-  thread_->set_name("EWSListAhead");
   return true;
 }
 
@@ -100,16 +134,23 @@ void EWS_Listing_Ahead::stop()
     cancel_ = true;
   }
   changed_.notify_all();
-  if (thread_)
+  for (std::unique_ptr<Lister>& lister : listers_)
   {
-    thread_->join();
-    thread_.reset();
+    if (lister->thread)
+    {
+      lister->thread->join();
+      lister->thread.reset();
+    }
   }
   std::lock_guard<std::mutex> guard(lock_);
   running_ = false;
+  threads_running_ = 0;
+  places_.clear();
   plan_.clear();
   listing_.clear();
   done_.clear();
+  floor_.clear();
+  waiting_ = false;
   waiting_items_ = 0;
 }
 
@@ -118,28 +159,41 @@ bool EWS_Listing_Ahead::room() const
   return done_.size() < max_waiting_folders && waiting_items_ < max_waiting_items;
 }
 
-void EWS_Listing_Ahead::plan_front(const std::string& parent_path, const EWS_Folders& folders)
+bool EWS_Listing_Ahead::may_begin() const
 {
-  for (EWS_Folders::const_reverse_iterator f = folders.rbegin(); f != folders.rend(); ++f)
+  // The folder the stream waits for is never kept waiting for room: the room
+  // is taken by listings of folders it comes to later.
+  return !plan_.empty() && (room() || (waiting_ && plan_.begin()->first == wanted_));
+}
+
+void EWS_Listing_Ahead::plan(const Walk_Place& parent, const std::string& parent_path, const EWS_Folders& folders)
+{
+  for (size_t i = 0; i < folders.size(); ++i)
   {
+    Walk_Place place = parent;
+    place.push_back(static_cast<unsigned>(i));
     Planned next;
-    next.id = f->id;
-    next.path = join_path(parent_path, encode_name(f->display_name));
-    next.no_subfolders = f->subfolders_counted && f->subfolders_count == 0;
-    plan_.push_front(next);
+    next.id = folders[i].id;
+    next.path = join_path(parent_path, encode_name(folders[i].display_name));
+    next.no_subfolders = folders[i].subfolders_counted && folders[i].subfolders_count == 0;
+    places_[next.id] = place;
+    plan_[place] = std::move(next);
   }
 }
 
-bool EWS_Listing_Ahead::planned(const std::string& id) const
+void EWS_Listing_Ahead::drop_before(const Walk_Place& place)
 {
-  if (!running_ || stop_)
-    return false;
-  if (listing_ == id)
-    return true;
-  for (const Planned& p : plan_)
-    if (p.id == id)
-      return true;
-  return false;
+  while (!plan_.empty() && plan_.begin()->first < place)
+  {
+    places_.erase(plan_.begin()->second.id);
+    plan_.erase(plan_.begin());
+  }
+  while (!done_.empty() && done_.begin()->first < place)
+  {
+    waiting_items_ -= done_.begin()->second.items.size();
+    places_.erase(done_.begin()->second.id);
+    done_.erase(done_.begin());
+  }
 }
 
 bool EWS_Listing_Ahead::take(const std::string& id, EWS_Folder_Listing& out)
@@ -147,68 +201,98 @@ bool EWS_Listing_Ahead::take(const std::string& id, EWS_Folder_Listing& out)
   std::unique_lock<std::mutex> guard(lock_);
   for (;;)
   {
-    for (size_t k = 0; k < done_.size(); ++k)
+    std::unordered_map<std::string, Walk_Place>::const_iterator p = places_.find(id);
+    if (p == places_.end())
+      return false;
+    const Walk_Place place = p->second;
+    // The stream walks forward only: a folder before where it is was passed
+    // by (its listing, still being made, is dropped when it ends).
+    if (place < floor_)
+      return false;
+    // The stream is here: the folders before it in its walk were passed by.
+    floor_ = place;
+    drop_before(place);
+    std::map<Walk_Place, EWS_Folder_Listing>::iterator d = done_.find(place);
+    if (d != done_.end())
     {
-      if (done_[k].id != id)
-        continue;
-      // Listings before it belong to folders the stream has passed by.
-      out = std::move(done_[k]);
-      done_.erase(done_.begin(), done_.begin() + static_cast<std::ptrdiff_t>(k) + 1);
-      waiting_items_ = 0;
-      for (const EWS_Folder_Listing& l : done_)
-        waiting_items_ += l.items.size();
+      out = std::move(d->second);
+      waiting_items_ -= out.items.size();
+      done_.erase(d);
+      places_.erase(id);
+      waiting_ = false;
       changed_.notify_all();
       return true;
     }
-    if (!planned(id))
+    if (stop_ || !running_)
       return false;
-    // Every listing waiting was made before this folder's, so the stream has
-    // passed those folders by: drop them, or the thread could wait for room
-    // while this waits for the thread.
-    if (!done_.empty())
-    {
-      done_.clear();
-      waiting_items_ = 0;
-      changed_.notify_all();
-    }
+    waiting_ = true;
+    wanted_ = place;
+    changed_.notify_all();
     changed_.wait(guard);
   }
 }
 
-void EWS_Listing_Ahead::svc()
+bool EWS_Listing_Ahead::next_folder(Walk_Place& place, Planned& folder)
 {
-  for (;;)
-  {
-    Planned next;
-    {
-      std::unique_lock<std::mutex> guard(lock_);
-      changed_.wait(guard, [this] { return stop_ || plan_.empty() || room(); });
-      if (stop_ || plan_.empty())
-        break;
-      next = plan_.front();
-      plan_.pop_front();
-      listing_ = next.id;
-    }
-    EWS_Folder_Listing listing;
-    const bool ok = list(*ews_, ctx_, mailbox_, next.path, next.id, next.no_subfolders, listing);
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      listing_.clear();
-      if (stop_)
-        break;
-      // Its subfolders come next in the stream's walk, before its later siblings;
-      // below a failed listing nothing is planned.
-      if (ok)
-        plan_front(next.path, listing.subfolders);
-      waiting_items_ += listing.items.size();
-      done_.push_back(std::move(listing));
-    }
-    changed_.notify_all();
-  }
+  std::unique_lock<std::mutex> guard(lock_);
+  // With nothing planned a thread still waits while others list: their
+  // folders' subfolders come next.
+  changed_.wait(guard, [this] { return stop_ || (plan_.empty() && listing_.empty()) || may_begin(); });
+  if (stop_ || plan_.empty())
+    return false;
+  place = plan_.begin()->first;
+  folder = std::move(plan_.begin()->second);
+  plan_.erase(plan_.begin());
+  listing_.insert(place);
+  return true;
+}
+
+void EWS_Listing_Ahead::finish_folder(const Walk_Place& place, const Planned& folder, bool ok,
+                                      EWS_Folder_Listing& listing)
+{
   {
     std::lock_guard<std::mutex> guard(lock_);
-    running_ = false;
-    listing_.clear();
+    listing_.erase(place);
+    if (stop_)
+    {
+      // stop() forgets everything.
+    }
+    else if (place < floor_)
+    {
+      // Passed by while it was being listed: nothing below it is wanted.
+      places_.erase(folder.id);
+    }
+    else
+    {
+      // Below a failed listing nothing is planned.
+      if (ok)
+        plan(place, folder.path, listing.subfolders);
+      waiting_items_ += listing.items.size();
+      done_[place] = std::move(listing);
+    }
+  }
+  changed_.notify_all();
+}
+
+void EWS_Listing_Ahead::svc(Lister& lister)
+{
+  Walk_Place place;
+  Planned folder;
+  while (next_folder(place, folder))
+  {
+    EWS_Folder_Listing listing;
+    const bool ok = list(*lister.ews, ctx_, mailbox_, folder.path, folder.id, folder.no_subfolders, listing);
+    finish_folder(place, folder, ok, listing);
+  }
+  thread_ended();
+}
+
+void EWS_Listing_Ahead::thread_ended()
+{
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (threads_running_ > 0 && --threads_running_ == 0)
+      running_ = false;
   }
   changed_.notify_all();
 }

@@ -8,10 +8,13 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 class EWS_Backup_Context;
 
@@ -26,27 +29,30 @@ struct EWS_Folder_Listing
   EWS_Items items;
 };
 
-// Lists a mailbox's folders ahead of the backup stream, on a thread of its own
-// ("EWSListAhead") with its own EWS client, so that the stream finds a folder's
-// subfolders and items ready when it reaches the folder instead of waiting for
-// a FindFolder and a FindItem per folder.
+// Lists a mailbox's folders ahead of the backup stream, on threads of its own
+// ("EWSListAhead"), each with its own EWS client (so a connection of its own),
+// so that the stream finds a folder's subfolders and items ready when it
+// reaches the folder instead of waiting for a FindFolder and a FindItem per
+// folder.
 //
-// The folders are listed in the order the stream walks them: depth first, each
-// folder's subfolders in the order of its listing, before its later siblings.
-// A folder whose listing reported it without subfolders (ChildFolderCount 0) is
-// not asked for them. The thread keeps at most a few listings (folders and
-// items) waiting; each take() frees room. Nothing is exported from here: the
-// stream queues a folder's exports when it takes the listing, so the export
-// queue keeps the stream's order.
+// Several folders are listed at once, one per listing thread; the next folder
+// listed is always the first one not yet begun in the order the stream walks
+// them: depth first, each folder's subfolders in the order of its listing,
+// before its later siblings. A folder whose listing reported it without
+// subfolders (ChildFolderCount 0) is not asked for them. At most a few
+// listings (folders and items) wait to be taken; each take() frees room, and
+// the folder the stream waits for is always begun at once. Nothing is exported
+// from here: the stream queues a folder's exports when it takes the listing,
+// so the export queue keeps the stream's order.
 //
 // A folder the stream passes by without taking its listing (a name the backup
-// set cannot store) has its listing dropped when a later one is taken. A
-// folder that is not planned (the thread was stopped, or never started, or the
-// folder is below one whose listing failed) is answered false by take(): the
-// caller lists it itself.
+// set cannot store) has its listing dropped, or not made, when a later one is
+// taken; nothing below it is listed. A folder that is not planned (the threads
+// were stopped, or never started, or the folder is below one whose listing
+// failed) is answered false by take(): the caller lists it itself.
 //
-// Used by one stream thread (start, take, stop); the listing thread is its own.
-// Failures are logged with the messages of the stream's own listing. The
+// Used by one stream thread (start, take, stop); the listing threads are its
+// own. Failures are logged with the messages of the stream's own listing. The
 // context must outlive the object.
 class EWS_Listing_Ahead
 {
@@ -56,17 +62,18 @@ public:
   static constexpr size_t max_waiting_folders = 4;
   static constexpr size_t max_waiting_items = 20000;
 
-  explicit EWS_Listing_Ahead(EWS_Backup_Context& ctx);
+  // `listers`: folders listed at once (threads and connections), at least 1.
+  EWS_Listing_Ahead(EWS_Backup_Context& ctx, int listers);
   ~EWS_Listing_Ahead();
   EWS_Listing_Ahead(const EWS_Listing_Ahead&) = delete;
   EWS_Listing_Ahead& operator=(const EWS_Listing_Ahead&) = delete;
 
   // Begins listing the folders below `roots` (the mailbox's top folders, whose
   // paths are under `root_path`) for `mailbox`. Stops any earlier listing
-  // first. False (nothing planned) when the client cannot be made or the
-  // thread cannot start.
+  // first. False (nothing planned) when no client can be made or no thread can
+  // start; with fewer than asked for, it lists with those it has.
   bool start(const std::string& mailbox, const std::string& root_path, const EWS_Folders& roots);
-  // Stops the thread (an EWS call under way ends early) and forgets every
+  // Stops the threads (EWS calls under way end early) and forgets every
   // listing; take() answers false until the next start().
   void stop();
   // The listing of folder `id`, waiting for it when it is planned but not yet
@@ -75,11 +82,17 @@ public:
 
   // Lists one folder with `ews`: its subfolders (unless `no_subfolders`), then
   // its items page by page, sorted by name. `path` and `mailbox` name it in
-  // log lines. Used by the thread and, for folders not planned, by the stream.
+  // log lines. Used by the threads and, for folders not planned, by the stream.
   static bool list(EWS_Client& ews, EWS_Backup_Context& ctx, const std::string& mailbox, const std::string& path,
                    const std::string& id, bool no_subfolders, EWS_Folder_Listing& out);
 
 private:
+  // A folder's place in the stream's walk: its index among its siblings, and
+  // its parent's, up to the mailbox's top folders. Compared element by element
+  // (a folder's own place before its subfolders'), it orders folders as the
+  // stream walks them.
+  typedef std::vector<unsigned> Walk_Place;
+
   struct Planned
   {
     std::string id;
@@ -87,25 +100,45 @@ private:
     bool no_subfolders = false;
   };
 
-  void svc();
+  // One listing thread and its own client.
+  struct Lister
+  {
+    EWS_Listing_Ahead* owner = nullptr;
+    EWS_Client_Ptr ews;
+    std::unique_ptr<Job_Thread_Helper> thread;
+    void svc() { owner->svc(*this); }
+  };
+
+  bool make_clients();
+  void svc(Lister& lister);
+  void thread_ended();
+  // Waits for the next folder to list; false when there is none any more.
+  bool next_folder(Walk_Place& place, Planned& folder);
+  void finish_folder(const Walk_Place& place, const Planned& folder, bool ok, EWS_Folder_Listing& listing);
   bool room() const;
-  // Plans `folders` (children of `parent_path`) before everything planned so far.
-  void plan_front(const std::string& parent_path, const EWS_Folders& folders);
-  bool planned(const std::string& id) const;
+  bool may_begin() const;
+  // Plans `folders` (children of the folder at `parent` whose path is `parent_path`).
+  void plan(const Walk_Place& parent, const std::string& parent_path, const EWS_Folders& folders);
+  // Forgets the folders before `place` in the walk: the stream has passed them.
+  void drop_before(const Walk_Place& place);
 
   EWS_Backup_Context& ctx_;
-  EWS_Client_Ptr ews_;
-  std::unique_ptr<Job_Thread_Helper> thread_;
+  std::vector<std::unique_ptr<Lister>> listers_;
   std::string mailbox_;
-  std::atomic<bool> cancel_;  // read by the client's cancel predicate
+  std::atomic<bool> cancel_;  // read by the clients' cancel predicate
 
   mutable std::mutex lock_;
   std::condition_variable changed_;
   bool stop_ = false;
   bool running_ = false;
-  std::deque<Planned> plan_;
-  std::string listing_;  // the folder being listed now
-  std::deque<EWS_Folder_Listing> done_;
+  std::unordered_map<std::string, Walk_Place> places_;  // every folder planned, being listed or listed
+  std::map<Walk_Place, Planned> plan_;                  // not begun, in walk order
+  std::set<Walk_Place> listing_;                        // being listed now
+  std::map<Walk_Place, EWS_Folder_Listing> done_;       // listed, waiting to be taken
+  Walk_Place floor_;                                    // where the stream is: what is before was passed by
+  size_t threads_running_ = 0;
+  bool waiting_ = false;                                // the stream waits for `wanted_`
+  Walk_Place wanted_;
   size_t waiting_items_ = 0;
 };
 

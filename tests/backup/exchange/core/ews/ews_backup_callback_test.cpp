@@ -125,7 +125,7 @@ TEST(EwsBackupCallback, ListsFoldersThenSortedItemsAndQueuesThemInThatOrder)
   fill(boxes);
   Callback_Run run(boxes, 1, 1);
   // Listed as the stream reaches each folder, so that requests can be counted.
-  run.ctx().list_ahead(false);
+  run.ctx().list_ahead(0);
   ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
   EWS_Backup_Callback callback = run.make_callback();
   const std::string root = mailbox_to_path("anna@x.test");
@@ -244,7 +244,7 @@ TEST(EwsBackupCallback, FolderReportedWithoutSubfoldersIsNotAskedForThem)
     fill(boxes);
     boxes.count_subfolders = counted == 1;
     Callback_Run run(boxes, 1, 1);
-    run.ctx().list_ahead(run_no >= 2);
+    run.ctx().list_ahead(run_no >= 2 ? 3 : 0);
     ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
     EWS_Backup_Callback callback = run.make_callback();
     listed[run_no] = walk(callback, "anna@x.test");
@@ -269,7 +269,7 @@ TEST(EwsBackupCallback, FolderReportedWithoutSubfoldersIsNotAskedForThem)
   Fake_Mailboxes boxes;
   fill(boxes);
   Callback_Run run(boxes, 1, 1);
-  run.ctx().list_ahead(false);
+  run.ctx().list_ahead(0);
   ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
   EWS_Backup_Callback callback = run.make_callback();
   const std::string root = mailbox_to_path("anna@x.test");
@@ -452,7 +452,7 @@ TEST(EwsBackupCallback, MailboxEndedHalfWayDoesNotStallTheRunUnderATinyBudget)
   fill(boxes);
   Callback_Run run(boxes, 1, 2);
   run.ctx().export_cache_budget(1);
-  run.ctx().list_ahead(false);
+  run.ctx().list_ahead(0);
   ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
   EWS_Backup_Callback callback = run.make_callback();
 

@@ -7,8 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,7 +87,7 @@ std::vector<std::string> ids(const EWS_Items& items)
 }
 }  // namespace
 
-TEST(EwsListingAhead, ListsInTheStreamsOrderAndKeepsOnlyAFewWaiting)
+TEST(EwsListingAhead, OneListerListsInTheStreamsOrderAndKeepsOnlyAFewWaiting)
 {
   // A (with A1 below it, and A1 with A2), then five more top folders.
   Fake_Mailboxes boxes;
@@ -96,7 +99,7 @@ TEST(EwsListingAhead, ListsInTheStreamsOrderAndKeepsOnlyAFewWaiting)
   for (const char* id : {"B", "C", "D", "E", "F"})
     boxes.mailboxes["m@x"].push_back(Fake_Mailboxes::folder(id, id, 1));
   Ahead_Run run(boxes);
-  EWS_Listing_Ahead ahead(run.ctx());
+  EWS_Listing_Ahead ahead(run.ctx(), 1);
   ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
 
   // Depth first, a folder's subfolders before its later siblings; no more than
@@ -131,34 +134,36 @@ TEST(EwsListingAhead, FoldersPassedByAreDroppedAndUnplannedOnesAreLeftToTheCalle
     boxes.mailboxes["m@x"].push_back(Fake_Mailboxes::folder(id, id, 2));
   boxes.unlistable_folders = {"L4"};
   Ahead_Run run(boxes);
-  EWS_Listing_Ahead ahead(run.ctx());
+  EWS_Listing_Ahead ahead(run.ctx(), 1);
   ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
   ASSERT_TRUE(Ahead_Run::eventually([&] { return run.listed().size() == 4; }));
 
-  // L5 waits behind four listings the stream passed by: they are dropped, so
-  // the thread goes on to it. L4's failure is logged as the stream's would be.
+  // L5 waits behind four listings the stream passed by: they are dropped, and
+  // L4, passed by before it was begun, is never listed.
   EWS_Folder_Listing listing;
   ASSERT_TRUE(ahead.take("L5", listing));
   EXPECT_TRUE(listing.ok);
   EXPECT_EQ(listing.items.size(), 2u);
-  EXPECT_NE(run.last_error().find("Failed to list items of folder(" + mailbox_to_path("m@x") + "L4) of 'm@x'."),
-            std::string::npos)
-    << run.last_error();
+  EXPECT_EQ(run.listed(), (std::vector<std::string>{"L0", "L1", "L2", "L3", "L5"}));
   EXPECT_FALSE(ahead.take("L0", listing));  // dropped: the caller lists it
   EXPECT_FALSE(ahead.take("nowhere", listing));
 
-  // A failed listing is handed over as failed, and its siblings still come.
+  // A failed listing is handed over as failed, logged as the stream's would
+  // be, and its siblings still come.
   ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
   for (const char* id : {"L0", "L1", "L2", "L3"})
     ASSERT_TRUE(ahead.take(id, listing)) << id;
   ASSERT_TRUE(ahead.take("L4", listing));
   EXPECT_FALSE(listing.ok);
+  EXPECT_NE(run.last_error().find("Failed to list items of folder(" + mailbox_to_path("m@x") + "L4) of 'm@x'."),
+            std::string::npos)
+    << run.last_error();
   ASSERT_TRUE(ahead.take("L5", listing));
   EXPECT_TRUE(listing.ok);
 
   // Stopped while it waits for room: stop returns, and nothing is planned any more.
   ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
-  ASSERT_TRUE(Ahead_Run::eventually([&] { return run.listed().size() == 6 + 6 + 4; }));
+  ASSERT_TRUE(Ahead_Run::eventually([&] { return run.listed().size() == 5 + 6 + 4; }));
   ahead.stop();
   EXPECT_FALSE(ahead.take("L0", listing));
 }
@@ -169,7 +174,7 @@ TEST(EwsListingAhead, CancellationFailsTheListingsStillToCome)
   for (const char* id : {"L0", "L1", "L2", "L3", "L4", "L5"})
     boxes.mailboxes["m@x"].push_back(Fake_Mailboxes::folder(id, id, 1));
   Ahead_Run run(boxes);
-  EWS_Listing_Ahead ahead(run.ctx());
+  EWS_Listing_Ahead ahead(run.ctx(), 1);
   ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
   ASSERT_TRUE(Ahead_Run::eventually([&] { return run.listed().size() == 4; }));
   run.job().activity().state = JOB_STATE_CANCELING;
@@ -180,4 +185,100 @@ TEST(EwsListingAhead, CancellationFailsTheListingsStillToCome)
   EXPECT_FALSE(listing.ok);
   EXPECT_NE(run.last_error().find("EWS items listing is canceled."), std::string::npos) << run.last_error();
   EXPECT_EQ(run.listed().size(), 4u);
+}
+
+TEST(EwsListingAhead, SeveralListersListAtOnceAndHandOverInTheStreamsOrder)
+{
+  // Three top folders, each with two subfolders (each with one below it): the
+  // stream's walk is T0, T0/S0, T0/S0/D, T0/S1, T0/S1/D, T1, ...
+  Fake_Mailboxes boxes;
+  std::vector<std::string> walk;
+  for (int t = 0; t < 3; ++t)
+  {
+    const std::string top = "T" + std::to_string(t);
+    Fake_Folder f = Fake_Mailboxes::folder(top, top, 2);
+    walk.push_back(top);
+    for (int s = 0; s < 2; ++s)
+    {
+      const std::string sub = top + "S" + std::to_string(s);
+      Fake_Folder child = Fake_Mailboxes::folder(sub, sub, 1);
+      child.subfolders.push_back(Fake_Mailboxes::folder(sub + "D", sub + "D", 3));
+      f.subfolders.push_back(child);
+      walk.push_back(sub);
+      walk.push_back(sub + "D");
+    }
+    boxes.mailboxes["m@x"].push_back(f);
+  }
+  // Every FindItem takes a while, so that listings overlap; count how many
+  // run at once.
+  std::mutex lock;
+  int now = 0;
+  int most = 0;
+  boxes.on_find_items = [&](const std::string&) {
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      most = std::max(most, ++now);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::lock_guard<std::mutex> guard(lock);
+    --now;
+  };
+  Ahead_Run run(boxes);
+  EWS_Listing_Ahead ahead(run.ctx(), 3);
+  ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
+
+  EWS_Folder_Listing listing;
+  for (const std::string& id : walk)
+  {
+    ASSERT_TRUE(ahead.take(id, listing)) << id;
+    EXPECT_TRUE(listing.ok) << id;
+    EXPECT_EQ(listing.id, id);
+    const Fake_Folder* folder = boxes.find(boxes.mailboxes["m@x"], id);
+    ASSERT_NE(folder, nullptr);
+    EXPECT_EQ(listing.items.size(), folder->items.size()) << id;
+    EXPECT_EQ(listing.subfolders.size(), folder->subfolders.size()) << id;
+  }
+  EXPECT_FALSE(ahead.take("T2S1D", listing));
+  // Each folder listed once, several at a time, never more than the listers.
+  std::vector<std::string> listed = run.listed();
+  std::sort(listed.begin(), listed.end());
+  std::vector<std::string> expected = walk;
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(listed, expected);
+  EXPECT_GT(most, 1);
+  EXPECT_LE(most, 3);
+
+  // The stream skips T0's subtree while T0 is still being listed: that
+  // listing is dropped when it ends, nothing below T0 is ever listed, and
+  // T1's subtree comes all the same.
+  {
+    std::lock_guard<std::mutex> guard(boxes.listed_lock);
+    boxes.listed_folders.clear();
+  }
+  std::condition_variable released;
+  bool hold = true;
+  boxes.on_find_items = [&](const std::string& folder) {
+    std::unique_lock<std::mutex> guard(lock);
+    released.wait(guard, [&] { return folder != "T0" || !hold; });
+  };
+  ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
+  ASSERT_TRUE(ahead.take("T1", listing));
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    hold = false;
+  }
+  released.notify_all();
+  for (const char* id : {"T1S0", "T1S0D", "T1S1", "T1S1D", "T2"})
+  {
+    ASSERT_TRUE(ahead.take(id, listing)) << id;
+    EXPECT_TRUE(listing.ok) << id;
+  }
+  EXPECT_FALSE(ahead.take("T0", listing));
+  ahead.stop();
+  const std::vector<std::string> again = run.listed();
+  for (const std::string& id : again)
+  {
+    EXPECT_EQ(std::count(again.begin(), again.end(), id), 1) << id;
+    EXPECT_NE(id.rfind("T0S", 0), 0u) << id;
+  }
 }

@@ -48,6 +48,9 @@ public:
   // Called with the bytes of each ExportItems call as it starts (on the export
   // thread or one of its client's worker threads, possibly at once).
   std::function<void(size_t)> on_export;
+  // Called with the folder of each FindItem call as it starts, on the thread
+  // that makes it (several listing threads may call it at once).
+  std::function<void(const std::string&)> on_find_items;
   bool siblings = true;          // transports make siblings: ExportItems batches run side by side
   bool count_subfolders = true;  // FindFolder answers give ChildFolderCount, as Exchange's do
 
@@ -190,6 +193,8 @@ public:
       std::lock_guard<std::mutex> guard(boxes_.listed_lock);
       boxes_.listed_folders.push_back(folder_id);
     }
+    if (boxes_.on_find_items)
+      boxes_.on_find_items(folder_id);
     auto box = boxes_.mailboxes.find(mailbox_);
     const Fake_Folder* f = box == boxes_.mailboxes.end() ? nullptr : boxes_.find(box->second, folder_id);
     if (f == nullptr || boxes_.unlistable_folders.count(folder_id))
