@@ -137,7 +137,7 @@ private:
   std::map<Walk_Place, EWS_Folder_Listing> done_;       // listed, waiting to be taken
   Walk_Place floor_;                                    // where the stream is: what is before was passed by
   size_t threads_running_ = 0;
-  bool waiting_ = false;                                // the stream waits for `wanted_`
+  bool waiting_ = false;  // the stream waits for `wanted_`
   Walk_Place wanted_;
   size_t waiting_items_ = 0;
 };

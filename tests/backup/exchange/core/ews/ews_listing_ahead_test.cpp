@@ -214,7 +214,8 @@ TEST(EwsListingAhead, SeveralListersListAtOnceAndHandOverInTheStreamsOrder)
   std::mutex lock;
   int now = 0;
   int most = 0;
-  boxes.on_find_items = [&](const std::string&) {
+  boxes.on_find_items = [&](const std::string&)
+  {
     {
       std::lock_guard<std::mutex> guard(lock);
       most = std::max(most, ++now);
@@ -257,7 +258,8 @@ TEST(EwsListingAhead, SeveralListersListAtOnceAndHandOverInTheStreamsOrder)
   }
   std::condition_variable released;
   bool hold = true;
-  boxes.on_find_items = [&](const std::string& folder) {
+  boxes.on_find_items = [&](const std::string& folder)
+  {
     std::unique_lock<std::mutex> guard(lock);
     released.wait(guard, [&] { return folder != "T0" || !hold; });
   };
