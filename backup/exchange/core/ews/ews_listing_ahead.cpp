@@ -199,6 +199,13 @@ void EWS_Listing_Ahead::drop_before(const Walk_Place& place)
 bool EWS_Listing_Ahead::take(const std::string& id, EWS_Folder_Listing& out)
 {
   std::unique_lock<std::mutex> guard(lock_);
+  const bool found = wait_for(guard, id, out);
+  waiting_ = false;
+  return found;
+}
+
+bool EWS_Listing_Ahead::wait_for(std::unique_lock<std::mutex>& guard, const std::string& id, EWS_Folder_Listing& out)
+{
   for (;;)
   {
     std::unordered_map<std::string, Walk_Place>::const_iterator p = places_.find(id);
@@ -219,7 +226,6 @@ bool EWS_Listing_Ahead::take(const std::string& id, EWS_Folder_Listing& out)
       waiting_items_ -= out.items.size();
       done_.erase(d);
       places_.erase(id);
-      waiting_ = false;
       changed_.notify_all();
       return true;
     }

@@ -110,6 +110,8 @@ private:
   };
 
   bool make_clients();
+  // take() under the lock: hands over the listing of `id` once it is made.
+  bool wait_for(std::unique_lock<std::mutex>& guard, const std::string& id, EWS_Folder_Listing& out);
   void svc(Lister& lister);
   void thread_ended();
   // Waits for the next folder to list; false when there is none any more.
