@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 runs="${1:-30}"
 shift || true
-[ -d build-asan ] || bash scripts/setup.sh build-asan -DEXO_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+[ -d build-asan ] || bash scripts/setup.sh build-asan -DEXO_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug -DEXO_BENCH=OFF
 source scripts/sanitizer-env.sh
 for i in $(seq 1 "$runs"); do
   if ! ctest --test-dir build-asan -j"$(nproc)" --output-on-failure "$@" >"build-asan/repeat-$i.log" 2>&1; then

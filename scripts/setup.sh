@@ -14,16 +14,15 @@ while [ $# -gt 0 ] && [ "$1" = "--target" ]; do
 done
 
 PACKAGES=(
-  build-essential cmake ninja-build ccache clang-format pkg-config git curl zstd
+  build-essential cmake ninja-build ccache clang-format pkg-config git curl ca-certificates zstd
   libace-dev libyajl-dev nlohmann-json3-dev libboost-dev
   libcurl4-openssl-dev libcpp-httplib-dev libpugixml-dev libexpat1-dev
   libsqlite3-dev libzstd-dev libssl-dev libgtest-dev libgmock-dev
   chromium
 )
-# The console's browser test also needs Node.js and npm; a Node.js installed from
-# elsewhere brings its own npm, which Debian's npm package would conflict with.
+# The console's browser test also needs Node.js (a Node.js installed from elsewhere
+# will do); it fetches its one npm package itself, without npm.
 command -v node >/dev/null 2>&1 || PACKAGES+=(nodejs)
-command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

@@ -9,6 +9,6 @@ bash scripts/setup.sh build -DEXO_WERROR=ON
 bash scripts/check-format.sh
 ctest --test-dir build --output-on-failure -j"$jobs"
 
-bash scripts/setup.sh build-asan -DEXO_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+bash scripts/setup.sh build-asan -DEXO_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug -DEXO_BENCH=OFF
 source scripts/sanitizer-env.sh
 ctest --test-dir build-asan --output-on-failure -j"$jobs"

@@ -1,6 +1,7 @@
 #include "apps/backup-agent/browse_command.h"
 
 #include "apps/backup-agent/flag_reader.h"
+#include "apps/backup-agent/folder_path.h"
 #include "apps/backup-agent/rpc_caller.h"
 #include "apps/backup-agent/set_access.h"
 
@@ -20,16 +21,8 @@ bool Browse_Command::resolve(RPC_Caller& caller, nlohmann::ordered_json params, 
   if (!caller.call("exchange.browse_set", params, listing, error))
     return false;
   std::string walked;
-  size_t begin = 0;
-  while (begin <= path.size())
+  for (const std::string& name : split_folder_path(path))
   {
-    size_t end = path.find('/', begin);
-    if (end == std::string::npos)
-      end = path.size();
-    const std::string name = path.substr(begin, end - begin);
-    begin = end + 1;
-    if (name.empty())
-      continue;
     walked += (walked.empty() ? "" : "/") + name;
     // Folder rows carry "name", item rows "subject".
     const nlohmann::ordered_json* found = nullptr;

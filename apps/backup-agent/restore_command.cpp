@@ -1,6 +1,7 @@
 #include "apps/backup-agent/restore_command.h"
 
 #include "apps/backup-agent/flag_reader.h"
+#include "apps/backup-agent/folder_path.h"
 #include "apps/backup-agent/set_access.h"
 
 #include "host/base/agent_config.h"
@@ -121,16 +122,8 @@ bool Restore_Command::path_entry(const EWS_Folders& tree, const std::string& pat
   const EWS_Folders* level = &tree;
   const EWS_Folder* found = nullptr;
   std::string parent;
-  size_t begin = 0;
-  while (begin <= path.size())
+  for (const std::string& name : split_folder_path(path))
   {
-    size_t end = path.find('/', begin);
-    if (end == std::string::npos)
-      end = path.size();
-    const std::string name = path.substr(begin, end - begin);
-    begin = end + 1;
-    if (name.empty())
-      continue;
     if (found != nullptr)
       parent += (parent.empty() ? "" : "/") + found->display_name;
     found = nullptr;

@@ -86,7 +86,7 @@ int Sets_Command::run(const std::vector<std::string>& args, std::ostream& out, s
 bool Sets_Command::list(const std::string& tenant, const std::string& mailbox, nlohmann::ordered_json& sets,
                         std::string& error)
 {
-  std::string query = "/d2/r/v2/sets/restore/sets?module=exchange&sort=backup_start_time&order=desc";
+  std::string query = std::string(catalog_sets_query) + "module=exchange&sort=backup_start_time&order=desc";
   if (!tenant.empty())
   {
     std::string encoded;

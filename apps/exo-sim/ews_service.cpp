@@ -5,6 +5,7 @@
 #include <set>
 #include <thread>
 
+#include "apps/exo-sim/ascii_case.h"
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/id_formats.h"
 #include "apps/exo-sim/soap_format.h"
@@ -47,14 +48,6 @@ int operation_version_rank(const std::string& op)
   if (op == "ConvertId")
     return version_rank("Exchange2007_SP1");
   return 0;
-}
-
-std::string lower(std::string s)
-{
-  for (auto& c : s)
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  return s;
 }
 
 std::string id_element(const char* name, const std::string& id, const std::string& change_key)
@@ -103,7 +96,7 @@ bool read_shape(const pugi::xml_node& shape_node, Shape& shape)
     shape.fields.insert(f.attribute("FieldURI").value());
   for (const auto& f : xml_children(extra, k_ns_types, "ExtendedFieldURI"))
   {
-    std::string tag = lower(f.attribute("PropertyTag").value());
+    std::string tag = ascii_lower(f.attribute("PropertyTag").value());
     if (tag == "4340" || tag == "0x10f4")
       shape.hidden_flag = true;
   }
@@ -305,7 +298,7 @@ bool Ews_Service::authenticate(const Ews_Request& request, int& basic_mailbox, S
       std::string password = colon == std::string::npos ? "" : pair.substr(colon + 1);
       for (const auto& acc : store_.tenant().basic_accounts)
       {
-        if (lower(acc.user) == lower(user) && acc.password == password && colon != std::string::npos)
+        if (ascii_lower(acc.user) == ascii_lower(user) && acc.password == password && colon != std::string::npos)
         {
           basic_mailbox = store_.find_mailbox(acc.user, Address_Form::principal_name);
           if (basic_mailbox < 0)

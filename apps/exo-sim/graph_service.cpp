@@ -5,6 +5,7 @@
 #include <ctime>
 #include <random>
 
+#include "apps/exo-sim/ascii_case.h"
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/sim_hash.h"
 
@@ -15,14 +16,6 @@ namespace
 {
 
 const std::string k_token_prefix("DSpt\x02\x00\x01\x00", 8);  // encodes as "RFNwdAIAAQA..."
-
-std::string lower(std::string s)
-{
-  for (auto& c : s)
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  return s;
-}
 
 std::string trim(const std::string& s)
 {
@@ -70,7 +63,7 @@ std::string percent_encode(const std::string& s)
 // "alice.archer@..." and "archer" finds it too.
 bool token_prefix_match(const std::string& value, const std::string& term)
 {
-  std::string v = lower(value), t = lower(term);
+  std::string v = ascii_lower(value), t = ascii_lower(term);
   if (t.empty())
     return true;
   for (size_t i = 0; i < v.size(); ++i)
@@ -151,7 +144,7 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
        "client_id=\"00000003-0000-0000-c000-000000000000\""});
     return r;
   }
-  bool eventual = lower(request.consistency_level) == "eventual";
+  bool eventual = ascii_lower(request.consistency_level) == "eventual";
   std::vector<std::string> select;
   std::string order_by = "userPrincipalName";
   bool descending = false;
@@ -163,7 +156,7 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   std::vector<std::pair<std::string, std::string>> carried;
   for (const auto& kv : request.params)
   {
-    std::string key = lower(kv.first);
+    std::string key = ascii_lower(kv.first);
     if (key != "$skiptoken")
     {
       carried.push_back(kv);
@@ -261,7 +254,8 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   std::stable_sort(users.begin(), users.end(),
                    [&](const nlohmann::ordered_json& a, const nlohmann::ordered_json& b)
                    {
-                     std::string x = lower(a[order_by].get<std::string>()), y = lower(b[order_by].get<std::string>());
+                     std::string x = ascii_lower(a[order_by].get<std::string>()),
+                                 y = ascii_lower(b[order_by].get<std::string>());
                      return descending ? y < x : x < y;
                    });
 

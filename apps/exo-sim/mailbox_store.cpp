@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "apps/exo-sim/ascii_case.h"
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/sim_hash.h"
 
@@ -51,14 +52,6 @@ template <typename T_, size_t N_>
 const T_& pick_T(const T_ (&arr)[N_], uint64_t h)
 {
   return arr[h % N_];
-}
-
-std::string lower(std::string s)
-{
-  for (auto& c : s)
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  return s;
 }
 
 std::string change_key(uint64_t h)
@@ -225,7 +218,7 @@ void Mailbox_Store::name_user(int m, Mailbox& box) const
   {
     box.given_name = k_people[m][0];
     box.surname = k_people[m][1];
-    local = m == 0 ? "admin" : lower(box.given_name + "." + box.surname);
+    local = m == 0 ? "admin" : ascii_lower(box.given_name + "." + box.surname);
   }
   else if (renamed < 0)
   {
@@ -239,7 +232,7 @@ void Mailbox_Store::name_user(int m, Mailbox& box) const
   {
     box.given_name = k_renamed[renamed][0];
     box.surname = k_renamed[renamed][1];
-    local = lower(box.given_name + "." + box.surname);
+    local = ascii_lower(box.given_name + "." + box.surname);
   }
   else
   {
@@ -260,7 +253,7 @@ void Mailbox_Store::name_user(int m, Mailbox& box) const
   case 1:
   {
     std::string former = renamed < k_renamed_count ? k_renamed[renamed][2] : "former" + std::to_string(renamed);
-    box.upn = lower(box.given_name + "." + former) + "@" + tenant_.domain;
+    box.upn = ascii_lower(box.given_name + "." + former) + "@" + tenant_.domain;
     box.proxies.push_back(box.upn);
     break;
   }
@@ -274,21 +267,21 @@ int Mailbox_Store::mailbox_count() const { return int(mailboxes_.size()); }
 
 int Mailbox_Store::find_mailbox(const std::string& address, Address_Form form) const
 {
-  std::string want = lower(address);
+  std::string want = ascii_lower(address);
   for (size_t m = 0; m < mailboxes_.size(); ++m)
   {
     const Mailbox& box = mailboxes_[m];
     if (form == Address_Form::principal_name)
     {
-      if (lower(box.upn) == want)
+      if (ascii_lower(box.upn) == want)
         return int(m);
       continue;
     }
-    if (lower(box.smtp) == want)
+    if (ascii_lower(box.smtp) == want)
       return int(m);
     if (form == Address_Form::any_smtp)
       for (const auto& p : box.proxies)
-        if (lower(p) == want)
+        if (ascii_lower(p) == want)
           return int(m);
   }
   return -1;
@@ -686,7 +679,7 @@ bool Mailbox_Store::create_folder(int mailbox, int parent, const std::string& na
   std::lock_guard<std::mutex> lock(mutex_);
   Mailbox& box = built(mailbox);
   for (int child : box.folders[size_t(parent)].children)
-    if (lower(box.folders[size_t(child)].name) == lower(name))
+    if (ascii_lower(box.folders[size_t(child)].name) == ascii_lower(name))
       return false;
   int f = add_folder(box, parent, name, folder_class, "", 0);
   box.folders[size_t(f)].created = true;

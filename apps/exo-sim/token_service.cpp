@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "apps/exo-sim/ascii_case.h"
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/sim_hash.h"
 
@@ -23,14 +24,6 @@ int hex_value(char c)
   if (c >= 'A' && c <= 'F')
     return c - 'A' + 10;
   return -1;
-}
-
-std::string lower(std::string s)
-{
-  for (auto& c : s)
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  return s;
 }
 
 std::string random_guid(std::mt19937_64& rng)
@@ -138,7 +131,7 @@ int Token_Service::audience_of_scope(const std::string& scope) const
   if (scope.find(' ') != std::string::npos || scope.size() <= suffix.size() ||
       scope.compare(scope.size() - suffix.size(), suffix.size(), suffix) != 0)
     return 0;
-  std::string resource = lower(scope.substr(0, scope.size() - suffix.size()));
+  std::string resource = ascii_lower(scope.substr(0, scope.size() - suffix.size()));
   if (resource == "https://graph.microsoft.com" || resource == "00000003-0000-0000-c000-000000000000")
     return k_audience_graph;
   if (resource == "https://outlook.office365.com" || resource == "https://outlook.office.com" ||
@@ -146,7 +139,7 @@ int Token_Service::audience_of_scope(const std::string& scope) const
     return k_audience_ews;
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& base : own_bases_)
-    if (resource == lower(base) || resource == lower(base) + "/")
+    if (resource == ascii_lower(base) || resource == ascii_lower(base) + "/")
       return k_audience_graph | k_audience_ews;
   return 0;
 }
@@ -198,7 +191,8 @@ Sim_Reply Token_Service::issue(const std::string& tenant, const std::string& for
       }
     }
   }
-  if (lower(tenant) != lower(tenant_config.tenant_id) && lower(tenant) != lower(tenant_config.domain))
+  if (ascii_lower(tenant) != ascii_lower(tenant_config.tenant_id) &&
+      ascii_lower(tenant) != ascii_lower(tenant_config.domain))
     return error(400, "invalid_request", 90002,
                  "Tenant '" + tenant +
                    "' not found. Check to make sure you have the correct tenant ID and are "
@@ -208,7 +202,7 @@ Sim_Reply Token_Service::issue(const std::string& tenant, const std::string& for
                  "The app requested an unsupported grant type '" + form["grant_type"] + "'.");
   const Registration* reg = nullptr;
   for (const auto& r : tenant_config.registrations)
-    if (lower(r.client_id) == lower(client_id))
+    if (ascii_lower(r.client_id) == ascii_lower(client_id))
       reg = &r;
   if (!reg)
     return error(400, "unauthorized_client", 700016,

@@ -5,6 +5,9 @@
 
 #include "host/base/host_status.h"
 
+// The catalog's backup-set resource, to which a query string is appended.
+constexpr char catalog_sets_query[] = "/d2/r/v2/sets/restore/sets?";
+
 // GETs a catalog resource of this agent's backup server ("/d2/r/v2/sets/restore/
 // sets?module=exchange&…", query already percent-encoded) and parses the JSON
 // answer into `result` ({"total": N, "rows": [record, …]}). `timeout_seconds`

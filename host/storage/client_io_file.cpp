@@ -6,7 +6,7 @@
 
 // Transfers go through the limiter in pieces of this size, so that a change of
 // time-of-day window applies within a large object.
-static const size_t PIECE = 64 * 1024;
+static const size_t FILE_PIECE = 64 * 1024;
 
 Client_IO_File::~Client_IO_File() { close_read(); }
 
@@ -62,7 +62,7 @@ bool Client_IO_File::write(const void* data, size_t len)
   const char* p = static_cast<const char*>(data);
   while (len > 0)
   {
-    size_t piece = len < PIECE ? len : PIECE;
+    size_t piece = len < FILE_PIECE ? len : FILE_PIECE;
     limiter_.throttle(piece);
     int rc = writer_.write(p, piece);
     if (rc != 0)
@@ -113,7 +113,7 @@ long long Client_IO_File::read(void* data, size_t len)
     fail("no object is open for reading");
     return -1;
   }
-  size_t want = len < PIECE ? len : PIECE;
+  size_t want = len < FILE_PIECE ? len : FILE_PIECE;
   for (;;)
   {
     ssize_t n = ::read(read_fd_, data, want);

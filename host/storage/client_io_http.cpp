@@ -13,7 +13,7 @@
 #include "host/storage/host_manager.h"
 
 // Transfers go through the limiter in pieces of at most this size.
-static const size_t PIECE = 64 * 1024;
+static const size_t HTTP_PIECE = 64 * 1024;
 // Bytes queued between the caller and a streamed transfer's worker.
 static const size_t PIPE_CAPACITY = 4 * 1024 * 1024;
 // Seconds to connect, and for one whole request that is not a stream.
@@ -124,7 +124,7 @@ bool Client_IO_Http::put_contents(const std::string& name, const std::string& te
   request.set_body_source(
     [&](char* buffer, size_t room)
     {
-      const size_t take = std::min({room, PIECE, text.size() - offset});
+      const size_t take = std::min({room, HTTP_PIECE, text.size() - offset});
       limiter_.throttle(take);
       memcpy(buffer, text.data() + offset, take);
       offset += take;
@@ -169,7 +169,7 @@ size_t Client_IO_Http::upload_next(char* buffer, size_t size)
 {
   if (current_offset_ == current_.size())
   {
-    std::string piece(PIECE, '\0');
+    std::string piece(HTTP_PIECE, '\0');
     const size_t got = write_pipe_->pop(&piece[0], piece.size());
     if (got == 0)
       return write_pipe_->cancelled() ? HTTP_Request::abort_body : 0;
@@ -233,7 +233,7 @@ bool Client_IO_Http::write(const void* data, size_t len)
   const char* p = static_cast<const char*>(data);
   while (len > 0)
   {
-    size_t piece = std::min(len, PIECE);
+    size_t piece = std::min(len, HTTP_PIECE);
     limiter_.throttle(piece);
     if (!write_pipe_->push(p, piece))
     {
@@ -298,7 +298,7 @@ bool Client_IO_Http::download_sink(const char* data, size_t len, long status, ui
   }
   for (size_t done = 0; done < len;)
   {
-    const size_t piece = std::min(len - done, PIECE);
+    const size_t piece = std::min(len - done, HTTP_PIECE);
     if (!read_pipe_->push(data + done, piece))
       return false;  // the reader closed: stop the transfer
     done += piece;
@@ -348,7 +348,7 @@ long long Client_IO_Http::read(void* data, size_t len)
     fail("no object is open for reading");
     return -1;
   }
-  size_t n = read_pipe_->pop(static_cast<char*>(data), std::min(len, PIECE));
+  size_t n = read_pipe_->pop(static_cast<char*>(data), std::min(len, HTTP_PIECE));
   if (n > 0)
   {
     limiter_.throttle(n);

@@ -31,7 +31,6 @@
 
 namespace
 {
-const char* const catalog_resource = "/d2/r/v2/sets/restore/sets?";
 const char* const backup_agent_name = "backup.exchange.linux-x86";
 
 // Alert codes of the backup.
@@ -128,7 +127,7 @@ bool Exchange_Backup_Job_Executor::get_last_instance_info()
   builder.add("order", "desc", true, true);
   builder.add("offset", "0", true, true);
   builder.add("limit", "1", true, true);
-  const std::string resource = catalog_resource + query;
+  const std::string resource = catalog_sets_query + query;
 
   nlohmann::ordered_json result;
   if (!read_catalogs(resource.c_str(), result, -1, def_.max_seconds_retry()))
@@ -175,7 +174,7 @@ bool Exchange_Backup_Job_Executor::load_catalog(const std::string& source_id, co
   builder.add("order", "desc", true, true);
   builder.add("offset", "0", true, true);
   builder.add("limit", "1", true, true);
-  const std::string resource = catalog_resource + query;
+  const std::string resource = catalog_sets_query + query;
 
   nlohmann::ordered_json result;
   if (!read_catalogs(resource.c_str(), result, -1, max_seconds_retry))

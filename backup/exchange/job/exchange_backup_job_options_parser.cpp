@@ -7,26 +7,26 @@ namespace
 {
 enum Backup_Option_Key : unsigned int
 {
-  KEY_METHOD = 1,
-  KEY_TRUNCATE = 2,
-  KEY_COMPRESSION = 4,
-  KEY_CHECK_CONSISTENCY = 8,
-  KEY_VSS_PROVIDER = 16,
-  KEY_COMPRESSION_LEVEL = 32,
-  KEY_IS_OFFICE365 = 64,
-  KEY_CHANNELS = 128,
+  BACKUP_KEY_METHOD = 1,
+  BACKUP_KEY_TRUNCATE = 2,
+  BACKUP_KEY_COMPRESSION = 4,
+  BACKUP_KEY_CHECK_CONSISTENCY = 8,
+  BACKUP_KEY_VSS_PROVIDER = 16,
+  BACKUP_KEY_COMPRESSION_LEVEL = 32,
+  BACKUP_KEY_IS_OFFICE365 = 64,
+  BACKUP_KEY_CHANNELS = 128,
 };
 }  // namespace
 
 const Key2_Value_T<unsigned int> Exchange_Backup_Job_Options_Parser::key_table_1[] = {
-  {"method", 6, KEY_METHOD},
-  {"truncate", 8, KEY_TRUNCATE},
-  {"compression", 11, KEY_COMPRESSION},
-  {"check_consistency", 17, KEY_CHECK_CONSISTENCY},
-  {"vss_provider", 12, KEY_VSS_PROVIDER},
-  {"compression_level", 17, KEY_COMPRESSION_LEVEL},
-  {"is_office365", 12, KEY_IS_OFFICE365},
-  {"channels", 8, KEY_CHANNELS},
+  {"method", 6, BACKUP_KEY_METHOD},
+  {"truncate", 8, BACKUP_KEY_TRUNCATE},
+  {"compression", 11, BACKUP_KEY_COMPRESSION},
+  {"check_consistency", 17, BACKUP_KEY_CHECK_CONSISTENCY},
+  {"vss_provider", 12, BACKUP_KEY_VSS_PROVIDER},
+  {"compression_level", 17, BACKUP_KEY_COMPRESSION_LEVEL},
+  {"is_office365", 12, BACKUP_KEY_IS_OFFICE365},
+  {"channels", 8, BACKUP_KEY_CHANNELS},
   {nullptr, 0, 0},
 };
 
@@ -42,13 +42,13 @@ bool Exchange_Backup_Job_Options_Parser::handle_boolean_i(bool value)
     return false;
   switch (key)
   {
-  case KEY_TRUNCATE:
+  case BACKUP_KEY_TRUNCATE:
     options()->truncate(value);
     break;
-  case KEY_CHECK_CONSISTENCY:
+  case BACKUP_KEY_CHECK_CONSISTENCY:
     options()->check_consisctency_ = value;
     break;
-  case KEY_IS_OFFICE365:
+  case BACKUP_KEY_IS_OFFICE365:
     options()->is_office365_ = value;
     break;
   default:
@@ -64,9 +64,9 @@ bool Exchange_Backup_Job_Options_Parser::handle_number_i(const char* text, size_
   if (!value_key(key))
     return false;
   bool ok = true;
-  if (key == KEY_COMPRESSION_LEVEL)
+  if (key == BACKUP_KEY_COMPRESSION_LEVEL)
     ok = read_json_count(text, len, options()->compression_level_);
-  else if (key == KEY_CHANNELS)
+  else if (key == BACKUP_KEY_CHANNELS)
     ok = read_json_count(text, len, options()->channels_);
   if (ok)
     seen(key);
@@ -80,13 +80,13 @@ bool Exchange_Backup_Job_Options_Parser::handle_string_i(const char* text, size_
     return false;
   switch (key)
   {
-  case KEY_METHOD:
+  case BACKUP_KEY_METHOD:
     options()->method(name_to_method(std::string(text, len).c_str(), 0));
     break;
-  case KEY_COMPRESSION:
+  case BACKUP_KEY_COMPRESSION:
     options()->compression(compression_name_to_value(std::string(text, len).c_str(), 0));
     break;
-  case KEY_VSS_PROVIDER:
+  case BACKUP_KEY_VSS_PROVIDER:
     options()->vss_provider_.assign(text, len);
     break;
   default:

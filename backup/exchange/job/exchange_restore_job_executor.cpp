@@ -19,11 +19,6 @@
 #include <memory>
 #include <new>
 
-namespace
-{
-const char* const catalog_resource = "/d2/r/v2/sets/restore/sets?";
-}  // namespace
-
 Exchange_Restore_Job_Executor::Exchange_Restore_Job_Executor(Job& job)
   : Job_Executor_T<Exchange_Restore_Job_Source, Exchange_Restore_Job_Options, Job_Event_Handler>(job)
 {
@@ -88,7 +83,7 @@ bool Exchange_Restore_Job_Executor::get_backupset_info(const std::string& id, co
   builder.add("module", "exchange", true, true);
   builder.add("resource_uuid", id.c_str(), true, true);
   builder.add("uuid", catalog_id.c_str(), true, true);
-  const std::string resource = catalog_resource + query;
+  const std::string resource = catalog_sets_query + query;
   nlohmann::ordered_json result;
   if (!read_catalogs(resource.c_str(), result, -1, def_.max_seconds_retry()))
   {

@@ -6,17 +6,18 @@ namespace
 {
 enum Restore_Option_Key : unsigned int
 {
-  KEY_RELOCATION = 1,
-  KEY_AUTO_MOUNT = 2,
-  KEY_IS_OFFICE365 = 4,
-  KEY_OVERWRITE = 8,
-  KEY_CHANNELS = 16,
+  RESTORE_KEY_RELOCATION = 1,
+  RESTORE_KEY_AUTO_MOUNT = 2,
+  RESTORE_KEY_IS_OFFICE365 = 4,
+  RESTORE_KEY_OVERWRITE = 8,
+  RESTORE_KEY_CHANNELS = 16,
 };
 }  // namespace
 
 const Key2_Value_T<unsigned int> Exchange_Restore_Job_Options_Parser::key_table_1[] = {
-  {"relocation", 10, KEY_RELOCATION}, {"auto_mount", 10, KEY_AUTO_MOUNT}, {"is_office365", 12, KEY_IS_OFFICE365},
-  {"overwrite", 9, KEY_OVERWRITE},    {"channels", 8, KEY_CHANNELS},      {nullptr, 0, 0},
+  {"relocation", 10, RESTORE_KEY_RELOCATION},     {"auto_mount", 10, RESTORE_KEY_AUTO_MOUNT},
+  {"is_office365", 12, RESTORE_KEY_IS_OFFICE365}, {"overwrite", 9, RESTORE_KEY_OVERWRITE},
+  {"channels", 8, RESTORE_KEY_CHANNELS},          {nullptr, 0, 0},
 };
 
 Exchange_Restore_Job_Options_Parser::Exchange_Restore_Job_Options_Parser()
@@ -31,13 +32,13 @@ bool Exchange_Restore_Job_Options_Parser::handle_boolean_i(bool value)
     return false;
   switch (key)
   {
-  case KEY_AUTO_MOUNT:
+  case RESTORE_KEY_AUTO_MOUNT:
     options()->auto_mount(value);
     break;
-  case KEY_IS_OFFICE365:
+  case RESTORE_KEY_IS_OFFICE365:
     options()->is_office365_ = value;
     break;
-  case KEY_OVERWRITE:
+  case RESTORE_KEY_OVERWRITE:
     options()->overwrite(value);
     break;
   default:
@@ -52,7 +53,7 @@ bool Exchange_Restore_Job_Options_Parser::handle_number_i(const char* text, size
   unsigned int key = 0;
   if (!value_key(key))
     return false;
-  const bool ok = key != KEY_CHANNELS || read_json_count(text, len, options()->channels_);
+  const bool ok = key != RESTORE_KEY_CHANNELS || read_json_count(text, len, options()->channels_);
   if (ok)
     seen(key);
   return ok;
@@ -63,7 +64,7 @@ bool Exchange_Restore_Job_Options_Parser::handle_string_i(const char* text, size
   unsigned int key = 0;
   if (!value_key(key))
     return false;
-  if (key == KEY_RELOCATION)
+  if (key == RESTORE_KEY_RELOCATION)
     options()->relocation(std::string(text, len));
   seen(key);
   return true;

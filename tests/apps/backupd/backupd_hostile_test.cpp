@@ -15,7 +15,7 @@ using json = nlohmann::ordered_json;
 
 namespace
 {
-const char SETS[] = "/d2/r/v2/sets/restore/sets";
+const char SETS_PATH[] = "/d2/r/v2/sets/restore/sets";
 const size_t RECORD_LIMIT = 1024 * 1024;
 
 class Backupd_Hostile_Test : public ::testing::Test
@@ -52,7 +52,8 @@ protected:
   bool catalog_has(const std::string& uuid)
   {
     httplib::Client c("127.0.0.1", backupd_.port());
-    auto res = c.Get((std::string(SETS) + "?uuid=" + uuid).c_str(), {{"X-Backupd-Access-Key", Backupd_Process::key()}});
+    auto res =
+      c.Get((std::string(SETS_PATH) + "?uuid=" + uuid).c_str(), {{"X-Backupd-Access-Key", Backupd_Process::key()}});
     return !res || res->status != 200 || json::parse(res->body)["total"] != 0;
   }
   bool object_exists(const std::string& pool, const std::string& name)
@@ -75,7 +76,7 @@ std::string chunked(const std::string& data)
 TEST_F(Backupd_Hostile_Test, RefusedBodiesAreNeverTakenForRequests)
 {
   // Each body is a complete request that would store a record and an object.
-  std::string payload = request("POST", SETS, record("smuggled")) +
+  std::string payload = request("POST", SETS_PATH, record("smuggled")) +
                         request("PUT", "/d2/storage/pool-a/smuggled.bin", "stolen", "application/octet-stream");
   std::string key = "X-Backupd-Access-Key: " + Backupd_Process::key() + "\r\n";
   std::string length = "Content-Length: " + std::to_string(payload.size()) + "\r\n";
@@ -87,15 +88,15 @@ TEST_F(Backupd_Hostile_Test, RefusedBodiesAreNeverTakenForRequests)
   } cases[] = {
     {"PUT /d2/storage/pool-a/x HTTP/1.1\r\nX-Backupd-Access-Key: wrong-key-0123456789\r\n" + length, 401},
     {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + length, 401},
-    {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + length, 401},
+    {"POST " + std::string(SETS_PATH) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + length, 401},
     {"PUT /d2/storage/pool-ro/x HTTP/1.1\r\n" + key + length, 403},
     {"PUT /d2/storage/no-pool/x HTTP/1.1\r\n" + key + length, 404},
     {"PUT /d2/storage/pool-a/a/../x HTTP/1.1\r\n" + key + length, 400},
-    {"GET " + std::string(SETS) + " HTTP/1.1\r\n" + key + length, 400},
+    {"GET " + std::string(SETS_PATH) + " HTTP/1.1\r\n" + key + length, 400},
     {"DELETE /d2/storage/pool-a/x HTTP/1.1\r\n" + key + length, 400},
     {"POST /d2/nowhere HTTP/1.1\r\n" + key + length, 400},
-    {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: text/plain\r\n" + key + length, 415},
-    {"POST " + std::string(SETS) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + key + big_length, 413},
+    {"POST " + std::string(SETS_PATH) + " HTTP/1.1\r\nContent-Type: text/plain\r\n" + key + length, 415},
+    {"POST " + std::string(SETS_PATH) + " HTTP/1.1\r\nContent-Type: application/json\r\n" + key + big_length, 413},
     {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Content-Length: 10\r\nTransfer-Encoding: chunked\r\n", 400},
     {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key + "Content-Length: +10\r\n", 400},
     {"PUT /d2/storage/pool-a/x HTTP/1.1\r\n" + key, 411},
@@ -119,7 +120,7 @@ TEST_F(Backupd_Hostile_Test, RefusedBodiesAreNeverTakenForRequests)
   // (another commit) are not read as a request either.
   {
     Raw_Http_Connection conn(backupd_.port());
-    std::string head = request("POST", SETS).substr(0, request("POST", SETS).find("Content-Length"));
+    std::string head = request("POST", SETS_PATH).substr(0, request("POST", SETS_PATH).find("Content-Length"));
     ASSERT_TRUE(conn.send_all(head + "Transfer-Encoding: chunked\r\n\r\n"));
     conn.send_all(chunked(std::string(RECORD_LIMIT + 1, ' ') + payload));
     Raw_Http_Connection::Answer answer;
@@ -134,7 +135,7 @@ TEST_F(Backupd_Hostile_Test, RefusedBodiesAreNeverTakenForRequests)
   // The server goes on serving: an authorised commit over a fresh connection,
   // and a request that follows a fully read body on the same connection.
   Raw_Http_Connection conn(backupd_.port());
-  ASSERT_TRUE(conn.send_all(request("POST", SETS, record("honest")) + request("GET", "/d2/r/v2/pools")));
+  ASSERT_TRUE(conn.send_all(request("POST", SETS_PATH, record("honest")) + request("GET", "/d2/r/v2/pools")));
   Raw_Http_Connection::Answer answer;
   ASSERT_TRUE(conn.read_answer(answer));
   EXPECT_EQ(answer.status, 201) << answer.body;
@@ -147,8 +148,8 @@ TEST_F(Backupd_Hostile_Test, CatalogValuesWithNulAreRefused)
 {
   httplib::Client c("127.0.0.1", backupd_.port());
   c.set_default_headers({{"X-Backupd-Access-Key", Backupd_Process::key()}});
-  ASSERT_EQ(c.Post(SETS, record("U"), "application/json")->status, 201);
-  auto query = c.Get((std::string(SETS) + "?uuid=U%00junk").c_str());
+  ASSERT_EQ(c.Post(SETS_PATH, record("U"), "application/json")->status, 201);
+  auto query = c.Get((std::string(SETS_PATH) + "?uuid=U%00junk").c_str());
   ASSERT_TRUE(query);
   EXPECT_EQ(query->status, 400);
   EXPECT_TRUE(json::parse(query->body)["error"].is_string());
@@ -159,14 +160,14 @@ TEST_F(Backupd_Hostile_Test, CatalogValuesWithNulAreRefused)
   nul_inside["files"] = {std::string("a\0b", 3)};
   for (const json& bad : {nul_uuid, nul_inside})
   {
-    auto res = c.Post(SETS, bad.dump(), "application/json");
+    auto res = c.Post(SETS_PATH, bad.dump(), "application/json");
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 400) << bad.dump();
   }
   EXPECT_FALSE(catalog_has("V"));
   EXPECT_FALSE(catalog_has("W"));
   // Values are matched whole: a prefix of a stored value finds nothing.
-  ASSERT_EQ(c.Post(SETS, record("prefix-long"), "application/json")->status, 201);
+  ASSERT_EQ(c.Post(SETS_PATH, record("prefix-long"), "application/json")->status, 201);
   EXPECT_FALSE(catalog_has("prefix"));
 }
 
@@ -190,7 +191,7 @@ TEST_F(Backupd_Hostile_Test, OneConnectionServesManyRequests)
       req = request("GET", "/d2/storage/pool-a/k/" + std::to_string(i - 1));
       break;
     case 2:
-      req = request("POST", SETS, record("ka-" + std::to_string(i)));
+      req = request("POST", SETS_PATH, record("ka-" + std::to_string(i)));
       expected = 201;
       break;
     default:
@@ -219,15 +220,15 @@ TEST_F(Backupd_Hostile_Test, RecordsArePrivateAndDeletable)
 
   httplib::Client c("127.0.0.1", backupd_.port());
   c.set_default_headers({{"X-Backupd-Access-Key", Backupd_Process::key()}});
-  ASSERT_EQ(c.Post(SETS, record("gone"), "application/json")->status, 201);
-  ASSERT_EQ(c.Post(SETS, record("kept"), "application/json")->status, 201);
+  ASSERT_EQ(c.Post(SETS_PATH, record("gone"), "application/json")->status, 201);
+  ASSERT_EQ(c.Post(SETS_PATH, record("kept"), "application/json")->status, 201);
   httplib::Client anonymous("127.0.0.1", backupd_.port());
-  EXPECT_EQ(anonymous.Delete((std::string(SETS) + "/gone").c_str())->status, 401);
+  EXPECT_EQ(anonymous.Delete((std::string(SETS_PATH) + "/gone").c_str())->status, 401);
   EXPECT_TRUE(catalog_has("gone"));
-  EXPECT_EQ(c.Delete((std::string(SETS) + "/gone").c_str())->status, 204);
+  EXPECT_EQ(c.Delete((std::string(SETS_PATH) + "/gone").c_str())->status, 204);
   EXPECT_FALSE(catalog_has("gone"));
   EXPECT_TRUE(catalog_has("kept"));
-  auto again = c.Delete((std::string(SETS) + "/gone").c_str());
+  auto again = c.Delete((std::string(SETS_PATH) + "/gone").c_str());
   EXPECT_EQ(again->status, 404);
   EXPECT_TRUE(json::parse(again->body)["error"].is_string());
   auto unknown = c.Get("/d2/no/such/route");
@@ -250,13 +251,13 @@ TEST_F(Backupd_Hostile_Test, PoolsAreValidatedAndRemovable)
   httplib::Client c("127.0.0.1", backupd_.port());
   c.set_default_headers({{"X-Backupd-Access-Key", Backupd_Process::key()}});
   ASSERT_EQ(c.Put("/d2/storage/pool-a/obj", "bytes", "application/octet-stream")->status, 201);
-  ASSERT_EQ(c.Post(SETS, record("on-a"), "application/json")->status, 201);
+  ASSERT_EQ(c.Post(SETS_PATH, record("on-a"), "application/json")->status, 201);
   std::string remove = std::string(BACKUPD_PATH) + " pool remove --data '" + backupd_.data_dir() + "' --name ";
   // Records still on the pool keep it; an unknown pool is an error.
   EXPECT_NE(system((remove + "first > /dev/null 2>&1").c_str()), 0);
   EXPECT_TRUE(object_exists("pool-a", "obj"));
   EXPECT_NE(system((remove + "nobody > /dev/null 2>&1").c_str()), 0);
-  ASSERT_EQ(c.Delete((std::string(SETS) + "/on-a").c_str())->status, 204);
+  ASSERT_EQ(c.Delete((std::string(SETS_PATH) + "/on-a").c_str())->status, 204);
   EXPECT_EQ(system((remove + "first > /dev/null").c_str()), 0);
   EXPECT_FALSE(object_exists("pool-a", ""));
   EXPECT_EQ(c.Get("/d2/r/v2/pools/pool-a")->status, 404);

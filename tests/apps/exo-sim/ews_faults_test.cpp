@@ -13,8 +13,6 @@ using json = nlohmann::ordered_json;
 namespace
 {
 
-const char* const E = "http://schemas.microsoft.com/exchange/services/2006/errors";
-
 exo_sim::Sim_Options with_faults(const exo_sim::Fault_Settings& f)
 {
   exo_sim::Sim_Options o = tiny_options();
@@ -46,7 +44,7 @@ TEST(ExoSimFaults, ServerBusyIsASoapFaultWithBackOff)
   EXPECT_TRUE(d.first(T, "ServerVersionInfo"));
   EXPECT_EQ(std::string(d.first("http://schemas.xmlsoap.org/soap/envelope/", "Fault").child("faultcode").text().get()),
             "a:ErrorServerBusy");
-  EXPECT_EQ(std::string(d.first(E, "ResponseCode").text().get()), "ErrorServerBusy");
+  EXPECT_EQ(std::string(d.first(ews_errors_ns, "ResponseCode").text().get()), "ErrorServerBusy");
   pugi::xml_node value = d.first(T, "Value");
   EXPECT_STREQ(value.attribute("Name").value(), "BackOffMilliseconds");
   EXPECT_STREQ(value.text().get(), "297749");

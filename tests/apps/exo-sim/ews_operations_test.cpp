@@ -14,7 +14,6 @@ namespace
 {
 
 const char* const S = "http://schemas.xmlsoap.org/soap/envelope/";
-const char* const E = "http://schemas.microsoft.com/exchange/services/2006/errors";
 
 std::string child_text(const pugi::xml_node& node, const char* local)
 {
@@ -64,8 +63,8 @@ void expect_fault(const Http_Result& r, const std::string& code)
   pugi::xml_node fault = d.first(S, "Fault");
   ASSERT_TRUE(fault) << r.body;
   EXPECT_EQ(child_text(fault, "faultcode"), "a:" + code);
-  EXPECT_EQ(std::string(d.first(E, "ResponseCode").text().get()), code);
-  EXPECT_TRUE(d.first(E, "Message"));
+  EXPECT_EQ(std::string(d.first(ews_errors_ns, "ResponseCode").text().get()), code);
+  EXPECT_TRUE(d.first(ews_errors_ns, "Message"));
 }
 
 std::string export_one(Sim_Fixture& sim, const std::string& id)

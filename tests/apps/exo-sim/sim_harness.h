@@ -14,6 +14,8 @@
 
 namespace exo_sim_test
 {
+// The namespace of EWS error details (ResponseCode, Message) in a SOAP fault.
+constexpr char ews_errors_ns[] = "http://schemas.microsoft.com/exchange/services/2006/errors";
 
 struct Http_Result
 {

@@ -14,7 +14,7 @@ struct Parsed
   Job_Options_var options;
 };
 
-Parsed parse(const std::string& json)
+Parsed parse_backup_options(const std::string& json)
 {
   Exchange_Backup_Job_Options_Parser parser;
   const int rc = parser.parse(json);
@@ -40,7 +40,7 @@ TEST(BackupJobOptions, ParsesEveryKeyAndRoundTrips)
   const std::string json =
     "{\"method\":\"ews\",\"truncate\":false,\"compression\":\"zstd\",\"compression_level\":9,"
     "\"check_consistency\":true,\"vss_provider\":\"p \\u00e9\",\"is_office365\":true,\"channels\":8}";
-  Parsed p = parse(json);
+  Parsed p = parse_backup_options(json);
   ASSERT_EQ(p.rc, 0);
   Exchange_Backup_Job_Options& o = backup(p);
   EXPECT_EQ(o.method(), EXCHANGE_BACKUP_METHOD_EWS);
@@ -52,14 +52,14 @@ TEST(BackupJobOptions, ParsesEveryKeyAndRoundTrips)
   EXPECT_TRUE(o.is_office365_);
   EXPECT_EQ(o.channels_, 8);
 
-  Parsed again = parse(generate_json(o));
+  Parsed again = parse_backup_options(generate_json(o));
   ASSERT_EQ(again.rc, 0);
   EXPECT_EQ(generate_json(backup(again)), generate_json(o));
 }
 
 TEST(BackupJobOptions, UnknownKeysWrongTypesAndNestedKeysAreSkipped)
 {
-  Parsed p = parse(
+  Parsed p = parse_backup_options(
     "{\"Method\":\"ews\",\"truncate\":\"no\",\"channels\":\"4\",\"is_office365\":1,"
     "\"list\":[1,\"x\",true],\"method\":\"EWS\"}");
   ASSERT_EQ(p.rc, 0);
@@ -74,10 +74,10 @@ TEST(BackupJobOptions, UnknownKeysWrongTypesAndNestedKeysAreSkipped)
 
 TEST(BackupJobOptions, ValuesOutsideTheTopLevelObjectFailWithNine)
 {
-  Parsed nested = parse("{\"extra\":{\"flag\":true}}");
+  Parsed nested = parse_backup_options("{\"extra\":{\"flag\":true}}");
   EXPECT_NE(nested.rc, 0);
   EXPECT_EQ(nested.err, 9);
-  Parsed bare = parse("true");
+  Parsed bare = parse_backup_options("true");
   EXPECT_NE(bare.rc, 0);
   EXPECT_EQ(bare.err, 9);
 }
@@ -97,16 +97,16 @@ TEST(BackupJobOptions, BadCountsAreLoggedAndFail)
   for (const char* doc : {"{\"channels\":0}", "{\"channels\":-3}", "{\"compression_level\":0}"})
   {
     Log_Capture log;
-    EXPECT_NE(parse(doc).rc, 0) << doc;
+    EXPECT_NE(parse_backup_options(doc).rc, 0) << doc;
     EXPECT_EQ(log.count("Invalid number: "), 1u) << doc;
     EXPECT_EQ(log.priority_of("Invalid number"), static_cast<unsigned long>(LM_ERROR));
   }
   Log_Capture log;
-  EXPECT_NE(parse("{\"channels\":99999999999}").rc, 0);
+  EXPECT_NE(parse_backup_options("{\"channels\":99999999999}").rc, 0);
   EXPECT_TRUE(log.contains("Integer overflow number: 99999999999.\n"));
 
   // A fraction reads as its whole part.
-  Parsed p = parse("{\"channels\":12.5}");
+  Parsed p = parse_backup_options("{\"channels\":12.5}");
   ASSERT_EQ(p.rc, 0);
   EXPECT_EQ(backup(p).channels_, 12);
 

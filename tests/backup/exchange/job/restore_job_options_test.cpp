@@ -5,7 +5,7 @@
 
 namespace
 {
-Exchange_Restore_Job_Options* parse(const std::string& json, int& rc, int& err, Job_Options_var& holder)
+Exchange_Restore_Job_Options* parse_restore_options(const std::string& json, int& rc, int& err, Job_Options_var& holder)
 {
   Exchange_Restore_Job_Options_Parser parser;
   rc = parser.parse(json);
@@ -23,7 +23,7 @@ TEST(RestoreJobOptions, DefaultsAndEmptyRelocationLeaveTheKeyOut)
 
   int rc = 0, err = 0;
   Job_Options_var holder;
-  Exchange_Restore_Job_Options* o = parse("{\"relocation\":\"\"}", rc, err, holder);
+  Exchange_Restore_Job_Options* o = parse_restore_options("{\"relocation\":\"\"}", rc, err, holder);
   ASSERT_EQ(rc, 0);
   EXPECT_EQ(o->relocation(), "");
   EXPECT_EQ(generate_json(*o), expected);
@@ -33,7 +33,7 @@ TEST(RestoreJobOptions, ParsesRoundTripsAndSkipsWrongTypes)
 {
   int rc = 0, err = 0;
   Job_Options_var holder;
-  Exchange_Restore_Job_Options* o = parse(
+  Exchange_Restore_Job_Options* o = parse_restore_options(
     "{\"relocation\":\"Restored/2026\",\"auto_mount\":false,\"is_office365\":true,\"overwrite\":true,"
     "\"channels\":3,\"unknown\":1}",
     rc, err, holder);
@@ -48,7 +48,8 @@ TEST(RestoreJobOptions, ParsesRoundTripsAndSkipsWrongTypes)
             "\"overwrite\":true,\"channels\":3}");
 
   Job_Options_var other;
-  Exchange_Restore_Job_Options* skipped = parse("{\"channels\":\"4\",\"overwrite\":\"yes\"}", rc, err, other);
+  Exchange_Restore_Job_Options* skipped =
+    parse_restore_options("{\"channels\":\"4\",\"overwrite\":\"yes\"}", rc, err, other);
   ASSERT_EQ(rc, 0);
   EXPECT_EQ(skipped->channels_, 1);
   EXPECT_FALSE(skipped->overwrite());
@@ -60,17 +61,17 @@ TEST(RestoreJobOptions, BadChannelsAndMisplacedValuesFail)
   Job_Options_var holder;
   {
     Log_Capture log;
-    parse("{\"channels\":-1}", rc, err, holder);
+    parse_restore_options("{\"channels\":-1}", rc, err, holder);
     EXPECT_NE(rc, 0);
     EXPECT_TRUE(log.contains("Invalid number: -1.\n"));
   }
   {
     Log_Capture log;
-    parse("{\"channels\":4294967296}", rc, err, holder);
+    parse_restore_options("{\"channels\":4294967296}", rc, err, holder);
     EXPECT_NE(rc, 0);
     EXPECT_TRUE(log.contains("Integer overflow number: 4294967296.\n"));
   }
-  parse("{\"x\":{\"overwrite\":true}}", rc, err, holder);
+  parse_restore_options("{\"x\":{\"overwrite\":true}}", rc, err, holder);
   EXPECT_NE(rc, 0);
   EXPECT_EQ(err, 9);
 }

@@ -15,7 +15,7 @@ struct Result
   Exchange_Restore_Job_Source* get() const { return static_cast<Exchange_Restore_Job_Source*>(source.get()); }
 };
 
-Result parse(const std::string& json)
+Result parse_source(const std::string& json)
 {
   Exchange_Restore_Job_Source_Parser parser;
   const int rc = parser.parse(json);
@@ -29,7 +29,7 @@ const char* const full_source =
 
 TEST(RestoreJobSource, ParsesAndRoundTrips)
 {
-  Result r = parse(full_source);
+  Result r = parse_source(full_source);
   ASSERT_EQ(r.rc, 0);
   EXPECT_EQ(r.get()->id(), "tenant-1");
   EXPECT_EQ(r.get()->name(), "Tenant");
@@ -42,7 +42,7 @@ TEST(RestoreJobSource, ParsesAndRoundTrips)
 
 TEST(RestoreJobSource, CatalogUuidIsTheOtherSpellingOfCatalogId)
 {
-  Result r = parse("{\"id\":\"t\",\"catalog_uuid\":\"c-2\",\"restore_as\":\"x\"}");
+  Result r = parse_source("{\"id\":\"t\",\"catalog_uuid\":\"c-2\",\"restore_as\":\"x\"}");
   ASSERT_EQ(r.rc, 0);
   EXPECT_EQ(r.get()->catalog_id(), "c-2");
   const std::string generated = generate_json(*r.get());
@@ -55,7 +55,7 @@ TEST(RestoreJobSource, CatalogUuidIsTheOtherSpellingOfCatalogId)
 TEST(RestoreJobSource, MissingRequiredKeysAreLoggedInOrder)
 {
   Log_Capture log;
-  Result r = parse("{\"name\":\"n\",\"catalog_id\":\"c\"}");
+  Result r = parse_source("{\"name\":\"n\",\"catalog_id\":\"c\"}");
   EXPECT_NE(r.rc, 0);
   EXPECT_EQ(r.err, 7);
   const std::vector<std::string> lines = log.lines();
@@ -64,30 +64,30 @@ TEST(RestoreJobSource, MissingRequiredKeysAreLoggedInOrder)
   EXPECT_NE(lines[1].find("Failed to parse job definition source, lack of 'restore_as'.\n"), std::string::npos);
 
   Log_Capture all_missing;
-  EXPECT_EQ(parse("{}").err, 7);
+  EXPECT_EQ(parse_source("{}").err, 7);
   EXPECT_EQ(all_missing.count("lack of"), 3u);
   EXPECT_TRUE(all_missing.contains("lack of 'catalog_id'"));
 }
 
 TEST(RestoreJobSource, StoragesAndNestedValues)
 {
-  Result empty = parse("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"storages\":[]}");
+  Result empty = parse_source("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"storages\":[]}");
   ASSERT_EQ(empty.rc, 0);
   EXPECT_TRUE(empty.get()->storages().empty());
 
-  Result as_string = parse("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"storages\":\"s\"}");
+  Result as_string = parse_source("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"storages\":\"s\"}");
   EXPECT_NE(as_string.rc, 0);
   EXPECT_EQ(as_string.err, 9);
 
   Result unknown_array =
-    parse("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"other\":[\"s\"],\"more\":{\"k\":\"v\"}}");
+    parse_source("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"other\":[\"s\"],\"more\":{\"k\":\"v\"}}");
   ASSERT_EQ(unknown_array.rc, 0);
   EXPECT_TRUE(unknown_array.get()->storages().empty());
 
-  Result nested_known = parse("{\"id\":{\"k\":\"v\"},\"catalog_id\":\"c\",\"restore_as\":\"x\"}");
+  Result nested_known = parse_source("{\"id\":{\"k\":\"v\"},\"catalog_id\":\"c\",\"restore_as\":\"x\"}");
   EXPECT_EQ(nested_known.err, 9);
 
-  Result too_deep = parse("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"storages\":[[\"s\"]]}");
+  Result too_deep = parse_source("{\"id\":\"t\",\"catalog_id\":\"c\",\"restore_as\":\"x\",\"storages\":[[\"s\"]]}");
   EXPECT_EQ(too_deep.err, 9);
 }
 
