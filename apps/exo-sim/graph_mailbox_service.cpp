@@ -369,6 +369,11 @@ Sim_Reply Graph_Mailbox_Service::mailboxes(const Graph_Mailbox_Request& request,
   return r;
 }
 
+std::string Graph_Mailbox_Service::operation(const std::string& method, const std::string& rest)
+{
+  return op_name(method, split_path(rest));
+}
+
 Sim_Reply Graph_Mailbox_Service::mailbox_call(const Graph_Mailbox_Request& request,
                                               const std::vector<std::string>& segments)
 {

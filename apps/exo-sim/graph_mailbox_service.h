@@ -48,6 +48,10 @@ public:
   // POST {importUrl}: /api/gv1.0/Mailboxes('{mailboxId}')/importItem?authtoken=...
   Sim_Reply import_item(const Graph_Mailbox_Request& request, const std::string& mailbox_id);
 
+  // The operation a call under /v1.0/admin/exchange/mailboxes/ names (listFolders, exportItems, ...),
+  // for the counters and the request log.
+  static std::string operation(const std::string& method, const std::string& rest);
+
   // The opaque, stable "MBX:xxxxxxxx@yyyyyyyy" id of a mailbox, and back (-1 when unknown).
   std::string mailbox_id(int mailbox) const;
   int find_mailbox_id(const std::string& id) const;

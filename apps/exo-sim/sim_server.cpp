@@ -198,12 +198,10 @@ void Sim_Server::install_graph_mailbox_routes()
     double t0 = now_ms();
     Graph_Mailbox_Request g = graph_mailbox_request(req);
     Sim_Reply r;
-    bool throttled = graph_throttled(r, g.client_request_id);
-    if (!throttled)
+    if (!graph_throttled(r, g.client_request_id))
       r = graph_mailbox_->mailboxes(g, req.matches[1]);
     r.service = "graph";
-    if (r.op.empty())
-      r.op = "mailboxes";
+    r.op = Graph_Mailbox_Service::operation(g.method, req.matches[1]);
     send(r, res, t0);
   };
   server_.Get(R"(/v1\.0/admin/exchange/mailboxes/(.*))", mailboxes);
