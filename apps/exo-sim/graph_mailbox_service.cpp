@@ -589,7 +589,9 @@ Sim_Reply Graph_Mailbox_Service::export_items(const Call& call)
       failed("ErrorInvalidIdMalformed", "Id is malformed.");
       continue;
     }
-    if (faults_.item_fails(id, code) || faults_.item_fails(ews_id, code))
+    // The same items fail as through EWS; --fail-item may name them by either id.
+    if (faults_.item_fails(ews_id, code) ||
+        (faults_.settings().fail_items.count(id) > 0 && faults_.item_fails(id, code)))
     {
       stats_.count("faults.item_export");
       failed(code, "The item could not be exported.");
