@@ -84,9 +84,10 @@ private:
   Sim_Reply create_import_session(const Call& call);
   Sim_Reply import_one(const Call& call);
 
-  nlohmann::ordered_json folder_json(const Folder_View& view) const;
+  nlohmann::ordered_json folder_json(const Call& call, const Folder_View& view) const;
   nlohmann::ordered_json item_json(const Item_View& view) const;
   std::string context(const Call& call, const std::string& tail) const;
+  std::string mailbox_url(const Call& call) const;  // absolute, on the simulator's base
   Sim_Reply error(const Call& call, int status, const std::string& code, const std::string& message) const;
 
   Mailbox_Store& store_;

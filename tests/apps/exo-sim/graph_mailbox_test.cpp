@@ -2,6 +2,7 @@
 // EWS over the same mailboxes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <set>
 #include <thread>
@@ -183,8 +184,18 @@ TEST(ExoSimGraphMailbox, FoldersListTheTopOfTheStoreAndPageToTheEnd)
   EXPECT_EQ(pages, 4);
 
   json selected = json::parse(g.get(g.url(children + "?$top=1&$select=displayName,noSuchProperty")).body);
-  EXPECT_EQ(selected["value"][0].size(), 3u) << selected.dump();  // @odata.type, id, displayName
-  expect_graph_error(g.get(g.url("/folders?$filter=type%20eq%20'IPF.Note'")), 400, "BadRequest");
+  EXPECT_EQ(selected["value"][0].size(), 4u) << selected.dump();  // @odata.type, id, displayName, parentMailboxUrl
+  EXPECT_EQ(selected["value"][0]["parentMailboxUrl"], g.url(""));
+  EXPECT_EQ(selected["@odata.context"], "https://graph.microsoft.com/v1.0/$metadata#admin/exchange/mailboxes/" +
+                                          g.mailbox + "/folders('" + inbox["id"].get<std::string>() +
+                                          "')/childFolders");
+  std::vector<json> calendars = g.all("/folders?$filter=type%20eq%20'ipf.appointment'&$top=1", pages);
+  ASSERT_EQ(calendars.size(), 1u);
+  EXPECT_EQ(calendars[0]["wellKnownName"], "calendar");
+  EXPECT_EQ(g.all("/folders?$filter=totalItemCount%20ge%200%20and%20type%20eq%20'IPF.Note'&$top=2", pages).size(), 6u);
+  EXPECT_EQ(pages, 3);
+  expect_graph_error(g.get(g.url("/folders?$filter=startswith(displayName,'I')")), 400, "BadRequest");
+  expect_graph_error(g.get(g.url("/folders?$orderby=displayName")), 400, "BadRequest");
   expect_graph_error(g.get(g.url("/folders/AAMkAGYzZjZmRi")), 400, "ErrorInvalidIdMalformed");
   expect_graph_error(g.get(g.url("/folders/EDSVRjowOjk5OQ==")), 404, "ErrorItemNotFound");  // folder 999
 }
@@ -223,6 +234,23 @@ TEST(ExoSimGraphMailbox, ItemsPageWithoutSkippingOrRepeating)
   EXPECT_FALSE(json::parse(r.body).contains("@odata.nextLink"));
   EXPECT_EQ(json::parse(g.get(g.url("/folders/" + full + "/items?$skip=10")).body)["value"].size(), 0u);
   EXPECT_EQ(json::parse(g.get(g.url("/folders/" + full + "/items?$count=true&$top=1")).body)["@odata.count"], 10);
+
+  // A date range as in Microsoft's example gives the items inside it, paged like any listing.
+  std::vector<std::string> created;
+  for (const auto& i : one)
+    created.push_back(i["createdDateTime"]);
+  std::sort(created.begin(), created.end());
+  std::string from = created[3].substr(0, 10), to = created[8];
+  size_t inside = 0;
+  for (const auto& c : created)
+    inside += c >= from + "T00:00:00Z" && c < to;
+  std::vector<json> ranged = g.all("/folders('" + full + "')/items?$filter=createdDateTime%20ge%20" + from +
+                                     "%20and%20createdDateTime%20lt%20" + to + "&$select=type,size&$top=2",
+                                   pages);
+  EXPECT_EQ(ranged.size(), inside);
+  EXPECT_EQ(pages, int((inside + 1) / 2));
+  for (const auto& i : ranged)
+    EXPECT_FALSE(i.contains("createdDateTime"));
   expect_graph_error(g.get(g.url("/folders/" + full + "/items?$top=0")), 400, "BadRequest");
 }
 
