@@ -407,7 +407,6 @@ Sim_Reply Graph_Mailbox_Service::mailbox_call(const Graph_Mailbox_Request& reque
     return Graph_Service::unauthorized(reason, request.client_request_id);
   if (segments.empty())
     return error(call, 400, "BadRequest", "Resource not found for the segment 'mailboxes'.");
-  call.mailbox_id = segments[0];
   call.mailbox = find_mailbox_id(segments[0]);
   if (call.mailbox < 0)
     return error(call, 404, "ErrorInvalidMailbox", "The mailbox '" + segments[0] + "' was not found.");
@@ -683,8 +682,8 @@ Sim_Reply Graph_Mailbox_Service::create_import_session(const Call& call)
   std::string token = sessions_.create(call.mailbox, expiration);
   nlohmann::ordered_json out;
   out["@odata.context"] = std::string(k_graph_root) + "$metadata#microsoft.graph.mailboxItemImportSession";
-  out["importUrl"] =
-    "http://" + call.request->host + "/api/gv1.0/Mailboxes('" + call.mailbox_id + "')/importItem?authtoken=" + token;
+  out["importUrl"] = "http://" + call.request->host + "/api/gv1.0/Mailboxes('" + mailbox_id(call.mailbox) +
+                     "')/importItem?authtoken=" + token;
   out["expirationDateTime"] = expiration;
   Sim_Reply r;
   r.body = out.dump();
@@ -702,7 +701,6 @@ Sim_Reply Graph_Mailbox_Service::import_call(const Graph_Mailbox_Request& reques
 {
   Call call;
   call.request = &request;
-  call.mailbox_id = mailbox_id;
   std::string token;
   for (const auto& kv : request.params)
     if (kv.first == "authtoken")
@@ -773,6 +771,8 @@ Sim_Reply Graph_Mailbox_Service::import_one(const Call& call)
   }
   stats_.count("items_uploaded");
   nlohmann::ordered_json out;
+  out["@odata.context"] =
+    "http://" + call.request->host + "/api/gv1.0/$metadata#microsoft.graph.importMailboxItemResponse";
   out["itemId"] = graph_id_from_ews(view.id);
   out["changeKey"] = view.change_key;
   Sim_Reply r;

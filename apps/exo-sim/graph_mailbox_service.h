@@ -61,7 +61,6 @@ private:
   {
     const Graph_Mailbox_Request* request = nullptr;
     int mailbox = -1;
-    std::string mailbox_id;
     std::vector<std::string> segments;  // path segments after the mailbox id
   };
 
