@@ -27,7 +27,6 @@ namespace exo_sim
 struct Graph_Mailbox_Request
 {
   std::string method;                                       // GET or POST
-  std::string path;                                         // decoded request path
   std::vector<std::pair<std::string, std::string>> params;  // decoded query pairs, in order
   std::string authorization;
   std::string host;  // Host header, for absolute next links and import URLs

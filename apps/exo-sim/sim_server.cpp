@@ -44,7 +44,6 @@ Graph_Mailbox_Request graph_mailbox_request(const httplib::Request& req)
 {
   Graph_Mailbox_Request g;
   g.method = req.method;
-  g.path = req.path;
   g.params = parse_query(req.target);
   g.authorization = req.get_header_value("Authorization");
   g.host = req.get_header_value("Host");
