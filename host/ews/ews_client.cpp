@@ -89,6 +89,16 @@ void nest(EWS_Folders& flat, const std::vector<std::string>& parent_ids, EWS_Fol
 }
 }  // namespace
 
+const char* const EWS_Client::graph_transport_name = "graph";
+
+std::string EWS_Client::graph_token_scope(const Office365_Auth_Entry& entry)
+{
+  std::string base = entry.ms_graph_endpoint;
+  while (!base.empty() && base.back() == '/')
+    base.pop_back();
+  return base + "/.default";
+}
+
 EWS_Client::EWS_Client() = default;
 
 EWS_Client::~EWS_Client() = default;
@@ -105,11 +115,20 @@ bool EWS_Client::init(const std::string& endpoint, const std::string& user, cons
   const std::string name = auth ? auth->get().transport : EWS_Transport_Factory::default_name;
   EWS_Transport_Settings settings;
   settings.endpoint = endpoint;
+  std::shared_ptr<Office365_Auth> tokens = auth;
+  if (auth && name == graph_transport_name)
+  {
+    // Graph's mailbox API lives at the tenant's Graph endpoint and takes a Graph
+    // token, whatever EWS endpoint and scope the caller knows the tenant by.
+    const Office365_Auth_Entry& entry = auth->get();
+    settings.endpoint = entry.ms_graph_endpoint;
+    tokens = std::make_shared<Office365_Auth>(entry, graph_token_scope(entry));
+  }
   std::unique_ptr<EWS_Transport> transport = EWS_Transport_Factory::create(name, settings);
   if (!transport)
     return false;
   transport_ = std::move(transport);
-  auth_ = auth;
+  auth_ = tokens;
   user_ = user;
   password_ = password;
   if (!auth_)
@@ -565,7 +584,11 @@ bool EWS_Client::export_items(EWS_Export_Requests& requests)
       mailboxes.push_back(mailbox);
     }
   }
-  const size_t wanted = std::min(static_cast<size_t>(EWS_Params::export_concurrency()), batches.size());
+  // The service's own limit on requests at once for a mailbox bounds the lanes.
+  int lanes = EWS_Params::export_concurrency();
+  if (l.max_concurrent_requests > 0)
+    lanes = std::min(lanes, l.max_concurrent_requests);
+  const size_t wanted = std::min(static_cast<size_t>(lanes), batches.size());
   const size_t siblings = wanted > 1 && transport_ ? ready_siblings(wanted - 1) : 0;
   bool all = true;
   if (siblings > 0)
