@@ -469,19 +469,23 @@ Host_Status EWS_Graph_Transport::export_items(const std::vector<EWS_Export_Reque
   if (value == nullptr)
     return malformed("an exportItems answer without a \"value\" array");
   size_t answered = 0;
+  std::vector<bool> taken(requests.size(), false);
   for (size_t i = 0; i < value->size(); ++i)
   {
     const nlohmann::ordered_json& element = (*value)[i];
     const std::string id = element.is_object() ? element.value("itemId", "") : std::string();
-    // Elements name their item; one without a name stands at its request's place.
-    EWS_Export_Request* request = nullptr;
-    for (EWS_Export_Request* r : requests)
-      if (!id.empty() && r->id == id)
-        request = r;
-    if (request == nullptr && id.empty() && i < requests.size())
-      request = requests[i];
-    if (request == nullptr)
+    // Elements name their item (the first request of that id not yet answered);
+    // one without a name stands at its request's place.
+    size_t k = requests.size();
+    for (size_t j = 0; j < requests.size() && k == requests.size(); ++j)
+      if (!taken[j] && !id.empty() && requests[j]->id == id)
+        k = j;
+    if (k == requests.size() && id.empty() && i < requests.size() && !taken[i])
+      k = i;
+    if (k == requests.size())
       continue;
+    taken[k] = true;
+    EWS_Export_Request* request = requests[k];
     ++answered;
     const nlohmann::ordered_json* error = EWS_Graph_Status::member(element, "error");
     const nlohmann::ordered_json* data = EWS_Graph_Status::member(element, "data");

@@ -8,6 +8,7 @@
 
 #include "ews_fake_service.h"
 #include "ews_fake_transport.h"
+#include "ews_scripted_graph.h"
 #include "ews_scripted_soap.h"
 
 #include "host/ews/ews_transport_factory.h"
@@ -124,6 +125,25 @@ struct Soap_On_Scripted_Server : Fake_Service_Env
     EWS_Transport_Settings settings;
     settings.endpoint = server.url("/EWS/Exchange.asmx");
     std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("ews", settings);
+    EWS_Credentials c;
+    c.bearer_token = "scripted";
+    if (t)
+      t->set_credentials(c);
+    return t;
+  }
+};
+
+// The Graph transport against a scripted server answering in the shapes of
+// Microsoft's Graph v1.0 reference.
+struct Graph_On_Scripted_Server : Fake_Service_Env
+{
+  Ews_Scripted_Graph graph{service};
+
+  std::unique_ptr<EWS_Transport> transport()
+  {
+    EWS_Transport_Settings settings;
+    settings.endpoint = graph.graph_url();
+    std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("graph", settings);
     EWS_Credentials c;
     c.bearer_token = "scripted";
     if (t)
