@@ -27,6 +27,8 @@ nlohmann::ordered_json fault_settings_to_json(const Fault_Settings& s)
   j["fail_item_code"] = s.fail_item_code;
   j["latency_ms"] = s.latency_ms;
   j["max_concurrency"] = s.max_concurrency;
+  j["graph_max_concurrency"] = s.graph_max_concurrency;
+  j["graph_drop_rate"] = s.graph_drop_rate;
   return j;
 }
 
@@ -92,6 +94,10 @@ bool read_key(const std::string& key, const nlohmann::ordered_json& v, Fault_Set
     return read_number_T(v, s.latency_ms);
   if (key == "max_concurrency")
     return read_number_T(v, s.max_concurrency);
+  if (key == "graph_max_concurrency")
+    return read_number_T(v, s.graph_max_concurrency);
+  if (key == "graph_drop_rate")
+    return read_number_T(v, s.graph_drop_rate);
   if (key == "fail_item_code")
   {
     if (!v.is_string())

@@ -30,6 +30,9 @@ struct Fault_Settings
   std::string fail_item_code = "ErrorItemNotFound";
   int latency_ms = 0;
   int max_concurrency = 0;  // EWS calls in flight per mailbox; 0 = no limit
+  // Graph mailbox calls in flight per mailbox (Outlook's documented limit is 4); 0 = no limit.
+  int graph_max_concurrency = 4;
+  double graph_drop_rate = 0;  // Graph mailbox calls whose connection is closed mid-response
 };
 
 nlohmann::ordered_json fault_settings_to_json(const Fault_Settings& settings);

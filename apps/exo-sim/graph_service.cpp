@@ -138,19 +138,22 @@ Sim_Reply Graph_Service::error(int status, const std::string& code, const std::s
   return r;
 }
 
+Sim_Reply Graph_Service::unauthorized(const std::string& reason, const std::string& client_request_id)
+{
+  Sim_Reply r = error(401, "InvalidAuthenticationToken", reason, client_request_id);
+  r.headers.push_back(
+    {"WWW-Authenticate",
+     "Bearer realm=\"\", authorization_uri=\"https://login.microsoftonline.com/common/oauth2/authorize\", "
+     "client_id=\"00000003-0000-0000-c000-000000000000\""});
+  return r;
+}
+
 Sim_Reply Graph_Service::list_users(const Graph_Request& request)
 {
   const std::string& crid = request.client_request_id;
   std::string reason;
   if (!tokens_.check(request.authorization, k_audience_graph, reason))
-  {
-    Sim_Reply r = error(401, "InvalidAuthenticationToken", reason, crid);
-    r.headers.push_back(
-      {"WWW-Authenticate",
-       "Bearer realm=\"\", authorization_uri=\"https://login.microsoftonline.com/common/oauth2/authorize\", "
-       "client_id=\"00000003-0000-0000-c000-000000000000\""});
-    return r;
-  }
+    return unauthorized(reason, crid);
   bool eventual = lower(request.consistency_level) == "eventual";
   std::vector<std::string> select;
   std::string order_by = "userPrincipalName";

@@ -31,6 +31,8 @@ public:
   // Graph's error body: {"error":{"code","message","innerError":{...}}}.
   static Sim_Reply error(int status, const std::string& code, const std::string& message,
                          const std::string& client_request_id);
+  // 401 InvalidAuthenticationToken with Graph's WWW-Authenticate challenge.
+  static Sim_Reply unauthorized(const std::string& reason, const std::string& client_request_id);
 
 private:
   Mailbox_Store& store_;

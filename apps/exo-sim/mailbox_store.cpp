@@ -489,6 +489,7 @@ Folder_View Mailbox_Store::folder_view(int m, int folder, const Mailbox& box) co
   v.parent_id = f.parent >= 0 ? make_folder_id(m, f.parent) : "";
   v.name = f.name;
   v.folder_class = f.folder_class;
+  v.well_known = f.distinguished;
   v.total_count = folder_item_count(f, false, box);
   v.child_count = int(f.children.size());
   v.hidden = f.hidden;

@@ -41,6 +41,7 @@ struct Folder_View
   std::string parent_id;
   std::string name;
   std::string folder_class;
+  std::string well_known;  // distinguished folder name (inbox, msgfolderroot, ...), empty for others
   int total_count = 0;
   int child_count = 0;
   bool hidden = false;  // PR_ATTR_HIDDEN

@@ -16,10 +16,12 @@ const char* sim_usage()
          "  [--client-id ID] [--client-secret S]\n"
          "  [--registration ID:SECRET]... [--basic-account USER:PASSWORD]... [--state-dir DIR]\n"
          "  [--request-log FILE|-] [--threads N] [--keep-alive-max N] [--keep-alive-timeout S]\n"
+         "  [--import-session-lifetime S]\n"
          "  faults: [--fault-seed N] [--busy-rate F] [--busy-backoff-ms N] [--ews-503-rate F]\n"
          "  [--graph-503-rate F] [--graph-429-rate F] [--retry-after S] [--partial-page-rate F]\n"
          "  [--truncate-rate F] [--drop-rate F] [--fail-item ID]... [--fail-item-rate F]\n"
          "  [--fail-item-code CODE] [--latency-ms N] [--max-concurrency N]\n"
+         "  [--graph-max-concurrency N] [--graph-drop-rate F]\n"
          "See docs/exo-sim.md.\n";
 }
 
@@ -206,6 +208,9 @@ std::map<std::string, Flag_Handler> flag_table(Sim_Options& o, std::string& prof
     {"--fail-item-code", s(f.fail_item_code)},
     {"--latency-ms", i(f.latency_ms)},
     {"--max-concurrency", i(f.max_concurrency)},
+    {"--graph-max-concurrency", i(f.graph_max_concurrency)},
+    {"--graph-drop-rate", r(f.graph_drop_rate)},
+    {"--import-session-lifetime", i(o.import_session_lifetime)},
   };
 }
 

@@ -67,6 +67,7 @@ struct Sim_Options
   // this many idle seconds. Each open connection holds one worker thread while it lives.
   int keep_alive_max = 100000;
   int keep_alive_timeout = 15;
+  int import_session_lifetime = 3600;  // seconds a Graph import session (its importUrl) stays valid
   Fault_Settings faults;
 };
 

@@ -16,6 +16,43 @@ double now_ms()
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
+// The decoded name/value pairs of a request target's query, in request order.
+std::vector<std::pair<std::string, std::string>> parse_query(const std::string& target)
+{
+  std::vector<std::pair<std::string, std::string>> out;
+  auto q = target.find('?');
+  std::string query = q == std::string::npos ? "" : target.substr(q + 1);
+  size_t pos = 0;
+  while (!query.empty() && pos <= query.size())
+  {
+    size_t amp = query.find('&', pos);
+    std::string pair = query.substr(pos, amp == std::string::npos ? std::string::npos : amp - pos);
+    if (!pair.empty())
+    {
+      size_t eq = pair.find('=');
+      out.push_back(
+        {url_decode(pair.substr(0, eq), true), eq == std::string::npos ? "" : url_decode(pair.substr(eq + 1), true)});
+    }
+    if (amp == std::string::npos)
+      break;
+    pos = amp + 1;
+  }
+  return out;
+}
+
+Graph_Mailbox_Request graph_mailbox_request(const httplib::Request& req)
+{
+  Graph_Mailbox_Request g;
+  g.method = req.method;
+  g.path = req.path;
+  g.params = parse_query(req.target);
+  g.authorization = req.get_header_value("Authorization");
+  g.host = req.get_header_value("Host");
+  g.client_request_id = req.get_header_value("client-request-id");
+  g.body = req.body;
+  return g;
+}
+
 bool file_exists(const std::string& path)
 {
   struct stat st;
@@ -32,6 +69,7 @@ Sim_Server::Sim_Server(const Sim_Options& options, std::FILE* log)
     stats_(log)
 {
   graph_.reset(new Graph_Service(*store_, tokens_));
+  graph_mailbox_.reset(new Graph_Mailbox_Service(*store_, tokens_, faults_, stats_, options.import_session_lifetime));
   ews_.reset(new Ews_Service(*store_, tokens_, faults_, stats_));
   int threads = options.threads;
   server_.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
@@ -138,6 +176,52 @@ void Sim_Server::send(const Sim_Reply& reply, httplib::Response& res, double sta
   stats_.record(reply, static_cast<size_t>(end), now_ms() - started_ms);
 }
 
+// The Graph mailbox import/export API and its import URLs. 429/503 faults are rolled first, as for
+// /v1.0/users; the service spends the latency inside the mailbox's concurrency slot.
+void Sim_Server::install_graph_mailbox_routes()
+{
+  server_.Get(R"(/v1\.0/users/([^/]+)/settings/exchange)",
+              [this](const httplib::Request& req, httplib::Response& res)
+              {
+                double t0 = now_ms();
+                add_latency();
+                Graph_Mailbox_Request g = graph_mailbox_request(req);
+                Sim_Reply r;
+                if (!graph_throttled(r, g.client_request_id))
+                  r = graph_mailbox_->exchange_settings(g, req.matches[1]);
+                r.service = "graph";
+                r.op = "exchangeSettings";
+                send(r, res, t0);
+              });
+  auto mailboxes = [this](const httplib::Request& req, httplib::Response& res)
+  {
+    double t0 = now_ms();
+    Graph_Mailbox_Request g = graph_mailbox_request(req);
+    Sim_Reply r;
+    bool throttled = graph_throttled(r, g.client_request_id);
+    if (!throttled)
+      r = graph_mailbox_->mailboxes(g, req.matches[1]);
+    r.service = "graph";
+    if (r.op.empty())
+      r.op = "mailboxes";
+    send(r, res, t0);
+  };
+  server_.Get(R"(/v1\.0/admin/exchange/mailboxes/(.*))", mailboxes);
+  server_.Post(R"(/v1\.0/admin/exchange/mailboxes/(.*))", mailboxes);
+  server_.Post(R"(/api/gv1\.0/Mailboxes\('([^']*)'\)/importItem)",
+               [this](const httplib::Request& req, httplib::Response& res)
+               {
+                 double t0 = now_ms();
+                 Graph_Mailbox_Request g = graph_mailbox_request(req);
+                 Sim_Reply r;
+                 if (!graph_throttled(r, g.client_request_id))
+                   r = graph_mailbox_->import_item(g, req.matches[1]);
+                 r.service = "graph";
+                 r.op = "importItem";
+                 send(r, res, t0);
+               });
+}
+
 void Sim_Server::install_routes()
 {
   server_.Post(R"(/([^/]+)/oauth2/v2\.0/token)",
@@ -158,24 +242,7 @@ void Sim_Server::install_routes()
                 double t0 = now_ms();
                 add_latency();
                 Graph_Request g;
-                std::string target = req.target;
-                auto q = target.find('?');
-                std::string query = q == std::string::npos ? "" : target.substr(q + 1);
-                size_t pos = 0;
-                while (!query.empty() && pos <= query.size())
-                {  // decoded pairs in request order
-                  size_t amp = query.find('&', pos);
-                  std::string pair = query.substr(pos, amp == std::string::npos ? std::string::npos : amp - pos);
-                  if (!pair.empty())
-                  {
-                    size_t eq = pair.find('=');
-                    g.params.push_back({url_decode(pair.substr(0, eq), true),
-                                        eq == std::string::npos ? "" : url_decode(pair.substr(eq + 1), true)});
-                  }
-                  if (amp == std::string::npos)
-                    break;
-                  pos = amp + 1;
-                }
+                g.params = parse_query(req.target);
                 g.authorization = req.get_header_value("Authorization");
                 g.consistency_level = req.get_header_value("ConsistencyLevel");
                 g.host = req.get_header_value("Host");
@@ -187,6 +254,7 @@ void Sim_Server::install_routes()
                 r.op = "users";
                 send(r, res, t0);
               });
+  install_graph_mailbox_routes();
   auto ews = [this](const httplib::Request& req, httplib::Response& res)
   {
     double t0 = now_ms();  // EWS spends its latency inside the mailbox's concurrency slot

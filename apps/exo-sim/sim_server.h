@@ -9,6 +9,7 @@
 
 #include "apps/exo-sim/ews_service.h"
 #include "apps/exo-sim/fault_injector.h"
+#include "apps/exo-sim/graph_mailbox_service.h"
 #include "apps/exo-sim/graph_service.h"
 #include "apps/exo-sim/mailbox_store.h"
 #include "apps/exo-sim/sim_options.h"
@@ -44,6 +45,7 @@ public:
 
 private:
   void install_routes();
+  void install_graph_mailbox_routes();
   void send(const Sim_Reply& reply, httplib::Response& res, double started_ms);
   bool graph_throttled(Sim_Reply& reply, const std::string& client_request_id);
   void add_latency();
@@ -54,6 +56,7 @@ private:
   Fault_Injector faults_;
   Sim_Stats stats_;
   std::unique_ptr<Graph_Service> graph_;
+  std::unique_ptr<Graph_Mailbox_Service> graph_mailbox_;
   std::unique_ptr<Ews_Service> ews_;
   httplib::Server server_;
   int port_ = -1;

@@ -1,5 +1,6 @@
 #include "apps/exo-sim/sim_stats.h"
 
+#include <algorithm>
 #include <ctime>
 
 namespace exo_sim
@@ -44,6 +45,13 @@ void Sim_Stats::count(const std::string& key, long n)
   counters_[key] += n;
 }
 
+void Sim_Stats::raise(const std::string& key, long value)
+{
+  std::lock_guard<std::mutex> lock(mutex_);
+  long& v = counters_[key];
+  v = std::max(v, value);
+}
+
 long Sim_Stats::get(const std::string& key) const
 {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -55,7 +63,7 @@ nlohmann::ordered_json Sim_Stats::to_json() const
 {
   std::lock_guard<std::mutex> lock(mutex_);
   nlohmann::ordered_json j;
-  for (const char* group : {"calls", "http_status", "codes", "faults"})
+  for (const char* group : {"calls", "http_status", "codes", "faults", "graph_concurrency_high_water"})
     j[group] = nlohmann::ordered_json::object();
   for (const char* flat : {"items_found", "items_exported", "items_uploaded", "folders_created", "bytes_out",
                            "anchor_mailbox_missing", "tokens_issued"})

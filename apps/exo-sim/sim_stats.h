@@ -25,6 +25,8 @@ public:
   // Adds to a named counter ("items_exported", "faults.busy", ...).
   void count(const std::string& key, long n = 1);
   long get(const std::string& key) const;
+  // Raises a named counter to `value` when it is below (a high-water mark).
+  void raise(const std::string& key, long value);
 
   nlohmann::ordered_json to_json() const;
   void reset();
