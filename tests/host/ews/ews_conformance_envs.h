@@ -79,6 +79,33 @@ struct Soap_On_Exo_Sim
     return true;
   }
   bool damage_item(const std::string&) { return false; }
+  // Whether the service finds a mailbox by an SMTP address; empty when it does,
+  // else why not.
+  std::string address_lookup_gap() const { return ""; }
+};
+
+// The Graph transport against the simulator's Graph mailbox API.
+struct Graph_On_Exo_Sim : Soap_On_Exo_Sim
+{
+  std::unique_ptr<EWS_Transport> transport()
+  {
+    EWS_Transport_Settings settings;
+    settings.endpoint = sim.entry().ms_graph_endpoint;
+    std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("graph", settings);
+    EWS_Credentials c;
+    if (t && auth->get_token(c.bearer_token))
+      t->set_credentials(c);
+    return t;
+  }
+  // Graph's Retry-After is in whole seconds.
+  void throttle(long back_off_ms)
+  {
+    sim.set_faults({{"graph_429_rate", 1.0}, {"retry_after", (back_off_ms + 999) / 1000}});
+  }
+  void calm() { sim.set_faults({{"graph_429_rate", 0.0}}); }
+  // Graph finds a user by address with /users?$filter=mail eq '…' or
+  // proxyAddresses/any(…), which the simulator's users listing does not take.
+  std::string address_lookup_gap() const { return "exo-sim's GET /v1.0/users does not implement $filter"; }
 };
 
 // The part the two environments over Ews_Fake_Service share.
@@ -112,6 +139,7 @@ struct Fake_Service_Env
     service->damaged.insert(id);
     return true;
   }
+  std::string address_lookup_gap() const { return ""; }
 };
 
 // The SOAP transport against a scripted server answering in Microsoft's sample style.

@@ -49,7 +49,8 @@ protected:
   std::unique_ptr<EWS_Transport> transport_;
 };
 
-typedef ::testing::Types<Soap_On_Exo_Sim, Soap_On_Scripted_Server, Graph_On_Scripted_Server, Fake_Transport_Env>
+typedef ::testing::Types<Soap_On_Exo_Sim, Soap_On_Scripted_Server, Graph_On_Exo_Sim, Graph_On_Scripted_Server,
+                         Fake_Transport_Env>
   Ews_Transports;
 TYPED_TEST_SUITE(EwsTransportConformance, Ews_Transports);
 
@@ -262,8 +263,6 @@ TYPED_TEST(EwsTransportConformance, NamesMailboxesByPrincipalNameOrSmtpAddress)
   EWS_Folder_Page page;
   auto by_upn = this->acting_for(names.upn, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(by_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
-  auto by_smtp = this->acting_for(names.smtp, EWS_MAILBOX_SMTP_ADDRESS);
-  EXPECT_TRUE(by_smtp->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
 
   auto nobody = this->acting_for("nobody@nowhere.test", EWS_MAILBOX_PRINCIPAL_NAME);
   const Host_Status unknown = nobody->find_folders(root, false, EWS_Page_Cursor(), 10, page);
@@ -272,10 +271,15 @@ TYPED_TEST(EwsTransportConformance, NamesMailboxesByPrincipalNameOrSmtpAddress)
 
   // A proxy address is an SMTP address, not a user principal name; nor is the
   // primary SMTP address of a user whose principal name differs.
-  auto proxy = this->acting_for(names.proxy, EWS_MAILBOX_SMTP_ADDRESS);
-  EXPECT_TRUE(proxy->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
   auto proxy_as_upn = this->acting_for(names.proxy, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(proxy_as_upn->is_unknown_mailbox(proxy_as_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page)));
   auto smtp_as_upn = this->acting_for(names.smtp, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(smtp_as_upn->is_unknown_mailbox(smtp_as_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page)));
+
+  if (!this->env.address_lookup_gap().empty())
+    GTEST_SKIP() << this->env.address_lookup_gap();
+  auto by_smtp = this->acting_for(names.smtp, EWS_MAILBOX_SMTP_ADDRESS);
+  EXPECT_TRUE(by_smtp->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
+  auto proxy = this->acting_for(names.proxy, EWS_MAILBOX_SMTP_ADDRESS);
+  EXPECT_TRUE(proxy->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
 }
