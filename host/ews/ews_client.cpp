@@ -3,6 +3,7 @@
 #include "host/base/log.h"
 #include "host/ews/ews_batches.h"
 #include "host/ews/ews_params.h"
+#include "host/ews/ews_request_budget.h"
 #include "host/http/retry_policy.h"
 #include "host/ews/ews_transport_factory.h"
 
@@ -261,6 +262,33 @@ bool EWS_Client::try_smtp_form(const char* operation, const Host_Status& status)
   return true;
 }
 
+bool EWS_Client::within_request_budget(const char* operation)
+{
+  const EWS_Transport_Limits l = limits();
+  if (l.max_requests_per_window <= 0 || mailbox_.name.empty())
+    return true;
+  EWS_Request_Budget& budget =
+    EWS_Request_Budget::of(transport_->name(), l.max_requests_per_window, l.request_window_seconds);
+  for (;;)
+  {
+    const long long now =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+    const long wait = budget.take(mailbox_.name, now);
+    if (wait == 0)
+      return true;
+    LOG_MSG(LM_WARNING, "EWS %s for mailbox '%s' waits %q ms: the budget of %d requests per %d seconds is spent\n",
+            operation, mailbox_.name.c_str(), static_cast<ACE_INT64>(wait), l.max_requests_per_window,
+            l.request_window_seconds);
+    if (!sleep_unless_cancelled(wait))
+    {
+      last_status_ =
+        Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "cancelled while waiting for the request budget");
+      return false;
+    }
+  }
+}
+
 template <typename Attempt_T>
 bool EWS_Client::run(const char* operation, Attempt_T attempt)
 {
@@ -280,6 +308,8 @@ bool EWS_Client::run(const char* operation, Attempt_T attempt)
     if (cancelled())
       return fail(operation, cancelled_status);
     if (!refresh_credentials())
+      return fail(operation, last_status_);
+    if (!within_request_budget(operation))
       return fail(operation, last_status_);
     const Host_Status status = attempt();
     if (status.ok())

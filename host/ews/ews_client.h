@@ -177,6 +177,10 @@ private:
   template <typename Attempt_T>
   bool run(const char* operation, Attempt_T attempt);
   bool refresh_credentials();
+  // Waits, when the transport's service limits requests per mailbox over a
+  // window, until the current mailbox may send one more (shared by every client
+  // of the process); false (last_status_ cancelled) when cancelled meanwhile.
+  bool within_request_budget(const char* operation);
   bool wait_or_fail(const char* operation, Retry_Policy& policy, const Host_Status& status);
   bool fail(const char* operation, const Host_Status& status);
   bool try_smtp_form(const char* operation, const Host_Status& status);

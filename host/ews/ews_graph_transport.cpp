@@ -133,7 +133,11 @@ EWS_Transport_Limits EWS_Graph_Transport::limits() const
   // The import URL takes one item per request.
   l.max_upload_items = 1;
   l.max_request_bytes = max_request_bytes;
+  // Outlook's limits per application and mailbox: 4 requests at once, 10 000
+  // per 10 minutes.
   l.max_concurrent_requests = 4;
+  l.max_requests_per_window = 10000;
+  l.request_window_seconds = 600;
   return l;
 }
 

@@ -74,6 +74,10 @@ struct EWS_Transport_Limits
   // Requests the service takes at once for one mailbox (0: no limit of its
   // own); the client keeps its concurrent exports within it.
   int max_concurrent_requests = 0;
+  // Requests the service takes per mailbox within `request_window_seconds`
+  // (0: no budget of its own); the client waits rather than exceed it.
+  int max_requests_per_window = 0;
+  int request_window_seconds = 0;
 };
 
 // The result of uploading one item: its new id, or why it was refused.

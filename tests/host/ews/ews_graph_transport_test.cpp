@@ -8,6 +8,7 @@
 #include "host/ews/ews_graph_shapes.h"
 #include "host/ews/ews_graph_status.h"
 #include "host/ews/ews_params.h"
+#include "host/ews/ews_request_budget.h"
 #include "host/ews/ews_transport_factory.h"
 #include "support/log_capture.h"
 
@@ -231,4 +232,18 @@ TEST(EwsGraphStatus, MapsGraphAnswersOntoHostStatusKinds)
   EXPECT_EQ(EWS_Graph_Shapes::item_type_of("IPM.Note.SMIME"), EWS_ITEM_TYPE_MESSAGE);
   EXPECT_EQ(EWS_Graph_Shapes::item_type_of("IPM.Notebook"), EWS_ITEM_TYPE_ITEM);
   EXPECT_EQ(EWS_Graph_Shapes::folder_type_of("IPF.Contact.MOC.QuickContacts"), EWS_FOLDER_TYPE_CONTACTS);
+}
+
+TEST(EwsRequestBudget, CountsRequestsPerMailboxOverTheWindow)
+{
+  EWS_Request_Budget budget(3, 60);
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(budget.take("ann@corp.test", 1000 + i), 0);
+  // Spent: the wait ends when the first slice leaves the window.
+  const long wait = budget.take("ANN@corp.test", 5000);
+  EXPECT_GT(wait, 0);
+  EXPECT_LE(wait, 60000);
+  EXPECT_EQ(budget.take("bob@corp.test", 5000), 0);
+  EXPECT_NE(budget.take("ann@corp.test", 5000 + wait - 1), 0);
+  EXPECT_EQ(budget.take("ann@corp.test", 5000 + wait), 0);
 }
