@@ -10,6 +10,7 @@
 #include "host/ews/ews_params.h"
 #include "host/ews/ews_request_budget.h"
 #include "host/ews/ews_transport_factory.h"
+#include "support/exo_sim_process.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>
@@ -246,4 +247,50 @@ TEST(EwsRequestBudget, CountsRequestsPerMailboxOverTheWindow)
   EXPECT_EQ(budget.take("bob@corp.test", 5000), 0);
   EXPECT_NE(budget.take("ann@corp.test", 5000 + wait - 1), 0);
   EXPECT_EQ(budget.take("ann@corp.test", 5000 + wait), 0);
+}
+
+TEST(EwsGraphOnSim, ExportLanesStayWithinGraphsLimitOfFourPerMailbox)
+{
+  Exo_Sim_Process sim({"--profile", "tiny", "--page-size", "24"});
+  Office365_Auth_Entry entry = sim.entry();
+  entry.transport = "graph";
+  EWS_Client client;
+  const std::string alice = sim.mailbox("alice.archer");
+  ASSERT_TRUE(client.init(entry.ews_endpoint, "", Secure_String(),
+                          std::make_shared<Office365_Auth>(entry, "unused/.default"), alice.c_str()));
+  EWS_Folders top, inbox;
+  ASSERT_TRUE(client.list_folders(ewstype__DistinguishedFolderIdNameType__msgfolderroot, top, true));
+  for (const EWS_Folder& f : top)
+  {
+    if (f.display_name == "Inbox")
+    {
+      ASSERT_TRUE(client.list_folders(f.id, inbox, true));
+    }
+  }
+  EWS_Items items;
+  for (const EWS_Folder& f : inbox)
+  {
+    if (f.display_name == "Exactly one page")
+    {
+      ASSERT_TRUE(client.list_items(f.id, make_ews_item_appender(items), 0, 1000));
+    }
+  }
+  ASSERT_EQ(items.size(), 24u);
+
+  // Eight batches and eight lanes asked for; the service takes four at once.
+  EWS_Params::set_batch_size(3);
+  EWS_Params::set_export_concurrency(8);
+  sim.set_faults({{"latency_ms", 100}, {"graph_max_concurrency", 4}});
+  EWS_Export_Requests requests(items.size());
+  for (size_t i = 0; i < items.size(); ++i)
+    requests[i].id = items[i].id;
+  EXPECT_TRUE(client.export_items(requests)) << client.last_error();
+  EWS_Params::reset();
+  for (const EWS_Export_Request& r : requests)
+    EXPECT_TRUE(r.status.ok() && r.data.ptr) << r.id << " " << r.status.text();
+  const nlohmann::json status = sim.status();
+  EXPECT_EQ(status["faults"].value("graph_concurrency", 0L), 0) << status.dump();
+  EXPECT_EQ(client.retries(), 0u);
+  EXPECT_GE(status["graph_concurrency_high_water"].value(alice, 0L), 2);
+  EXPECT_LE(status["graph_concurrency_high_water"].value(alice, 0L), 4);
 }
