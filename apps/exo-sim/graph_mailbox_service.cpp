@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <limits>
 #include <thread>
 
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/graph_ids.h"
 #include "apps/exo-sim/graph_service.h"
+#include "apps/exo-sim/odata_filter.h"
 #include "apps/exo-sim/sim_hash.h"
 
 namespace exo_sim
@@ -31,6 +33,8 @@ std::string lower(std::string s)
   return s;
 }
 
+// Path segments; an OData key segment `folders('id')` (the form of Graph's next links) counts as
+// the two segments `folders` and `id`.
 std::vector<std::string> split_path(const std::string& s)
 {
   std::vector<std::string> out;
@@ -38,7 +42,14 @@ std::vector<std::string> split_path(const std::string& s)
   while (pos <= s.size())
   {
     size_t slash = s.find('/', pos);
-    out.push_back(s.substr(pos, slash == std::string::npos ? std::string::npos : slash - pos));
+    std::string segment = s.substr(pos, slash == std::string::npos ? std::string::npos : slash - pos);
+    size_t open = segment.find("('");
+    if (open != std::string::npos && segment.size() > open + 3 && segment.compare(segment.size() - 2, 2, "')") == 0)
+    {
+      out.push_back(segment.substr(0, open));
+      segment = segment.substr(open + 2, segment.size() - open - 4);
+    }
+    out.push_back(segment);
     if (slash == std::string::npos)
       break;
     pos = slash + 1;
@@ -98,12 +109,13 @@ struct Paging
   int skip = 0;
   bool count = false;
   bool include_hidden = false;
+  std::string filter;
   std::vector<std::string> select;
   std::vector<std::pair<std::string, std::string>> carried;  // every option but $skip, for the next link
 };
 
-// False with `why` for a bad value or an option the simulator does not evaluate ($filter,
-// $orderby, $expand, $search): answering those unfiltered would hand a client wrong data.
+// False with `why` for a bad value or an option the simulator does not evaluate ($orderby,
+// $expand, $search): answering those unordered or unfiltered would hand a client wrong data.
 bool parse_paging(const std::vector<std::pair<std::string, std::string>>& params, Paging& p, std::string& why)
 {
   for (const auto& kv : params)
@@ -157,7 +169,11 @@ bool parse_paging(const std::vector<std::pair<std::string, std::string>>& params
     {
       p.include_hidden = lower(kv.second) == "true";
     }
-    else if (key == "$filter" || key == "$orderby" || key == "$expand" || key == "$search")
+    else if (key == "$filter")
+    {
+      p.filter = kv.second;
+    }
+    else if (key == "$orderby" || key == "$expand" || key == "$search")
     {
       why = "The query option '" + kv.first + "' is not supported by exo-sim.";
       return false;
@@ -166,7 +182,8 @@ bool parse_paging(const std::vector<std::pair<std::string, std::string>>& params
   return true;
 }
 
-// Keeps the selected properties (unknown names are ignored), plus `id` and the annotations.
+// Keeps the selected properties (unknown names are ignored), plus `id`, the annotations and (as in
+// Microsoft's examples) a folder's `parentMailboxUrl`.
 nlohmann::ordered_json apply_select(const nlohmann::ordered_json& object, const std::vector<std::string>& select)
 {
   if (select.empty())
@@ -176,7 +193,7 @@ nlohmann::ordered_json apply_select(const nlohmann::ordered_json& object, const 
   {
     const std::string& key = it.key();
     bool wanted =
-      key == "id" || key.rfind("@odata.", 0) == 0 ||
+      key == "id" || key == "parentMailboxUrl" || key.rfind("@odata.", 0) == 0 ||
       std::any_of(select.begin(), select.end(), [&](const std::string& s) { return lower(s) == lower(key); });
     if (wanted)
       out[key] = it.value();
@@ -213,9 +230,10 @@ std::string op_name(const std::string& method, const std::vector<std::string>& s
   return last == "items" ? "listItems" : "mailboxes";
 }
 
-std::string next_link(const Graph_Mailbox_Request& request, const Paging& p, int skip)
+// `path` is the listing's path from /v1.0 on, in the key-segment form Graph's next links use.
+std::string next_link(const Graph_Mailbox_Request& request, const std::string& path, const Paging& p, int skip)
 {
-  std::string link = "http://" + request.host + request.path + "?";
+  std::string link = "http://" + request.host + path + "?";
   for (const auto& kv : p.carried)
     link += percent_encode(kv.first) + "=" + percent_encode(kv.second) + "&";
   return link + "%24skip=" + std::to_string(skip);
@@ -260,17 +278,22 @@ Sim_Reply Graph_Mailbox_Service::error(const Call& call, int status, const std::
 
 std::string Graph_Mailbox_Service::context(const Call& call, const std::string& tail) const
 {
-  return std::string(k_graph_root) + "$metadata#admin/exchange/mailboxes('" + percent_encode(call.mailbox_id) + "')" +
-         tail;
+  return std::string(k_graph_root) + "$metadata#admin/exchange/mailboxes/" + mailbox_id(call.mailbox) + tail;
 }
 
-nlohmann::ordered_json Graph_Mailbox_Service::folder_json(const Folder_View& v) const
+std::string Graph_Mailbox_Service::mailbox_url(const Call& call) const
+{
+  return "http://" + call.request->host + "/v1.0/admin/exchange/mailboxes/" + mailbox_id(call.mailbox);
+}
+
+nlohmann::ordered_json Graph_Mailbox_Service::folder_json(const Call& call, const Folder_View& v) const
 {
   nlohmann::ordered_json j;
   j["@odata.type"] = "#microsoft.graph.mailboxFolder";
   j["id"] = graph_id_from_ews(v.id);
   j["displayName"] = v.name;
   j["parentFolderId"] = null_if_empty(v.parent_id.empty() ? "" : graph_id_from_ews(v.parent_id));
+  j["parentMailboxUrl"] = mailbox_url(call);
   j["childFolderCount"] = v.child_count;
   j["totalItemCount"] = v.total_count;
   j["wellKnownName"] = null_if_empty(v.well_known);
@@ -369,6 +392,11 @@ Sim_Reply Graph_Mailbox_Service::mailboxes(const Graph_Mailbox_Request& request,
   return r;
 }
 
+std::string Graph_Mailbox_Service::operation(const std::string& method, const std::string& rest)
+{
+  return op_name(method, split_path(rest));
+}
+
 Sim_Reply Graph_Mailbox_Service::mailbox_call(const Graph_Mailbox_Request& request,
                                               const std::vector<std::string>& segments)
 {
@@ -379,7 +407,6 @@ Sim_Reply Graph_Mailbox_Service::mailbox_call(const Graph_Mailbox_Request& reque
     return Graph_Service::unauthorized(reason, request.client_request_id);
   if (segments.empty())
     return error(call, 400, "BadRequest", "Resource not found for the segment 'mailboxes'.");
-  call.mailbox_id = segments[0];
   call.mailbox = find_mailbox_id(segments[0]);
   if (call.mailbox < 0)
     return error(call, 404, "ErrorInvalidMailbox", "The mailbox '" + segments[0] + "' was not found.");
@@ -458,14 +485,21 @@ bool Graph_Mailbox_Service::resolve_folder(const Call& call, const std::string& 
 Sim_Reply Graph_Mailbox_Service::list_folders(const Call& call, int parent)
 {
   Paging p;
+  Odata_Filter filter;
   std::string why;
-  if (!parse_paging(call.request->params, p, why))
+  if (!parse_paging(call.request->params, p, why) ||
+      (!p.filter.empty() &&
+       !filter.parse(
+         p.filter,
+         {"id", "displayName", "parentFolderId", "childFolderCount", "totalItemCount", "wellKnownName", "type"}, why)))
     return error(call, 400, "BadRequest", why);
-  std::vector<Folder_View> all = store_.list_folders(call.mailbox, parent, false);
-  std::vector<Folder_View> folders;
-  for (auto& f : all)
-    if (p.include_hidden || !f.hidden)
-      folders.push_back(std::move(f));
+  std::vector<nlohmann::ordered_json> folders;
+  for (const auto& f : store_.list_folders(call.mailbox, parent, false))
+  {
+    nlohmann::ordered_json j = folder_json(call, f);
+    if ((p.include_hidden || !f.hidden) && filter.matches(j))
+      folders.push_back(std::move(j));
+  }
   bool top_level = call.segments.size() == 1;
   std::string tail = top_level ? "/folders" : "/folders('" + call.segments[1] + "')/childFolders";
   nlohmann::ordered_json out;
@@ -475,10 +509,11 @@ Sim_Reply Graph_Mailbox_Service::list_folders(const Call& call, int parent)
   int total = int(folders.size());
   int end = int(std::min<long>(total, long(p.skip) + p.top));
   if (end < total)
-    out["@odata.nextLink"] = next_link(*call.request, p, end);
+    out["@odata.nextLink"] =
+      next_link(*call.request, "/v1.0/admin/exchange/mailboxes/" + mailbox_id(call.mailbox) + tail, p, end);
   out["value"] = nlohmann::ordered_json::array();
   for (int k = p.skip; k < end; ++k)
-    out["value"].push_back(apply_select(folder_json(folders[size_t(k)]), p.select));
+    out["value"].push_back(apply_select(folders[size_t(k)], p.select));
   Sim_Reply r;
   r.body = out.dump();
   r.items = std::max(0, end - p.skip);
@@ -491,8 +526,8 @@ Sim_Reply Graph_Mailbox_Service::get_folder(const Call& call, int folder)
   std::string why;
   if (!parse_paging(call.request->params, p, why))
     return error(call, 400, "BadRequest", why);
-  nlohmann::ordered_json out =
-    entity(context(call, "/folders/$entity"), apply_select(folder_json(store_.folder(call.mailbox, folder)), p.select));
+  nlohmann::ordered_json out = entity(context(call, "/folders/$entity"),
+                                      apply_select(folder_json(call, store_.folder(call.mailbox, folder)), p.select));
   Sim_Reply r;
   r.body = out.dump();
   return r;
@@ -501,25 +536,48 @@ Sim_Reply Graph_Mailbox_Service::get_folder(const Call& call, int folder)
 Sim_Reply Graph_Mailbox_Service::list_items(const Call& call, int folder)
 {
   Paging p;
+  Odata_Filter filter;
   std::string why;
-  if (!parse_paging(call.request->params, p, why))
+  if (!parse_paging(call.request->params, p, why) ||
+      (!p.filter.empty() &&
+       !filter.parse(p.filter, {"id", "changeKey", "createdDateTime", "lastModifiedDateTime", "type", "size"}, why)))
     return error(call, 400, "BadRequest", why);
   int total = 0;
-  std::vector<Item_View> items = store_.list_items(call.mailbox, folder, false, p.skip, p.top, total);
+  std::vector<nlohmann::ordered_json> page;
+  if (filter.empty())
+  {
+    for (const auto& v : store_.list_items(call.mailbox, folder, false, p.skip, p.top, total))
+      page.push_back(item_json(v));
+  }
+  else
+  {  // the folder's matching items, then the page of them
+    std::vector<nlohmann::ordered_json> matching;
+    for (const auto& v : store_.list_items(call.mailbox, folder, false, 0, std::numeric_limits<int>::max(), total))
+    {
+      nlohmann::ordered_json j = item_json(v);
+      if (filter.matches(j))
+        matching.push_back(std::move(j));
+    }
+    total = int(matching.size());
+    for (int k = p.skip; k < total && k < p.skip + p.top; ++k)
+      page.push_back(std::move(matching[size_t(k)]));
+  }
+  std::string tail = "/folders('" + call.segments[1] + "')/items";
   nlohmann::ordered_json out;
-  out["@odata.context"] = context(call, "/folders('" + call.segments[1] + "')/items");
+  out["@odata.context"] = context(call, tail);
   if (p.count)
     out["@odata.count"] = total;
-  long end = long(p.skip) + long(items.size());
+  long end = long(p.skip) + long(page.size());
   if (end < total)
-    out["@odata.nextLink"] = next_link(*call.request, p, int(end));
+    out["@odata.nextLink"] =
+      next_link(*call.request, "/v1.0/admin/exchange/mailboxes/" + mailbox_id(call.mailbox) + tail, p, int(end));
   out["value"] = nlohmann::ordered_json::array();
-  for (const auto& v : items)
-    out["value"].push_back(apply_select(item_json(v), p.select));
-  stats_.count("items_found", long(items.size()));
+  for (const auto& j : page)
+    out["value"].push_back(apply_select(j, p.select));
+  stats_.count("items_found", long(page.size()));
   Sim_Reply r;
   r.body = out.dump();
-  r.items = long(items.size());
+  r.items = long(page.size());
   return r;
 }
 
@@ -537,7 +595,7 @@ Sim_Reply Graph_Mailbox_Service::create_folder(const Call& call, int parent)
   if (!store_.create_folder(call.mailbox, parent, name, type, view))
     return error(call, 409, "ErrorFolderExists", "A folder with the specified name already exists.");
   stats_.count("folders_created");
-  nlohmann::ordered_json out = entity(context(call, "/folders/$entity"), folder_json(view));
+  nlohmann::ordered_json out = entity(context(call, "/folders/$entity"), folder_json(call, view));
   Sim_Reply r;
   r.status = 201;
   r.body = out.dump();
@@ -584,7 +642,9 @@ Sim_Reply Graph_Mailbox_Service::export_items(const Call& call)
       failed("ErrorInvalidIdMalformed", "Id is malformed.");
       continue;
     }
-    if (faults_.item_fails(id, code) || faults_.item_fails(ews_id, code))
+    // The same items fail as through EWS; --fail-item may name them by either id.
+    if (faults_.item_fails(ews_id, code) ||
+        (faults_.settings().fail_items.count(id) > 0 && faults_.item_fails(id, code)))
     {
       stats_.count("faults.item_export");
       failed(code, "The item could not be exported.");
@@ -622,8 +682,8 @@ Sim_Reply Graph_Mailbox_Service::create_import_session(const Call& call)
   std::string token = sessions_.create(call.mailbox, expiration);
   nlohmann::ordered_json out;
   out["@odata.context"] = std::string(k_graph_root) + "$metadata#microsoft.graph.mailboxItemImportSession";
-  out["importUrl"] =
-    "http://" + call.request->host + "/api/gv1.0/Mailboxes('" + call.mailbox_id + "')/importItem?authtoken=" + token;
+  out["importUrl"] = "http://" + call.request->host + "/api/gv1.0/Mailboxes('" + mailbox_id(call.mailbox) +
+                     "')/importItem?authtoken=" + token;
   out["expirationDateTime"] = expiration;
   Sim_Reply r;
   r.body = out.dump();
@@ -641,7 +701,6 @@ Sim_Reply Graph_Mailbox_Service::import_call(const Graph_Mailbox_Request& reques
 {
   Call call;
   call.request = &request;
-  call.mailbox_id = mailbox_id;
   std::string token;
   for (const auto& kv : request.params)
     if (kv.first == "authtoken")
@@ -712,6 +771,8 @@ Sim_Reply Graph_Mailbox_Service::import_one(const Call& call)
   }
   stats_.count("items_uploaded");
   nlohmann::ordered_json out;
+  out["@odata.context"] =
+    "http://" + call.request->host + "/api/gv1.0/$metadata#microsoft.graph.importMailboxItemResponse";
   out["itemId"] = graph_id_from_ews(view.id);
   out["changeKey"] = view.change_key;
   Sim_Reply r;

@@ -27,7 +27,6 @@ namespace exo_sim
 struct Graph_Mailbox_Request
 {
   std::string method;                                       // GET or POST
-  std::string path;                                         // decoded request path
   std::vector<std::pair<std::string, std::string>> params;  // decoded query pairs, in order
   std::string authorization;
   std::string host;  // Host header, for absolute next links and import URLs
@@ -48,6 +47,10 @@ public:
   // POST {importUrl}: /api/gv1.0/Mailboxes('{mailboxId}')/importItem?authtoken=...
   Sim_Reply import_item(const Graph_Mailbox_Request& request, const std::string& mailbox_id);
 
+  // The operation a call under /v1.0/admin/exchange/mailboxes/ names (listFolders, exportItems, ...),
+  // for the counters and the request log.
+  static std::string operation(const std::string& method, const std::string& rest);
+
   // The opaque, stable "MBX:xxxxxxxx@yyyyyyyy" id of a mailbox, and back (-1 when unknown).
   std::string mailbox_id(int mailbox) const;
   int find_mailbox_id(const std::string& id) const;
@@ -57,7 +60,6 @@ private:
   {
     const Graph_Mailbox_Request* request = nullptr;
     int mailbox = -1;
-    std::string mailbox_id;
     std::vector<std::string> segments;  // path segments after the mailbox id
   };
 
@@ -80,9 +82,10 @@ private:
   Sim_Reply create_import_session(const Call& call);
   Sim_Reply import_one(const Call& call);
 
-  nlohmann::ordered_json folder_json(const Folder_View& view) const;
+  nlohmann::ordered_json folder_json(const Call& call, const Folder_View& view) const;
   nlohmann::ordered_json item_json(const Item_View& view) const;
   std::string context(const Call& call, const std::string& tail) const;
+  std::string mailbox_url(const Call& call) const;  // absolute, on the simulator's base
   Sim_Reply error(const Call& call, int status, const std::string& code, const std::string& message) const;
 
   Mailbox_Store& store_;

@@ -44,7 +44,6 @@ Graph_Mailbox_Request graph_mailbox_request(const httplib::Request& req)
 {
   Graph_Mailbox_Request g;
   g.method = req.method;
-  g.path = req.path;
   g.params = parse_query(req.target);
   g.authorization = req.get_header_value("Authorization");
   g.host = req.get_header_value("Host");
@@ -198,12 +197,10 @@ void Sim_Server::install_graph_mailbox_routes()
     double t0 = now_ms();
     Graph_Mailbox_Request g = graph_mailbox_request(req);
     Sim_Reply r;
-    bool throttled = graph_throttled(r, g.client_request_id);
-    if (!throttled)
+    if (!graph_throttled(r, g.client_request_id))
       r = graph_mailbox_->mailboxes(g, req.matches[1]);
     r.service = "graph";
-    if (r.op.empty())
-      r.op = "mailboxes";
+    r.op = Graph_Mailbox_Service::operation(g.method, req.matches[1]);
     send(r, res, t0);
   };
   server_.Get(R"(/v1\.0/admin/exchange/mailboxes/(.*))", mailboxes);
