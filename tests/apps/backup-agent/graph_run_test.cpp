@@ -87,6 +87,11 @@ TEST_F(Graph_Run, BacksUpAndRestoresOverGraphAndRefusesSetsOfTheOtherTransport)
   ASSERT_TRUE(source->list_folders("", top, true));
   for (const EWS_Folder& f : top)
     all.push_back(encode_name(f.id));
+  // Browsing a live mailbox lists the same folders, by their Graph ids.
+  outcome = agent({"folders", "--tenant", tenant_uuid, "--mailbox", alice}, "graph-folders");
+  ASSERT_EQ(outcome.status, 0) << outcome.out << outcome.err;
+  for (const EWS_Folder& f : top)
+    EXPECT_NE(outcome.out.find(f.display_name + "\t" + f.id), std::string::npos) << f.display_name << outcome.out;
 
   outcome = run(restore_job("graph-r", record.uuid, alice, admin, "Restored/Graph", all));
   ASSERT_EQ(outcome.status, 0) << outcome.out << outcome.err;
