@@ -64,6 +64,15 @@ std::string next_link_of(const nlohmann::ordered_json& answer)
   return it != answer.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
+// Masks every occurrence of `secret` in `text`.
+void hide(std::string& text, const std::string& secret)
+{
+  if (secret.empty())
+    return;
+  for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + 3))
+    text.replace(at, secret.size(), "***");
+}
+
 // A deep listing's place: the folder whose children are being read (empty: the
 // listed parent itself), where in its children, and the folders still to read.
 struct Walk
@@ -593,6 +602,8 @@ Host_Status EWS_Graph_Transport::import_item(const std::string& mailbox, const s
     // The URL authenticates the request: no Authorization header goes with it.
     nlohmann::ordered_json answer;
     status = call(*import_server_, http, answer, false, static_cast<long long>(data.size()) / 3 * 4);
+    // Should the service quote the request back, its token stays out of the status.
+    hide(status.message, uri.query());
     const bool refused = status.kind == HOST_STATUS_UNAUTHORIZED || status.code == "HTTP 403";
     if (refused)
     {

@@ -319,7 +319,8 @@ Scripted_Reply Ews_Scripted_Graph::answer_import(const Scripted_Request& request
   ++imports;
   const EWS_Upload_Result r = service_->upload_item(service_->mailbox(box_index), in["FolderId"].get<std::string>(),
                                                     ustring(data.ptr.get(), static_cast<size_t>(data.size)));
+  // Quoting the request back, as some services do in their errors.
   if (!r.status.ok())
-    return error_reply(404, r.status.code, r.status.message);
+    return error_reply(404, r.status.code, r.status.message + " (" + request.target + ")");
   return json_reply(200, {{"itemId", r.id}, {"changeKey", "kNnynYavKEihA0la3Yt5UQABUftGQg=="}});
 }
