@@ -141,7 +141,7 @@ bool Tenant_Add_Options::check(std::string& error)
   else if (!uuid.empty() && canonical_uuid(uuid).empty())
     error = "--uuid '" + uuid + "' is not a uuid";
   else if (!Office365_Auth_Entry::known_transport(entry.transport))
-    error = "unknown transport '" + entry.transport + "'; the known one is ews";
+    error = "unknown transport '" + entry.transport + "'; the known ones are ews and graph";
   if (!error.empty())
     return false;
   uuid = canonical_uuid(uuid);

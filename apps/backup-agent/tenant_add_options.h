@@ -9,7 +9,7 @@
 // The arguments of `tenant add`:
 //   --tenant-id ID --client-id ID --tenant-email ADDRESS
 //   [--login-endpoint URL] [--graph-endpoint URL] [--ews-endpoint URL]
-//   [--secret-file FILE] [--uuid UUID]
+//   [--transport ews|graph] [--secret-file FILE] [--uuid UUID]
 // (each also as --name=VALUE).
 // The client secret is never an argument (every user of the host can read a
 // process's arguments): it comes from --secret-file or standard input.

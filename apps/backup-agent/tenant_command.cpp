@@ -52,7 +52,7 @@ const char* Tenant_Command::usage()
 {
   return "usage: backup-agent [--config FILE] tenant add --tenant-id ID --client-id ID --tenant-email ADDRESS\n"
          "                         [--login-endpoint URL] [--graph-endpoint URL] [--ews-endpoint URL]\n"
-         "                         [--transport ews] [--secret-file FILE] [--uuid UUID]\n"
+         "                         [--transport ews|graph] [--secret-file FILE] [--uuid UUID]\n"
          "       backup-agent [--config FILE] tenant list\n"
          "       backup-agent [--config FILE] tenant remove UUID\n"
          "       backup-agent [--config FILE] tenant test UUID\n"

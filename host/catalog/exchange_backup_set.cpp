@@ -12,6 +12,7 @@ nlohmann::ordered_json Exchange_Backup_Set::to_json() const
   v["instance"] = instance;
   v["database"] = database;
   v["backup_method"] = backup_method;
+  v["transport"] = transport;
   v["incarnation"] = incarnation;
   v["pool_uuid"] = pool_uuid;
   v["device_uuid"] = device_uuid;
@@ -129,6 +130,7 @@ bool Exchange_Backup_Set::from_json(const nlohmann::ordered_json& value, std::st
   r.text("instance", set.instance);
   r.text("database", set.database);
   r.text("backup_method", set.backup_method);
+  r.text("transport", set.transport);
   r.text("incarnation", set.incarnation);
   r.text("pool_uuid", set.pool_uuid);
   r.text("device_uuid", set.device_uuid);

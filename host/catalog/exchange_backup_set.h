@@ -19,6 +19,9 @@ struct Exchange_Backup_Set
   std::string instance;           // on-premises instance, empty for Exchange Online
   std::string database;           // on-premises database, empty for Exchange Online
   std::string backup_method;      // "ews", …
+  // The EWS client transport that exported the items ("ews" or "graph"): their
+  // data is uploaded only through the same kind. A record without it is "ews".
+  std::string transport = "ews";
   std::string incarnation;
   std::string pool_uuid;  // the job target
   std::string device_uuid;

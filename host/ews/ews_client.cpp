@@ -3,6 +3,7 @@
 #include "host/base/log.h"
 #include "host/ews/ews_batches.h"
 #include "host/ews/ews_params.h"
+#include "host/ews/ews_request_budget.h"
 #include "host/http/retry_policy.h"
 #include "host/ews/ews_transport_factory.h"
 
@@ -89,6 +90,16 @@ void nest(EWS_Folders& flat, const std::vector<std::string>& parent_ids, EWS_Fol
 }
 }  // namespace
 
+const char* const EWS_Client::graph_transport_name = "graph";
+
+std::string EWS_Client::graph_token_scope(const Office365_Auth_Entry& entry)
+{
+  std::string base = entry.ms_graph_endpoint;
+  while (!base.empty() && base.back() == '/')
+    base.pop_back();
+  return base + "/.default";
+}
+
 EWS_Client::EWS_Client() = default;
 
 EWS_Client::~EWS_Client() = default;
@@ -105,11 +116,20 @@ bool EWS_Client::init(const std::string& endpoint, const std::string& user, cons
   const std::string name = auth ? auth->get().transport : EWS_Transport_Factory::default_name;
   EWS_Transport_Settings settings;
   settings.endpoint = endpoint;
+  std::shared_ptr<Office365_Auth> tokens = auth;
+  if (auth && name == graph_transport_name)
+  {
+    // Graph's mailbox API lives at the tenant's Graph endpoint and takes a Graph
+    // token, whatever EWS endpoint and scope the caller knows the tenant by.
+    const Office365_Auth_Entry& entry = auth->get();
+    settings.endpoint = entry.ms_graph_endpoint;
+    tokens = std::make_shared<Office365_Auth>(entry, graph_token_scope(entry));
+  }
   std::unique_ptr<EWS_Transport> transport = EWS_Transport_Factory::create(name, settings);
   if (!transport)
     return false;
   transport_ = std::move(transport);
-  auth_ = auth;
+  auth_ = tokens;
   user_ = user;
   password_ = password;
   if (!auth_)
@@ -242,6 +262,33 @@ bool EWS_Client::try_smtp_form(const char* operation, const Host_Status& status)
   return true;
 }
 
+bool EWS_Client::within_request_budget(const char* operation)
+{
+  const EWS_Transport_Limits l = limits();
+  if (l.max_requests_per_window <= 0 || mailbox_.name.empty())
+    return true;
+  EWS_Request_Budget& budget =
+    EWS_Request_Budget::of(transport_->name(), l.max_requests_per_window, l.request_window_seconds);
+  for (;;)
+  {
+    const long long now =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+    const long wait = budget.take(mailbox_.name, now);
+    if (wait == 0)
+      return true;
+    LOG_MSG(LM_WARNING, "EWS %s for mailbox '%s' waits %q ms: the budget of %d requests per %d seconds is spent\n",
+            operation, mailbox_.name.c_str(), static_cast<ACE_INT64>(wait), l.max_requests_per_window,
+            l.request_window_seconds);
+    if (!sleep_unless_cancelled(wait))
+    {
+      last_status_ =
+        Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "cancelled while waiting for the request budget");
+      return false;
+    }
+  }
+}
+
 template <typename Attempt_T>
 bool EWS_Client::run(const char* operation, Attempt_T attempt)
 {
@@ -261,6 +308,8 @@ bool EWS_Client::run(const char* operation, Attempt_T attempt)
     if (cancelled())
       return fail(operation, cancelled_status);
     if (!refresh_credentials())
+      return fail(operation, last_status_);
+    if (!within_request_budget(operation))
       return fail(operation, last_status_);
     const Host_Status status = attempt();
     if (status.ok())
@@ -565,7 +614,11 @@ bool EWS_Client::export_items(EWS_Export_Requests& requests)
       mailboxes.push_back(mailbox);
     }
   }
-  const size_t wanted = std::min(static_cast<size_t>(EWS_Params::export_concurrency()), batches.size());
+  // The service's own limit on requests at once for a mailbox bounds the lanes.
+  int lanes = EWS_Params::export_concurrency();
+  if (l.max_concurrent_requests > 0)
+    lanes = std::min(lanes, l.max_concurrent_requests);
+  const size_t wanted = std::min(static_cast<size_t>(lanes), batches.size());
   const size_t siblings = wanted > 1 && transport_ ? ready_siblings(wanted - 1) : 0;
   bool all = true;
   if (siblings > 0)

@@ -72,13 +72,21 @@ typedef std::function<bool(const std::string& parent_id, size_t count, std::vect
 class EWS_Client
 {
 public:
+  // The name of the Microsoft Graph transport ("graph"). With it, init() ignores
+  // the endpoint and token scope it is given: requests go to the registration's
+  // ms_graph_endpoint with a token of graph_token_scope().
+  static const char* const graph_transport_name;
+  // "{ms_graph_endpoint}/.default".
+  static std::string graph_token_scope(const Office365_Auth_Entry& entry);
+
   EWS_Client();
   virtual ~EWS_Client();
   EWS_Client(const EWS_Client&) = delete;
   EWS_Client& operator=(const EWS_Client&) = delete;
 
   // Connects to `endpoint` (the service URL). With `auth`, requests carry its
-  // bearer token and go through the transport its registration names; without,
+  // bearer token and go through the transport its registration names (for
+  // "graph", see graph_transport_name); without,
   // `user` and `password` are sent as basic credentials over SOAP (on-premises
   // servers). A non-empty `mailbox` is impersonated. No request is made; false
   // (logged) for a bad endpoint, an unknown transport or missing credentials.
@@ -169,6 +177,10 @@ private:
   template <typename Attempt_T>
   bool run(const char* operation, Attempt_T attempt);
   bool refresh_credentials();
+  // Waits, when the transport's service limits requests per mailbox over a
+  // window, until the current mailbox may send one more (shared by every client
+  // of the process); false (last_status_ cancelled) when cancelled meanwhile.
+  bool within_request_budget(const char* operation);
   bool wait_or_fail(const char* operation, Retry_Policy& policy, const Host_Status& status);
   bool fail(const char* operation, const Host_Status& status);
   bool try_smtp_form(const char* operation, const Host_Status& status);

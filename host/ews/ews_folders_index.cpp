@@ -6,7 +6,7 @@
 
 using json = nlohmann::ordered_json;
 
-const int ews_folders_index_version = 1;
+const int ews_folders_index_version = 2;
 
 namespace
 {
@@ -153,10 +153,25 @@ public:
 };
 }  // namespace
 
-bool dump_ews_folders(const EWS_Folders& folders, std::string& text, const std::vector<std::string>& failed_items)
+namespace
+{
+// Version 2 names the transport that wrote the items; version 1 was always "ews".
+bool read_transport(const json& doc, std::string& transport, Reader& reader)
+{
+  const auto it = doc.find("transport");
+  if (it == doc.end() || !it->is_string() || (*it != "ews" && *it != "graph"))
+    return reader.fail("transport is missing or not \"ews\" or \"graph\"");
+  transport = it->get<std::string>();
+  return true;
+}
+}  // namespace
+
+bool dump_ews_folders(const EWS_Folders& folders, std::string& text, const std::vector<std::string>& failed_items,
+                      const std::string& transport)
 {
   json doc;
   doc["format_version"] = ews_folders_index_version;
+  doc["transport"] = transport;
   doc["folders"] = json::array();
   for (const EWS_Folder& f : folders)
     doc["folders"].push_back(folder_to_json(f));
@@ -168,8 +183,16 @@ bool dump_ews_folders(const EWS_Folders& folders, std::string& text, const std::
 bool load_ews_folders(const std::string& text, EWS_Folders& folders, std::vector<std::string>& failed_items,
                       std::string& error)
 {
+  std::string transport;
+  return load_ews_folders(text, folders, failed_items, transport, error);
+}
+
+bool load_ews_folders(const std::string& text, EWS_Folders& folders, std::vector<std::string>& failed_items,
+                      std::string& transport, std::string& error)
+{
   folders.clear();
   failed_items.clear();
+  transport = "ews";
   const json doc = json::parse(text, nullptr, false);
   Reader reader;
   long long version = 0;
@@ -179,8 +202,10 @@ bool load_ews_folders(const std::string& text, EWS_Folders& folders, std::vector
     reader.fail("not a JSON object (damaged or truncated)");
   else if (!reader.integer_at(doc, "format_version", "index", 0, INT32_MAX, version))
     ;
-  else if (version != ews_folders_index_version)
+  else if (version != 1 && version != ews_folders_index_version)
     reader.fail("unknown format version " + std::to_string(version));
+  else if (version >= 2 && !read_transport(doc, transport, reader))
+    ;
   else if (reader.array_at(doc, "folders", "index", list) && reader.array_at(doc, "failed_items", "index", failed) &&
            reader.folders(*list, "folders", 0, folders))
   {

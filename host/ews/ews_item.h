@@ -18,9 +18,10 @@ struct EWS_Item
   std::string subject;
   EWS_b64_Data data;
   EWS_Item_Type type = EWS_ITEM_TYPE_ITEM;
-  time_t ctime = 0;    // DateTimeCreated
-  time_t mtime = 0;    // LastModifiedTime
-  long long size = 0;  // item:Size in bytes as listed, 0 when the server gave none
+  std::string item_class;  // the message class ("IPM.Note") when the listing gave it
+  time_t ctime = 0;        // DateTimeCreated
+  time_t mtime = 0;        // LastModifiedTime
+  long long size = 0;      // item:Size in bytes as listed, 0 when the server gave none
 };
 
 typedef std::vector<EWS_Item> EWS_Items;

@@ -71,6 +71,13 @@ struct EWS_Transport_Limits
   int max_export_items = 100;       // item ids per export request
   int max_upload_items = 100;       // items per upload request
   long long max_request_bytes = 0;  // item bytes per export or upload request
+  // Requests the service takes at once for one mailbox (0: no limit of its
+  // own); the client keeps its concurrent exports within it.
+  int max_concurrent_requests = 0;
+  // Requests the service takes per mailbox within `request_window_seconds`
+  // (0: no budget of its own); the client waits rather than exceed it.
+  int max_requests_per_window = 0;
+  int request_window_seconds = 0;
 };
 
 // The result of uploading one item: its new id, or why it was refused.

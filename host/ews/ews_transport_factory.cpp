@@ -1,6 +1,7 @@
 #include "host/ews/ews_transport_factory.h"
 
 #include "host/base/log.h"
+#include "host/ews/ews_graph_transport.h"
 #include "host/ews/ews_soap_transport.h"
 #include "host/http/http_session_factory.h"
 #include "host/http/uri_parser.h"
@@ -31,10 +32,37 @@ std::unique_ptr<EWS_Transport> make_soap(const EWS_Transport_Settings& settings)
   return std::unique_ptr<EWS_Transport>(transport.release());
 }
 
+// Makes a Graph transport and its siblings, which share what they learn of the
+// mailboxes (ids, import sessions).
+std::unique_ptr<EWS_Transport> make_graph_sharing(const EWS_Transport_Settings& settings,
+                                                  const std::shared_ptr<EWS_Graph_Mailbox_Cache>& cache)
+{
+  URI uri;
+  if (!URI_Parser::parse(settings.endpoint.c_str(), uri))
+  {
+    LOG_MSG(LM_ERROR, "Invalid Microsoft Graph endpoint '%s'\n", settings.endpoint.c_str());
+    return nullptr;
+  }
+  HTTP_Session_Ptr session = HTTP_Session_Factory::create(uri.host(false), uri.port(), uri.is_ssl(),
+                                                          settings.connect_timeout, settings.transfer_timeout);
+  if (!session)
+    return nullptr;
+  std::unique_ptr<EWS_Graph_Transport> transport(
+    new EWS_Graph_Transport(session, uri.path(), cache, settings.transfer_timeout));
+  transport->set_sibling_maker([settings, cache] { return make_graph_sharing(settings, cache); });
+  return std::unique_ptr<EWS_Transport>(transport.release());
+}
+
+std::unique_ptr<EWS_Transport> make_graph(const EWS_Transport_Settings& settings)
+{
+  return make_graph_sharing(settings, std::make_shared<EWS_Graph_Mailbox_Cache>());
+}
+
 struct Registry
 {
   std::mutex lock;
-  std::map<std::string, EWS_Transport_Factory::Maker> makers{{EWS_Transport_Factory::default_name, make_soap}};
+  std::map<std::string, EWS_Transport_Factory::Maker> makers{{EWS_Transport_Factory::default_name, make_soap},
+                                                             {"graph", make_graph}};
 };
 
 Registry& registry()

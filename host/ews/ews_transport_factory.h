@@ -11,13 +11,14 @@
 // What a transport needs to reach its service.
 struct EWS_Transport_Settings
 {
-  std::string endpoint;        // the service URL (for SOAP the EWS URL)
+  std::string endpoint;        // the service URL (for SOAP the EWS URL, for Graph the Graph endpoint)
   int connect_timeout = 120;   // seconds
   int transfer_timeout = 300;  // seconds for a request carrying no item data
 };
 
-// Makes transports by name. "ews" (EWS over SOAP) is always known; other
-// transports register a maker under their own name. Thread-safe.
+// Makes transports by name. "ews" (EWS over SOAP) is always known, and so is
+// "graph" (Microsoft Graph's mailbox import/export API); other transports
+// register a maker under their own name. Thread-safe.
 class EWS_Transport_Factory
 {
 public:

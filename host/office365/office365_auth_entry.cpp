@@ -56,5 +56,5 @@ nlohmann::ordered_json Office365_Auth_Entry::to_json(bool with_secret) const
 bool Office365_Auth_Entry::known_transport(const std::string& name)
 {
   // The EWS client's transport factory makes each of these.
-  return name == "ews";
+  return name == "ews" || name == "graph";
 }

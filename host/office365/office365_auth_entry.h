@@ -18,7 +18,8 @@ struct Office365_Auth_Entry
   std::string client_id;
   std::string client_secret;
   // The EWS client's transport for this tenant: "ews" (EWS over SOAP, the
-  // default). An older registry without the key means "ews".
+  // default) or "graph" (Microsoft Graph's mailbox import/export API, with a
+  // token for ms_graph_endpoint). An older registry without the key means "ews".
   std::string transport = "ews";
 
   // Reads the registration from an object whose keys are the field names. Every

@@ -267,6 +267,7 @@ bool Exchange_Backup_Job_Executor::ews_backup()
       return false;
     }
     auth = std::make_shared<Office365_Auth>(entry, ews_default_scope(entry.ews_endpoint));
+    transport_ = entry.transport;
   }
 
   if (!get_last_instance_info())
@@ -374,6 +375,7 @@ bool Exchange_Backup_Job_Executor::make_ews_backup_set(const std::vector<std::st
   record.minor_resource_id = def_.id();
   record.host_uuid = def_.host_id();
   record.backup_method = method_to_name(EXCHANGE_BACKUP_METHOD_EWS);
+  record.transport = transport_;
   record.pool_uuid = tgt_.id();
   record.device_uuid = tgt_.device_id();
   record.uri = backup_uri_;

@@ -64,6 +64,7 @@ private:
 
   int last_rev_;
   std::string backup_uri_;
+  std::string transport_ = "ews";  // the registration's EWS client transport
   Instance_Backup_Entries entries_;
 };
 

@@ -68,6 +68,11 @@ bool Exchange_Restore_Job_Executor::execute_i(const Action_Options*)
 
 bool Exchange_Restore_Job_Executor::read_record(const nlohmann::ordered_json& record, std::string& error)
 {
+  // Sets written before the Graph transport existed were all exported over EWS.
+  backup_transport_ = "ews";
+  const auto transport = record.find("transport");
+  if (transport != record.end() && transport->is_string())
+    backup_transport_ = transport->get<std::string>();
   return read_json_string(record, "backup_method", backup_method_, error) &&
          read_json_string(record, "pool_uuid", pool_uuid_, error) && read_json_string(record, "uri", uri_, error) &&
          read_json_string(record, "host_uuid", backup_host_id_, error) &&
@@ -166,6 +171,21 @@ bool Exchange_Restore_Job_Executor::ews_restore(const Exchange_Restore_Input& in
       return false;
     }
     auth = std::make_shared<Office365_Auth>(entry, ews_default_scope(entry.ews_endpoint));
+  }
+  // Exported data of one API is not uploaded through the other: Microsoft does
+  // not document the two streams as interchangeable.
+  const std::string transport = auth ? auth->get().transport : "ews";
+  if (transport != backup_transport_)
+  {
+    LOG_MSG(LM_ERROR,
+            "Cannot restore backup set %s: its items were exported over the '%s' transport and this tenant "
+            "registration uses the '%s' transport; items of one transport are never uploaded through the other. "
+            "Restore it through a registration whose transport is '%s'.\n",
+            src_->catalog_id().c_str(), backup_transport_.c_str(), transport.c_str(), backup_transport_.c_str());
+    const std::string why =
+      "the set was written over the '" + backup_transport_ + "' transport, the registration uses '" + transport + "'";
+    act_.set_message(why.c_str());
+    return false;
   }
 
   EWS_Restore_Context_Ptr ctx(new (std::nothrow) EWS_Restore_Context());

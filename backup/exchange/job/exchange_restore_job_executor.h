@@ -51,6 +51,7 @@ public:
                           std::string& error);
 
   const std::string& backup_method() const { return backup_method_; }
+  const std::string& backup_transport() const { return backup_transport_; }
   const std::string& pool_uuid() const { return pool_uuid_; }
   const std::string& uri() const { return uri_; }
   const std::string& backup_host_id() const { return backup_host_id_; }
@@ -68,6 +69,7 @@ private:
   bool read_record(const nlohmann::ordered_json& record, std::string& error);
 
   std::string backup_method_;
+  std::string backup_transport_;  // the record's "transport"; "ews" when it has none
   std::string pool_uuid_;
   std::string uri_;
   std::string backup_host_id_;

@@ -272,7 +272,7 @@ TEST_F(AgentTenant, RefusesBadRequestsWithClearErrors)
      64,
      "the tenant email 'admin' is not a mail address"},
     {add_args({"--uuid", "1234"}), 64, "--uuid '1234' is not a uuid"},
-    {add_args({"--transport", "soap"}), 64, "unknown transport 'soap'; the known one is ews"},
+    {add_args({"--transport", "soap"}), 64, "unknown transport 'soap'; the known ones are ews and graph"},
     {add_args({"--login-endpoint", "http://login.example.com"}), 64,
      "the login endpoint 'http://login.example.com' must use https (plain http only on loopback)"},
     {add_args({"--graph-endpoint", "graph.microsoft.com"}), 64,

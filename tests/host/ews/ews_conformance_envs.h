@@ -8,6 +8,7 @@
 
 #include "ews_fake_service.h"
 #include "ews_fake_transport.h"
+#include "ews_scripted_graph.h"
 #include "ews_scripted_soap.h"
 
 #include "host/ews/ews_transport_factory.h"
@@ -78,6 +79,33 @@ struct Soap_On_Exo_Sim
     return true;
   }
   bool damage_item(const std::string&) { return false; }
+  // Whether the service finds a mailbox by an SMTP address; empty when it does,
+  // else why not.
+  std::string address_lookup_gap() const { return ""; }
+};
+
+// The Graph transport against the simulator's Graph mailbox API.
+struct Graph_On_Exo_Sim : Soap_On_Exo_Sim
+{
+  std::unique_ptr<EWS_Transport> transport()
+  {
+    EWS_Transport_Settings settings;
+    settings.endpoint = sim.entry().ms_graph_endpoint;
+    std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("graph", settings);
+    EWS_Credentials c;
+    if (t && auth->get_token(c.bearer_token))
+      t->set_credentials(c);
+    return t;
+  }
+  // Graph's Retry-After is in whole seconds.
+  void throttle(long back_off_ms)
+  {
+    sim.set_faults({{"graph_429_rate", 1.0}, {"retry_after", (back_off_ms + 999) / 1000}});
+  }
+  void calm() { sim.set_faults({{"graph_429_rate", 0.0}}); }
+  // Graph finds a user by address with /users?$filter=mail eq '…' or
+  // proxyAddresses/any(…), which the simulator's users listing does not take.
+  std::string address_lookup_gap() const { return "exo-sim's GET /v1.0/users does not implement $filter"; }
 };
 
 // The part the two environments over Ews_Fake_Service share.
@@ -111,6 +139,7 @@ struct Fake_Service_Env
     service->damaged.insert(id);
     return true;
   }
+  std::string address_lookup_gap() const { return ""; }
 };
 
 // The SOAP transport against a scripted server answering in Microsoft's sample style.
@@ -124,6 +153,25 @@ struct Soap_On_Scripted_Server : Fake_Service_Env
     EWS_Transport_Settings settings;
     settings.endpoint = server.url("/EWS/Exchange.asmx");
     std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("ews", settings);
+    EWS_Credentials c;
+    c.bearer_token = "scripted";
+    if (t)
+      t->set_credentials(c);
+    return t;
+  }
+};
+
+// The Graph transport against a scripted server answering in the shapes of
+// Microsoft's Graph v1.0 reference.
+struct Graph_On_Scripted_Server : Fake_Service_Env
+{
+  Ews_Scripted_Graph graph{service};
+
+  std::unique_ptr<EWS_Transport> transport()
+  {
+    EWS_Transport_Settings settings;
+    settings.endpoint = graph.graph_url();
+    std::unique_ptr<EWS_Transport> t = EWS_Transport_Factory::create("graph", settings);
     EWS_Credentials c;
     c.bearer_token = "scripted";
     if (t)

@@ -26,6 +26,7 @@ public:
   void set_credentials(const EWS_Credentials&) override {}
   void set_cancel_check(const EWS_Cancel_Check&) override {}
   bool is_unknown_mailbox(const Host_Status& status) const override { return status.code == "ErrorNonExistentMailbox"; }
+  bool is_folder_exists(const Host_Status& status) const override { return status.code == "ErrorFolderExists"; }
 
   Host_Status find_folders(const EWS_Folder_Ref& parent, bool deep, const EWS_Page_Cursor& at, int max,
                            EWS_Folder_Page& page) override;

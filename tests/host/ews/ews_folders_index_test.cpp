@@ -46,7 +46,8 @@ TEST(EwsFoldersIndex, RoundTripsTheWholeTreeAndFailedItems)
   std::string text;
   ASSERT_TRUE(dump_ews_folders(sample_tree(), text, {"X1", "X2"}));
   EXPECT_EQ(text.find("blob"), std::string::npos);
-  EXPECT_NE(text.find("\"format_version\":1"), std::string::npos);
+  EXPECT_NE(text.find("\"format_version\":2"), std::string::npos);
+  EXPECT_NE(text.find("\"transport\":\"ews\""), std::string::npos);
 
   EWS_Folders loaded;
   std::vector<std::string> failed;
@@ -86,7 +87,9 @@ TEST(EwsFoldersIndex, RejectsDamagedTruncatedAndForeignTexts)
     EXPECT_TRUE(loaded.empty());
   }
   const std::pair<const char*, const char*> damaged[] = {
-    {"{\"format_version\":2,\"folders\":[],\"failed_items\":[]}", "unknown format version 2"},
+    {"{\"format_version\":3,\"folders\":[],\"failed_items\":[]}", "unknown format version 3"},
+    {"{\"format_version\":2,\"folders\":[],\"failed_items\":[]}", "transport is missing"},
+    {"{\"format_version\":2,\"transport\":\"imap\",\"folders\":[],\"failed_items\":[]}", "transport is missing"},
     {"{\"folders\":[],\"failed_items\":[]}", "format_version"},
     {"{\"format_version\":1,\"failed_items\":[]}", "index.folders"},
     {"{\"format_version\":1,\"folders\":[],\"failed_items\":[1]}", "failed_items[0]"},
@@ -148,4 +151,21 @@ TEST(EwsFolder, CountsSubfoldersOnlyWhenTheAnswerGivesACount)
     EXPECT_FALSE(f.subfolders_counted) << unknown;
     EXPECT_EQ(f.id, "F");
   }
+}
+
+TEST(EwsFoldersIndex, NamesTheTransportThatWroteTheItems)
+{
+  std::string text;
+  ASSERT_TRUE(dump_ews_folders(sample_tree(), text, {}, "graph"));
+  EWS_Folders loaded;
+  std::vector<std::string> failed;
+  std::string transport, error;
+  ASSERT_TRUE(load_ews_folders(text, loaded, failed, transport, error)) << error;
+  EXPECT_EQ(transport, "graph");
+  EXPECT_EQ(loaded.size(), 2u);
+  // An index written before transports were named was written over EWS.
+  ASSERT_TRUE(
+    load_ews_folders("{\"format_version\":1,\"folders\":[],\"failed_items\":[]}", loaded, failed, transport, error))
+    << error;
+  EXPECT_EQ(transport, "ews");
 }

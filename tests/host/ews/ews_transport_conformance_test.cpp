@@ -49,7 +49,9 @@ protected:
   std::unique_ptr<EWS_Transport> transport_;
 };
 
-typedef ::testing::Types<Soap_On_Exo_Sim, Soap_On_Scripted_Server, Fake_Transport_Env> Ews_Transports;
+typedef ::testing::Types<Soap_On_Exo_Sim, Soap_On_Scripted_Server, Graph_On_Exo_Sim, Graph_On_Scripted_Server,
+                         Fake_Transport_Env>
+  Ews_Transports;
 TYPED_TEST_SUITE(EwsTransportConformance, Ews_Transports);
 
 TYPED_TEST(EwsTransportConformance, DeclaresItsNameAndLimits)
@@ -89,9 +91,20 @@ TYPED_TEST(EwsTransportConformance, ListsFoldersPageByPageWithTheCursor)
   for (size_t i = 0; i < paged.size(); ++i)
     EXPECT_EQ(paged[i].id, whole.folders[i].id);
 
-  // A deep listing names each folder's parent: the Inbox's children point at it.
+  // A deep listing, followed page by page (a transport may walk the tree one
+  // request per page), names each folder's parent: the Inbox's children point at it.
   EWS_Folder_Page deep;
-  ASSERT_TRUE(t->find_folders(root, true, EWS_Page_Cursor(), 1000, deep).ok());
+  at = EWS_Page_Cursor();
+  for (int pages = 0; pages < 100; ++pages)
+  {
+    EWS_Folder_Page page;
+    ASSERT_TRUE(t->find_folders(root, true, at, 1000, page).ok());
+    deep.folders.insert(deep.folders.end(), page.folders.begin(), page.folders.end());
+    deep.parent_ids.insert(deep.parent_ids.end(), page.parent_ids.begin(), page.parent_ids.end());
+    if (page.last)
+      break;
+    at = page.next;
+  }
   EXPECT_GT(deep.folders.size(), whole.folders.size());
   ASSERT_EQ(deep.parent_ids.size(), deep.folders.size());
   std::string inbox;
@@ -196,7 +209,8 @@ TYPED_TEST(EwsTransportConformance, CreatesFoldersAndUploadsItemsThatExportTheSa
   again.display_name = "Restored";
   const Host_Status duplicate = t->create_folder(root, again);
   EXPECT_EQ(duplicate.kind, HOST_STATUS_PERMANENT);
-  EXPECT_EQ(duplicate.code, "ErrorFolderExists");
+  EXPECT_TRUE(t->is_folder_exists(duplicate)) << duplicate.text();
+  EXPECT_FALSE(t->is_folder_exists(Host_Status::make(HOST_STATUS_PERMANENT, "ErrorFolderNotFound", "")));
 
   const ustring a = Ews_Fake_Service::make_data("a", 3000);
   const ustring b = Ews_Fake_Service::make_data("b", 1);
@@ -227,8 +241,15 @@ TYPED_TEST(EwsTransportConformance, ReportsThrottlingWithTheSuggestedWait)
   const Host_Status s = t->find_folders(root, false, EWS_Page_Cursor(), 10, page);
   this->env.calm();
   EXPECT_EQ(s.kind, HOST_STATUS_THROTTLED) << s.text();
-  EXPECT_EQ(s.code, "ErrorServerBusy");
-  EXPECT_EQ(s.retry_after_ms, 4321);
+  EXPECT_FALSE(s.code.empty());
+  // EWS gives the wait in milliseconds; Graph's Retry-After in whole seconds.
+  if (std::string(t->name()) == "graph")
+    EXPECT_EQ(s.retry_after_ms, 5000);
+  else
+  {
+    EXPECT_EQ(s.code, "ErrorServerBusy");
+    EXPECT_EQ(s.retry_after_ms, 4321);
+  }
   EXPECT_EQ(s.message.find('\n'), std::string::npos) << s.message;  // trimmed
   ASSERT_FALSE(s.message.empty());
   EXPECT_NE(s.message.front(), ' ');
@@ -242,8 +263,6 @@ TYPED_TEST(EwsTransportConformance, NamesMailboxesByPrincipalNameOrSmtpAddress)
   EWS_Folder_Page page;
   auto by_upn = this->acting_for(names.upn, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(by_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
-  auto by_smtp = this->acting_for(names.smtp, EWS_MAILBOX_SMTP_ADDRESS);
-  EXPECT_TRUE(by_smtp->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
 
   auto nobody = this->acting_for("nobody@nowhere.test", EWS_MAILBOX_PRINCIPAL_NAME);
   const Host_Status unknown = nobody->find_folders(root, false, EWS_Page_Cursor(), 10, page);
@@ -252,10 +271,15 @@ TYPED_TEST(EwsTransportConformance, NamesMailboxesByPrincipalNameOrSmtpAddress)
 
   // A proxy address is an SMTP address, not a user principal name; nor is the
   // primary SMTP address of a user whose principal name differs.
-  auto proxy = this->acting_for(names.proxy, EWS_MAILBOX_SMTP_ADDRESS);
-  EXPECT_TRUE(proxy->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
   auto proxy_as_upn = this->acting_for(names.proxy, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(proxy_as_upn->is_unknown_mailbox(proxy_as_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page)));
   auto smtp_as_upn = this->acting_for(names.smtp, EWS_MAILBOX_PRINCIPAL_NAME);
   EXPECT_TRUE(smtp_as_upn->is_unknown_mailbox(smtp_as_upn->find_folders(root, false, EWS_Page_Cursor(), 10, page)));
+
+  if (!this->env.address_lookup_gap().empty())
+    GTEST_SKIP() << this->env.address_lookup_gap();
+  auto by_smtp = this->acting_for(names.smtp, EWS_MAILBOX_SMTP_ADDRESS);
+  EXPECT_TRUE(by_smtp->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
+  auto proxy = this->acting_for(names.proxy, EWS_MAILBOX_SMTP_ADDRESS);
+  EXPECT_TRUE(proxy->find_folders(root, false, EWS_Page_Cursor(), 10, page).ok());
 }

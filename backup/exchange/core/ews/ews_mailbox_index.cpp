@@ -10,7 +10,8 @@ bool write_mailbox_index(EWS_Backup_Context& ctx, Client_IO_Ex& channel, const s
                          const EWS_Folders& folders, const std::vector<std::string>& failed_items)
 {
   std::string text;
-  if (!dump_ews_folders(folders, text, failed_items))
+  const std::string transport = ctx.auth() ? ctx.auth()->get().transport : "ews";
+  if (!dump_ews_folders(folders, text, failed_items, transport))
     return false;
   if (!channel.is_open() && !create_io_channel(ctx.pool_uuid(), ctx.uri(), 0, channel, ctx.retry_seconds()))
     return false;

@@ -218,6 +218,7 @@ TEST(ExchangeBackupExecutor, BacksUpMailboxesNumbersSetsAndPostsTheRecord)
     ASSERT_TRUE(record.from_json(result["rows"][0], error)) << error;
     EXPECT_EQ(record.rev, run);
     EXPECT_EQ(record.backup_method, "ews");
+    EXPECT_EQ(record.transport, "ews");
     EXPECT_EQ(record.uri, "host-1/nightly");
     EXPECT_EQ(record.resource_uuid, tenant_uuid);
     EXPECT_EQ(record.agent, "backup.exchange.linux-x86");

@@ -72,10 +72,13 @@ private:
   Scripted_Server server_;
 };
 
-std::string record(const std::string& method, const std::string& uri, bool channels = true)
+std::string record(const std::string& method, const std::string& uri, bool channels = true,
+                   const std::string& transport = "")
 {
-  return R"({"total":1,"rows":[{"uuid":"set-1","backup_method":")" + method + R"(","pool_uuid":"pool-1","uri":")" +
-         uri + R"(","host_uuid":"host-1","rev":3,"agent":"backup.exchange.linux-x86",)" +
+  return R"({"total":1,"rows":[{"uuid":"set-1",)" +
+         (transport.empty() ? std::string() : R"("transport":")" + transport + R"(",)") + R"("backup_method":")" +
+         method + R"(","pool_uuid":"pool-1","uri":")" + uri +
+         R"(","host_uuid":"host-1","rev":3,"agent":"backup.exchange.linux-x86",)" +
          (channels ? R"("channels":2,)" : "") + R"("minor_resource_id":"nightly"}]})";
 }
 }  // namespace
@@ -97,11 +100,24 @@ TEST(ExchangeRestoreJobExecutor, ReadsTheSetRecordAndBuildsTheStorageLocation)
     EXPECT_EQ(executor.backup_rev(), 3);
     EXPECT_EQ(executor.backup_channels(), 2);
     EXPECT_EQ(executor.backup_minor_resource_id(), "nightly");
+    // A record written before transports were recorded was written over EWS.
+    EXPECT_EQ(executor.backup_transport(), "ews");
     const std::vector<std::string> targets = catalog.targets();
     ASSERT_FALSE(targets.empty());
     EXPECT_EQ(targets[0],
               std::string("/d2/r/v2/sets/restore/sets?module=exchange&resource_uuid=") + tenant_uuid + "&uuid=set-1");
   }
+}
+
+TEST(ExchangeRestoreJobExecutor, ReadsTheTransportThatWroteTheSet)
+{
+  Scripted_Catalog catalog(record("ews", "host-1/nightly", true, "graph"));
+  Plain_Job job(restore_definition());
+  Exchange_Restore_Job_Executor executor(job);
+  Exchange_Restore_Input input;
+  std::string error;
+  ASSERT_TRUE(executor.get_backupset_info(tenant_uuid, "set-1", input, error)) << error;
+  EXPECT_EQ(executor.backup_transport(), "graph");
 }
 
 TEST(ExchangeRestoreJobExecutor, RefusesRecordsItCannotRestore)
