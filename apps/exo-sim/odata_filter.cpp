@@ -3,19 +3,13 @@
 #include <cstdlib>
 #include <regex>
 
+#include "apps/exo-sim/ascii_case.h"
+
 namespace exo_sim
 {
 
 namespace
 {
-
-std::string lower(std::string s)
-{
-  for (auto& c : s)
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  return s;
-}
 
 // "2021-08-21" -> "2021-08-21T00:00:00Z"; "2021-08-21T10:00:00Z" and "...T10:00Z" likewise; false
 // for anything else.
@@ -62,9 +56,9 @@ bool Odata_Filter::parse(const std::string& text, const std::vector<std::string>
     if (!std::regex_match(part, m, clause_re))
       return false;
     Clause c;
-    c.op = lower(m[2].str());
+    c.op = ascii_lower(m[2].str());
     for (const auto& p : properties)
-      if (lower(p) == lower(m[1].str()))
+      if (ascii_lower(p) == ascii_lower(m[1].str()))
         c.property = p;
     if (c.property.empty())
     {
@@ -103,7 +97,7 @@ bool Odata_Filter::matches(const nlohmann::ordered_json& entity) const
     if (c.is_number)
       ok = v.is_number() && compare_T(v.get<double>(), c.op, c.number);
     else if (c.is_string)
-      ok = v.is_string() && compare_T(lower(v.get<std::string>()), c.op, lower(c.text));
+      ok = v.is_string() && compare_T(ascii_lower(v.get<std::string>()), c.op, ascii_lower(c.text));
     else  // a date: UTC ISO 8601 strings of one shape order as their times do
       ok = v.is_string() && compare_T(v.get<std::string>(), c.op, c.text);
     if (!ok)
