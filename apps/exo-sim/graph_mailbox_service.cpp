@@ -185,9 +185,9 @@ nlohmann::ordered_json apply_select(const nlohmann::ordered_json& object, const 
   for (auto it = object.begin(); it != object.end(); ++it)
   {
     const std::string& key = it.key();
-    bool wanted =
-      key == "id" || key == "parentMailboxUrl" || key.rfind("@odata.", 0) == 0 ||
-      std::any_of(select.begin(), select.end(), [&](const std::string& s) { return ascii_lower(s) == ascii_lower(key); });
+    bool wanted = key == "id" || key == "parentMailboxUrl" || key.rfind("@odata.", 0) == 0 ||
+                  std::any_of(select.begin(), select.end(),
+                              [&](const std::string& s) { return ascii_lower(s) == ascii_lower(key); });
     if (wanted)
       out[key] = it.value();
   }
