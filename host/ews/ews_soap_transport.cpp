@@ -362,9 +362,10 @@ Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Reques
   if (cancelled)
     return Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the export was cancelled while it arrived");
   if (!sent)
-    return stream.answered() > 0 ? malformed_answer("ExportItems answer broke off after " + std::to_string(stream.answered()) +
-                                             " of " + std::to_string(requests.size()) + " items: " + session_->error())
-                                 : http_transport_status(*session_);
+    return stream.answered() > 0
+             ? malformed_answer("ExportItems answer broke off after " + std::to_string(stream.answered()) + " of " +
+                                std::to_string(requests.size()) + " items: " + session_->error())
+             : http_transport_status(*session_);
   if (response.status() != 200)
   {
     pugi::xml_document answer;
@@ -375,7 +376,7 @@ Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Reques
   // for the items it did not reach.
   if (!stream.finish() || stream.answered() != requests.size())
     return malformed_answer("ExportItems answer cut after " + std::to_string(stream.answered()) + " of " +
-                     std::to_string(requests.size()) + " items");
+                            std::to_string(requests.size()) + " items");
   return Host_Status();
 }
 
