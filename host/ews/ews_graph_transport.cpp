@@ -118,15 +118,7 @@ EWS_Graph_Transport::EWS_Graph_Transport(const HTTP_Session_Ptr& session, const 
 
 std::unique_ptr<EWS_Transport> EWS_Graph_Transport::make_sibling() const
 {
-  if (!sibling_maker_)
-    return nullptr;
-  std::unique_ptr<EWS_Transport> sibling = sibling_maker_();
-  if (sibling)
-  {
-    sibling->set_mailbox(mailbox_);
-    sibling->set_credentials(credentials_);
-  }
-  return sibling;
+  return make_sibling_with(sibling_maker_, mailbox_, credentials_);
 }
 
 EWS_Transport_Limits EWS_Graph_Transport::limits() const

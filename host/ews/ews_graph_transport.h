@@ -39,7 +39,6 @@ public:
   EWS_Graph_Transport(const HTTP_Session_Ptr& session, const std::string& base_path,
                       const std::shared_ptr<EWS_Graph_Mailbox_Cache>& cache, int transfer_timeout = 300);
 
-  typedef std::function<std::unique_ptr<EWS_Transport>()> Sibling_Maker;
   void set_sibling_maker(const Sibling_Maker& maker) { sibling_maker_ = maker; }
 
   const char* name() const override { return "graph"; }

@@ -92,15 +92,7 @@ EWS_Soap_Transport::EWS_Soap_Transport(const HTTP_Session_Ptr& session, const st
 
 std::unique_ptr<EWS_Transport> EWS_Soap_Transport::make_sibling() const
 {
-  if (!sibling_maker_)
-    return nullptr;
-  std::unique_ptr<EWS_Transport> sibling = sibling_maker_();
-  if (sibling)
-  {
-    sibling->set_mailbox(mailbox_);
-    sibling->set_credentials(credentials_);
-  }
-  return sibling;
+  return make_sibling_with(sibling_maker_, mailbox_, credentials_);
 }
 
 EWS_Transport_Limits EWS_Soap_Transport::limits() const

@@ -30,7 +30,6 @@ public:
 
   // Makes a fresh transport to the same service (EWS_Transport_Factory sets it
   // to its own maker); without one, make_sibling() returns null.
-  typedef std::function<std::unique_ptr<EWS_Transport>()> Sibling_Maker;
   void set_sibling_maker(const Sibling_Maker& maker) { sibling_maker_ = maker; }
 
   const char* name() const override { return "ews"; }

@@ -119,6 +119,20 @@ public:
   // one's on another thread. Null when the transport cannot make one; its client
   // then sends one request at a time.
   virtual std::unique_ptr<EWS_Transport> make_sibling() const { return nullptr; }
+  // Makes a new transport of a sibling with `maker` (null when there is none)
+  // and hands it the same mailbox and credentials.
+  typedef std::function<std::unique_ptr<EWS_Transport>()> Sibling_Maker;
+  static std::unique_ptr<EWS_Transport> make_sibling_with(const Sibling_Maker& maker, const EWS_Mailbox& mailbox,
+                                                          const EWS_Credentials& credentials)
+  {
+    std::unique_ptr<EWS_Transport> sibling = maker ? maker() : nullptr;
+    if (sibling)
+    {
+      sibling->set_mailbox(mailbox);
+      sibling->set_credentials(credentials);
+    }
+    return sibling;
+  }
 
   virtual void set_mailbox(const EWS_Mailbox& mailbox) = 0;
   virtual void set_credentials(const EWS_Credentials& credentials) = 0;
