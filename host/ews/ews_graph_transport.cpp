@@ -520,8 +520,8 @@ Host_Status EWS_Graph_Transport::export_items(const std::vector<EWS_Export_Reque
     }
   }
   if (answered < requests.size())
-    return graph_malformed("exportItems answered " + std::to_string(answered) + " of " + std::to_string(requests.size()) +
-                     " items");
+    return graph_malformed("exportItems answered " + std::to_string(answered) + " of " +
+                           std::to_string(requests.size()) + " items");
   return Host_Status();
 }
 
