@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "apps/exo-sim/ascii_case.h"
+#include "apps/exo-sim/url_encode.h"
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/graph_ids.h"
 #include "apps/exo-sim/graph_service.h"
@@ -49,26 +50,6 @@ std::vector<std::string> split_path(const std::string& s)
   }
   if (!out.empty() && out.back().empty())
     out.pop_back();  // a trailing slash
-  return out;
-}
-
-std::string percent_encode(const std::string& s)
-{
-  static const char hex[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : s)
-  {
-    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
-                 c == '.' || c == '~' || c == ',';
-    if (plain)
-    {
-      out += char(c);
-      continue;
-    }
-    out += '%';
-    out += hex[c >> 4];
-    out += hex[c & 15];
-  }
   return out;
 }
 
@@ -228,7 +209,7 @@ std::string next_link(const Graph_Mailbox_Request& request, const std::string& p
 {
   std::string link = "http://" + request.host + path + "?";
   for (const auto& kv : p.carried)
-    link += percent_encode(kv.first) + "=" + percent_encode(kv.second) + "&";
+    link += url_encode(kv.first, ",") + "=" + url_encode(kv.second, ",") + "&";
   return link + "%24skip=" + std::to_string(skip);
 }
 
@@ -334,7 +315,7 @@ Sim_Reply Graph_Mailbox_Service::settings_call(const Graph_Mailbox_Request& requ
                    "present.");
   nlohmann::ordered_json j;
   j["@odata.context"] =
-    std::string(k_graph_root) + "$metadata#users('" + percent_encode(user) + "')/settings/exchange/$entity";
+    std::string(k_graph_root) + "$metadata#users('" + url_encode(user, ",") + "')/settings/exchange/$entity";
   j["primaryMailboxId"] = mailbox_id(m);
   Sim_Reply r;
   r.body = j.dump();

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "apps/exo-sim/ascii_case.h"
+#include "apps/exo-sim/url_encode.h"
 #include "apps/exo-sim/base64_codec.h"
 #include "apps/exo-sim/odata_filter.h"
 #include "apps/exo-sim/sim_hash.h"
@@ -36,26 +37,6 @@ std::vector<std::string> split(const std::string& s, const std::string& sep)
     if (at == std::string::npos)
       break;
     pos = at + sep.size();
-  }
-  return out;
-}
-
-std::string link_encode(const std::string& s)
-{
-  static const char hex[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : s)
-  {
-    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~' || c == '$' || c == ',' || c == ':')
-    {
-      out += char(c);
-    }
-    else
-    {
-      out += '%';
-      out += hex[c >> 4];
-      out += hex[c & 15];
-    }
   }
   return out;
 }
@@ -333,9 +314,9 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   {
     std::string link = "http://" + request.host + "/v1.0/users?";
     for (const auto& kv : carried)
-      link += link_encode(kv.first) + "=" + link_encode(kv.second) + "&";
+      link += url_encode(kv.first, "$,:") + "=" + url_encode(kv.second, "$,:") + "&";
     std::string token = base64_encode(k_token_prefix + std::to_string(end) + ":" + std::to_string(bind));
-    link += "$skiptoken=" + link_encode(token);
+    link += "$skiptoken=" + url_encode(token, "$,:");
     out["@odata.nextLink"] = link;
   }
   out["value"] = nlohmann::ordered_json::array();

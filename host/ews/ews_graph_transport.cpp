@@ -20,11 +20,6 @@ namespace
 // The prefix of a deep listing's place in a cursor (a walk, not a Graph link).
 const char* const walk_prefix = "walk:";
 
-Host_Status graph_malformed(const std::string& what)
-{
-  return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", what);
-}
-
 std::string segment(const std::string& text)
 {
   std::string out;
@@ -214,7 +209,7 @@ Host_Status EWS_Graph_Transport::call(HTTP_Session& session, HTTP_Request& http,
   {
     // The service answered 2xx: it acted on the request.
     outcome_unknown_ = true;
-    return graph_malformed("an answer that is not a JSON object");
+    return malformed_answer("an answer that is not a JSON object");
   }
   return Host_Status();
 }
@@ -269,7 +264,7 @@ Host_Status EWS_Graph_Transport::resolve_mailbox(std::string& id)
       return found;
     const nlohmann::ordered_json* value = array_of(answer, "value");
     if (value == nullptr)
-      return graph_malformed("a users answer without a \"value\" array");
+      return malformed_answer("a users answer without a \"value\" array");
     if (value->empty() || !(*value)[0].is_object() || !(*value)[0].value("id", "").size())
       return Host_Status::make(HOST_STATUS_PERMANENT, EWS_Graph_Status::unknown_mailbox,
                                "no user has the SMTP address '" + mailbox_.name + "'");
@@ -335,7 +330,7 @@ Host_Status EWS_Graph_Transport::list_page(const std::string& path, const std::s
   if (!status.ok())
     return status;
   if (array_of(answer, "value") == nullptr)
-    return graph_malformed("a listing answer without a \"value\" array");
+    return malformed_answer("a listing answer without a \"value\" array");
   next_link = next_link_of(answer);
   return status;
 }
@@ -359,7 +354,7 @@ Host_Status EWS_Graph_Transport::find_folders(const EWS_Folder_Ref& parent, bool
     EWS_Folder folder;
     std::string parent_id;
     if (!EWS_Graph_Shapes::read_folder(json, folder, parent_id))
-      return graph_malformed("a folder without an id");
+      return malformed_answer("a folder without an id");
     if (page.folders.size() == static_cast<size_t>(max))
     {
       // A next link asked for more than this call wants: the rest is read
@@ -401,7 +396,7 @@ Host_Status EWS_Graph_Transport::find_folders_deep(const std::string& mailbox, c
     EWS_Folder folder;
     std::string parent_id;
     if (!EWS_Graph_Shapes::read_folder(json, folder, parent_id))
-      return graph_malformed("a folder without an id");
+      return malformed_answer("a folder without an id");
     if (parent_id.empty())
       parent_id = walk.current;
     // A folder that says it has no subfolders is not listed again.
@@ -445,7 +440,7 @@ Host_Status EWS_Graph_Transport::find_items(const std::string& folder_id, const 
   {
     EWS_Item item;
     if (!EWS_Graph_Shapes::read_item(json, item))
-      return graph_malformed("an item without an id");
+      return malformed_answer("an item without an id");
     if (page.items.size() == static_cast<size_t>(max))
     {
       page.next = EWS_Page_Cursor::at(at.offset + max);
@@ -480,7 +475,7 @@ Host_Status EWS_Graph_Transport::export_items(const std::vector<EWS_Export_Reque
     return status;
   const nlohmann::ordered_json* value = array_of(answer, "value");
   if (value == nullptr)
-    return graph_malformed("an exportItems answer without a \"value\" array");
+    return malformed_answer("an exportItems answer without a \"value\" array");
   size_t answered = 0;
   std::vector<bool> taken(requests.size(), false);
   for (size_t i = 0; i < value->size(); ++i)
@@ -520,8 +515,8 @@ Host_Status EWS_Graph_Transport::export_items(const std::vector<EWS_Export_Reque
     }
   }
   if (answered < requests.size())
-    return graph_malformed("exportItems answered " + std::to_string(answered) + " of " +
-                           std::to_string(requests.size()) + " items");
+    return malformed_answer("exportItems answered " + std::to_string(answered) + " of " +
+                            std::to_string(requests.size()) + " items");
   return Host_Status();
 }
 
@@ -560,7 +555,7 @@ Host_Status EWS_Graph_Transport::import_session(const std::string& mailbox,
   const std::string expires = answer.value("expirationDateTime", "");
   session.expires = ews_xml::parse_time(expires.c_str());
   if (session.url.empty())
-    return graph_malformed("an import session without an importUrl");
+    return malformed_answer("an import session without an importUrl");
   // Without a readable expiry the session is used for a few minutes only.
   if (session.expires <= 0)
     session.expires = std::time(nullptr) + EWS_Graph_Mailbox_Cache::session_margin + 300;
@@ -620,7 +615,7 @@ Host_Status EWS_Graph_Transport::import_item(const std::string& mailbox, const s
     if (result.id.empty())
     {
       outcome_unknown_ = true;
-      return graph_malformed("an import answered without an itemId");
+      return malformed_answer("an import answered without an itemId");
     }
     return status;
   }

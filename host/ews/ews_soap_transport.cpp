@@ -17,11 +17,6 @@ const char* const EWS_Soap_Transport::server_version = "Exchange2013_SP1";
 
 namespace
 {
-Host_Status malformed(const std::string& what)
-{
-  return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", what);
-}
-
 // The response messages of an answer, in order.
 std::vector<pugi::xml_node> message_list(const pugi::xml_node& messages)
 {
@@ -242,7 +237,7 @@ Host_Status EWS_Soap_Transport::call(const pugi::xml_document& request, const ch
     // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying,
     // but the service answered 200: it acted on the request.
     outcome_unknown_ = true;
-    return malformed(std::string("incomplete or unreadable ") + operation + " answer");
+    return malformed_answer(std::string("incomplete or unreadable ") + operation + " answer");
   }
   return Host_Status();
 }
@@ -267,7 +262,7 @@ Host_Status EWS_Soap_Transport::find_folders(const EWS_Folder_Ref& parent, bool 
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return malformed("FindFolder answer without a message");
+    return malformed_answer("FindFolder answer without a message");
   status = ews_read_message(list[0]).status();
   if (!status.ok())
     return status;
@@ -308,7 +303,7 @@ Host_Status EWS_Soap_Transport::find_items(const std::string& folder_id, const E
     return status;
   const std::vector<pugi::xml_node> list = message_list(messages);
   if (list.empty())
-    return malformed("FindItem answer without a message");
+    return malformed_answer("FindItem answer without a message");
   status = ews_read_message(list[0]).status();
   if (!status.ok())
     return status;
@@ -367,9 +362,10 @@ Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Reques
   if (cancelled)
     return Host_Status::make(HOST_STATUS_CANCELLED, "cancelled", "the export was cancelled while it arrived");
   if (!sent)
-    return stream.answered() > 0 ? malformed("ExportItems answer broke off after " + std::to_string(stream.answered()) +
-                                             " of " + std::to_string(requests.size()) + " items: " + session_->error())
-                                 : http_transport_status(*session_);
+    return stream.answered() > 0
+             ? malformed_answer("ExportItems answer broke off after " + std::to_string(stream.answered()) + " of " +
+                                std::to_string(requests.size()) + " items: " + session_->error())
+             : http_transport_status(*session_);
   if (response.status() != 200)
   {
     pugi::xml_document answer;
@@ -379,8 +375,8 @@ Host_Status EWS_Soap_Transport::export_items(const std::vector<EWS_Export_Reques
   // A cut answer ("=== Truncated Data ===" during failovers) is worth retrying
   // for the items it did not reach.
   if (!stream.finish() || stream.answered() != requests.size())
-    return malformed("ExportItems answer cut after " + std::to_string(stream.answered()) + " of " +
-                     std::to_string(requests.size()) + " items");
+    return malformed_answer("ExportItems answer cut after " + std::to_string(stream.answered()) + " of " +
+                            std::to_string(requests.size()) + " items");
   return Host_Status();
 }
 
@@ -402,7 +398,7 @@ Host_Status EWS_Soap_Transport::create_folder(const EWS_Folder_Ref& parent, EWS_
   if (list.empty())
   {
     outcome_unknown_ = true;
-    return malformed("CreateFolder answer without a message");
+    return malformed_answer("CreateFolder answer without a message");
   }
   status = ews_read_message(list[0]).status();
   if (!status.ok())
@@ -440,7 +436,7 @@ Host_Status EWS_Soap_Transport::upload_items(const std::string& parent_id, const
   if (list.size() != items.size())
   {
     outcome_unknown_ = true;
-    return malformed("UploadItems answer count differs");
+    return malformed_answer("UploadItems answer count differs");
   }
   results.assign(items.size(), EWS_Upload_Result());
   for (size_t i = 0; i < list.size(); ++i)

@@ -87,6 +87,14 @@ struct EWS_Upload_Result
   Host_Status status;
 };
 
+// The failure of an answer that does not have the shape the protocol gives it
+// (cut or garbled on the way): transient, so it is retried like a dropped
+// connection.
+inline Host_Status malformed_answer(const std::string& what)
+{
+  return Host_Status::make(HOST_STATUS_TRANSIENT, "malformed answer", what);
+}
+
 // Returns true when the transfer under way should stop (the client was cancelled).
 typedef std::function<bool()> EWS_Cancel_Check;
 
