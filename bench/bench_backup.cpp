@@ -1,5 +1,5 @@
 // Backup throughput of the agent with the Exchange module against the wire
-// limit.
+// limit, over EWS (SOAP) and over Microsoft Graph's mailbox export API.
 //
 //   bench_backup [MAILBOXES [LARGE_MIB [LARGE_MAX_MIB [LATENCIES]]]]
 //
@@ -7,26 +7,31 @@
 // demo profile (MAILBOXES mailboxes, default 8: some 660 items each, mostly
 // small, plus two large items of LARGE_MIB and LARGE_MAX_MIB MiB per mailbox,
 // default 4 and 24; no hidden folders, so that the backup and the wire limit
-// export the same items), then at each added latency per call (LATENCIES, a
-// comma-separated list of milliseconds, default "0,50"):
-// - measures the wire limit with one ExportItems request in flight and with
+// export the same items), registers the simulator's tenant twice, once with
+// "transport": "ews" and once with "transport": "graph", then at each added
+// latency per call (LATENCIES, a comma-separated list of milliseconds, default
+// "0,50"):
+// - measures the wire limit with one export request in flight and with
 //   ews.export_concurrency (default 4) in flight: one thread lists every item
-//   (not timed), then sends the same ExportItems requests as the module's one
+//   (not timed), then sends the same export requests as the module's one
 //   export thread (the items of every mailbox in calls of ews.batch_size x
 //   ews.export_concurrency ids, which the client splits into batches of
 //   ews.batch_size run side by side) to the same simulator and discards the
-//   answers;
-// - backs the tenant up with `backup-agent backup --all-mailboxes`: on 1
+//   answers; over EWS these are ExportItems requests, and the Graph wire limit
+//   (ews.export_concurrency in flight) sends exportItems requests;
+// - backs the EWS tenant up with `backup-agent backup --all-mailboxes`: on 1
 //   channel with ews.export_concurrency 1 and ews.list_ahead 0 (one request of
 //   any kind in flight), on 1 channel with ews.export_concurrency 1 (one export
-//   request in flight, folders listed ahead), then with
-//   the default settings on 1 and 4 channels, then on 4 channels without
-//   listing folders ahead of the stream (ews.list_ahead 0; each a new backup
-//   set).
+//   request in flight, folders listed ahead), then with the default settings on
+//   1 and 4 channels, then on 4 channels without listing folders ahead of the
+//   stream (ews.list_ahead 0; each a new backup set);
+// - backs the Graph tenant up with the default settings on 1 and 4 channels.
 // Each run is a child process, so its peak RSS is its own. Prints one Markdown
-// table row per run: items/s, MiB/s, time against the wire limit's with the
-// same requests in flight, peak RSS; then, per latency, how much faster the
-// default settings on 4 channels are than each of the two 1-channel runs.
+// table row per run: transport, items/s, MiB/s, time against the wire limit's
+// over the same transport with the same requests in flight, peak RSS; then,
+// per latency, how much faster the default settings on 4 channels are than
+// each of the two 1-channel runs, and how Graph's 4-channel run compares with
+// EWS's.
 
 #include "agent_run.h"
 #include <sys/stat.h>  // backupd_process.h uses chmod
@@ -56,6 +61,8 @@ extern char** environ;
 namespace
 {
 const char* const tenant_uuid = "4c1d2e3f-5a6b-4c7d-8e9f-0a1b2c3d4e5f";
+// The same tenant registered with "transport": "graph".
+const char* const graph_tenant_uuid = "6e2f3a4b-7c8d-4e9f-8a0b-1c2d3e4f5a6b";
 
 struct Figures
 {
@@ -85,7 +92,8 @@ Figures run_backup(const std::vector<std::string>& args, const std::string& out)
 
 // In a child process: lists every item of the tenant, then times exporting all
 // of them from one thread in calls of ews.batch_size x `concurrency` ids, up to
-// `concurrency` ExportItems requests in flight, dropping each answer.
+// `concurrency` export requests in flight over the entry's transport, dropping
+// each answer.
 Figures wire_limit(const Office365_Auth_Entry& entry, int concurrency, const std::string& out)
 {
   const pid_t pid = ::fork();
@@ -96,9 +104,10 @@ Figures wire_limit(const Office365_Auth_Entry& entry, int concurrency, const std
     std::string error;
     Graph_Users_Lister lister(entry);
     EWS_Client_Ptr ews;
+    const std::string scope =
+      entry.transport == "graph" ? EWS_Client::graph_token_scope(entry) : ews_default_scope(entry.ews_endpoint);
     if (!lister.list(mailboxes, error) ||
-        !create_ews_client("", Secure_String(),
-                           std::make_shared<Office365_Auth>(entry, ews_default_scope(entry.ews_endpoint)), ews, ""))
+        !create_ews_client("", Secure_String(), std::make_shared<Office365_Auth>(entry, scope), ews, ""))
       ::_exit(1);
     std::vector<std::pair<std::string, EWS_Items>> items;  // by mailbox
     for (const std::string& mailbox : mailboxes)
@@ -164,16 +173,16 @@ Figures wire_limit(const Office365_Auth_Entry& entry, int concurrency, const std
   return f;
 }
 
-void row(int latency, const std::string& what, const Figures& f, const Figures& wire)
+void row(int latency, const char* transport, const std::string& what, const Figures& f, const Figures& wire)
 {
   if (!f.ok)
   {
-    std::printf("| %d ms | %s | failed | | | | | | |\n", latency, what.c_str());
+    std::printf("| %d ms | %s | %s | failed | | | | | | |\n", latency, transport, what.c_str());
     return;
   }
-  std::printf("| %d ms | %s | %.0f | %ld | %.1f | %.0f | %.1f | %.2f | %ld |\n", latency, what.c_str(), f.items,
-              f.exported, f.mib, f.items / f.seconds, f.mib / f.seconds, wire.ok ? f.seconds / wire.seconds : 0.0,
-              f.rss_mib);
+  std::printf("| %d ms | %s | %s | %.0f | %ld | %.1f | %.0f | %.1f | %.2f | %ld |\n", latency, transport, what.c_str(),
+              f.items, f.exported, f.mib, f.items / f.seconds, f.mib / f.seconds,
+              wire.ok ? f.seconds / wire.seconds : 0.0, f.rss_mib);
   std::fflush(stdout);
 }
 
@@ -210,6 +219,9 @@ int main(int argc, char** argv)
   Office365_Tenant_Registry tenants(Office365_Tenant_Registry::file_in(dir + "/state"));
   std::string error;
   tenants.add(tenant_uuid, sim.entry());
+  Office365_Auth_Entry graph_entry = sim.entry();
+  graph_entry.transport = "graph";
+  tenants.add(graph_tenant_uuid, graph_entry);
   if (!tenants.save(error))
   {
     std::fprintf(stderr, "%s\n", error.c_str());
@@ -233,14 +245,14 @@ int main(int argc, char** argv)
   const int concurrency = EWS_Params::export_concurrency();
 
   std::printf(
-    "| latency | run | items | exported | MiB | items/s | MiB/s | time / wire limit | peak RSS MiB |\n"
-    "|---|---|---|---|---|---|---|---|---|\n");
+    "| latency | transport | run | items | exported | MiB | items/s | MiB/s | time / wire limit | peak RSS MiB |\n"
+    "|---|---|---|---|---|---|---|---|---|---|\n");
   const auto exported = [&]() { return sim.status()["items_exported"].get<long>(); };
-  const auto backup = [&](const std::string& settings, int channels)
+  const auto backup = [&](const std::string& settings, int channels, const char* tenant = tenant_uuid)
   {
     const long before = exported();
-    Figures f = run_backup({"--config", settings, "backup", "--tenant", tenant_uuid, "--all-mailboxes", "--pool",
-                            "pool-1", "--channels", std::to_string(channels), "--json"},
+    Figures f = run_backup({"--config", settings, "backup", "--tenant", tenant, "--all-mailboxes", "--pool", "pool-1",
+                            "--channels", std::to_string(channels), "--json"},
                            dir + "/backup.out");
     f.exported = exported() - before;
     return f;
@@ -252,20 +264,29 @@ int main(int argc, char** argv)
     long before = exported();
     Figures wire_one = wire_limit(sim.entry(), 1, dir + "/wire.out");
     wire_one.exported = exported() - before;
-    row(latency, "wire limit, 1 request in flight", wire_one, wire_one);
+    row(latency, "ews", "wire limit, 1 request in flight", wire_one, wire_one);
     before = exported();
     Figures wire = wire_limit(sim.entry(), concurrency, dir + "/wire.out");
     wire.exported = exported() - before;
-    row(latency, "wire limit, " + std::to_string(concurrency) + " requests in flight", wire, wire);
+    const std::string in_flight = std::to_string(concurrency) + " requests in flight";
+    row(latency, "ews", "wire limit, " + in_flight, wire, wire);
 
     const Figures strict_one = backup(one_request, 1);
-    row(latency, "backup, 1 channel, ews.export_concurrency 1, ews.list_ahead 0", strict_one, wire_one);
+    row(latency, "ews", "backup, 1 channel, ews.export_concurrency 1, ews.list_ahead 0", strict_one, wire_one);
     const Figures serial_one = backup(serial, 1);
-    row(latency, "backup, 1 channel, ews.export_concurrency 1", serial_one, wire_one);
-    row(latency, "backup, 1 channel, defaults", backup(defaults, 1), wire);
+    row(latency, "ews", "backup, 1 channel, ews.export_concurrency 1", serial_one, wire_one);
+    row(latency, "ews", "backup, 1 channel, defaults", backup(defaults, 1), wire);
     const Figures four = backup(defaults, 4);
-    row(latency, "backup, 4 channels, defaults", four, wire);
-    row(latency, "backup, 4 channels, ews.list_ahead 0", backup(no_ahead, 4), wire);
+    row(latency, "ews", "backup, 4 channels, defaults", four, wire);
+    row(latency, "ews", "backup, 4 channels, ews.list_ahead 0", backup(no_ahead, 4), wire);
+
+    before = exported();
+    Figures graph_wire = wire_limit(graph_entry, concurrency, dir + "/wire.out");
+    graph_wire.exported = exported() - before;
+    row(latency, "graph", "wire limit, " + in_flight, graph_wire, graph_wire);
+    row(latency, "graph", "backup, 1 channel, defaults", backup(defaults, 1, graph_tenant_uuid), graph_wire);
+    const Figures graph_four = backup(defaults, 4, graph_tenant_uuid);
+    row(latency, "graph", "backup, 4 channels, defaults", graph_four, graph_wire);
     if (serial_one.ok && four.ok)
     {
       char line[160];
@@ -280,6 +301,15 @@ int main(int argc, char** argv)
       std::snprintf(line, sizeof line,
                     "%d ms: 4 channels with defaults took %.1f s, 1 channel with one request of any kind %.1f s: %.2fx",
                     latency, four.seconds, strict_one.seconds, strict_one.seconds / four.seconds);
+      speedups.push_back(line);
+    }
+    if (graph_four.ok && four.ok)
+    {
+      char line[200];
+      std::snprintf(
+        line, sizeof line,
+        "%d ms: 4 channels with defaults took %.1f s over Graph, %.1f s over EWS: Graph's time is %.2fx EWS's", latency,
+        graph_four.seconds, four.seconds, graph_four.seconds / four.seconds);
       speedups.push_back(line);
     }
   }

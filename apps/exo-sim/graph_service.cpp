@@ -8,6 +8,7 @@
 #include "apps/exo-sim/ascii_case.h"
 #include "apps/exo-sim/url_encode.h"
 #include "apps/exo-sim/base64_codec.h"
+#include "apps/exo-sim/odata_filter.h"
 #include "apps/exo-sim/sim_hash.h"
 
 namespace exo_sim
@@ -81,6 +82,36 @@ bool parse_search(const std::string& text, std::vector<Search_Clause>& clauses)
   return !clauses.empty();
 }
 
+// The users listing's $filter as Microsoft's advanced query reference describes it for the
+// properties the simulator keeps: eq (and ge, le on the names) works by default, on proxyAddresses
+// through any(); ne needs the advanced query parameters (ConsistencyLevel: eventual and
+// $count=true); anything else is refused for its property.
+bool check_user_filter(const Odata_Filter& filter, bool advanced, std::string& code, std::string& message)
+{
+  for (const auto& [property, op] : filter.comparisons())
+  {
+    const bool id_or_collection = property == "id" || property == "proxyAddresses";
+    if (op == "ne" && !advanced && property != "proxyAddresses")
+    {
+      code = "Request_UnsupportedQuery";
+      message =
+        "Operator 'ne' is not supported because the required parameters might be missing. Try adding "
+        "$count=true query parameter and ConsistencyLevel:eventual header. Refer to "
+        "https://aka.ms/graph-docs/advanced-queries for more information";
+      return false;
+    }
+    if (op == "gt" || op == "lt" || (id_or_collection && op != "eq" && op != "ne") ||
+        (property == "proxyAddresses" && op == "ne"))
+    {
+      code = "Request_UnsupportedQuery";
+      message =
+        "Unsupported or invalid query filter clause specified for property '" + property + "' of resource 'User'.";
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 Graph_Service::Graph_Service(Mailbox_Store& store, Token_Service& tokens) : store_(store), tokens_(tokens) {}
@@ -134,8 +165,8 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   bool descending = false;
   bool count = false;
   int top = 100;
-  std::string search, skiptoken;
-  bool has_search = false;
+  std::string search, skiptoken, filter_text;
+  bool has_search = false, has_filter = false, has_order = false;
   std::vector<std::string> query_pairs;  // the query without $skiptoken, to bind tokens to their query
   std::vector<std::pair<std::string, std::string>> carried;
   for (const auto& kv : request.params)
@@ -158,6 +189,7 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
       if (parts.size() > 2 || (parts.size() == 2 && parts[1] != "asc" && parts[1] != "desc"))
         return error(400, "Request_BadRequest", "Invalid $orderby expression '" + kv.second + "'.", crid);
       descending = parts.size() == 2 && parts[1] == "desc";
+      has_order = true;
     }
     else if (key == "$count")
     {
@@ -179,6 +211,11 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
       search = kv.second;
       has_search = true;
     }
+    else if (key == "$filter")
+    {
+      filter_text = kv.second;
+      has_filter = true;
+    }
     else if (key == "$skiptoken")
     {
       skiptoken = kv.second;
@@ -198,6 +235,23 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
   std::vector<Search_Clause> clauses;
   if (has_search && !parse_search(search, clauses))
     return error(400, "Request_BadRequest", "Invalid search query '" + search + "'.", crid);
+  Odata_Filter filter;
+  if (has_filter)
+  {
+    std::string why, code;
+    Odata_Filter::Grammar grammar;
+    grammar.any_of_groups = true;
+    grammar.collections = {"proxyAddresses"};
+    if (!filter.parse(filter_text, {"id", "displayName", "givenName", "surname", "mail", "userPrincipalName"}, why,
+                      grammar))
+      return error(400, "Request_BadRequest", why, crid);
+    const bool advanced = eventual && count;
+    if (!check_user_filter(filter, advanced, code, why))
+      return error(400, code, why, crid);
+    // Filtering and sorting one directory listing together is an advanced query only.
+    if (has_order && !advanced)
+      return error(400, "Request_UnsupportedQuery", "Sorting not supported for current query.", crid);
+  }
   nlohmann::ordered_json probe = store_.mailbox_count() > 0 ? store_.graph_user(0) : nlohmann::ordered_json::object();
   for (const auto& s : select)
     if (!probe.contains(s))
@@ -232,7 +286,7 @@ Sim_Reply Graph_Service::list_users(const Graph_Request& request)
     for (const auto& c : clauses)
       if (token_prefix_match(u[c.property].get<std::string>(), c.term))
         match = true;
-    if (match)
+    if (match && filter.matches(u))
       users.push_back(std::move(u));
   }
   std::stable_sort(users.begin(), users.end(),

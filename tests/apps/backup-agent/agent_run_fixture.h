@@ -50,14 +50,17 @@ protected:
     return path;
   }
 
-  // The tenant registry (holding `sim`'s tenant) and the agent configuration
-  // ("agent.json", host "host-1", `settings`) the agent runs with; its path.
+  // The tenant registry (holding `sim`'s tenant, registered with transport_)
+  // and the agent configuration ("agent.json", host "host-1", `settings`) the
+  // agent runs with; its path.
   std::string configure(const Exo_Sim_Process& sim, const std::string& settings = "{}")
   {
     Office365_Tenant_Registry tenants(Office365_Tenant_Registry::file_in(dir_ + "/state"));
     std::string error;
     ::mkdir((dir_ + "/state").c_str(), 0700);
-    tenants.add(tenant_uuid, sim.entry());
+    Office365_Auth_Entry entry = sim.entry();
+    entry.transport = transport_;
+    tenants.add(tenant_uuid, entry);
     EXPECT_TRUE(tenants.save(error)) << error;
     config_ =
       write("agent.json", "{\"state_dir\": \"" + dir_ +
@@ -140,14 +143,25 @@ protected:
     return record;
   }
 
-  // An EWS client of `sim` acting for `mailbox`.
-  static EWS_Client_Ptr client(const Exo_Sim_Process& sim, const std::string& mailbox)
+  // A client of `sim` over transport_, acting for `mailbox`.
+  EWS_Client_Ptr client(const Exo_Sim_Process& sim, const std::string& mailbox) const
   {
+    Office365_Auth_Entry entry = sim.entry();
+    entry.transport = transport_;
+    const std::string scope =
+      transport_ == "graph" ? EWS_Client::graph_token_scope(entry) : ews_default_scope(entry.ews_endpoint);
     EWS_Client_Ptr ews;
-    EXPECT_TRUE(create_ews_client(
-      "", Secure_String(), std::make_shared<Office365_Auth>(sim.entry(), ews_default_scope(sim.entry().ews_endpoint)),
-      ews, mailbox.c_str()));
+    EXPECT_TRUE(
+      create_ews_client("", Secure_String(), std::make_shared<Office365_Auth>(entry, scope), ews, mailbox.c_str()));
     return ews;
+  }
+
+  // Calls of operation `op` (an EWS operation or a Graph action) the simulator
+  // has answered so far.
+  static long calls(const Exo_Sim_Process& sim, const std::string& op)
+  {
+    const nlohmann::json status = sim.status();
+    return status["calls"].contains(op) ? status["calls"][op].get<long>() : 0;
   }
 
   // Every item below `folder_id` (the mailbox root when empty), exported, by
@@ -185,6 +199,24 @@ protected:
   Backupd_Process backupd_;
   std::string dir_;
   std::string config_;
+  // The transport the tenant is registered with and clients use: "ews" or "graph".
+  std::string transport_ = "ews";
+};
+
+// Fixture `Base_` (an Agent_Run_Fixture) run once per transport, the test
+// parameter naming it: INSTANTIATE_TEST_SUITE_P(..., transport_names()).
+template <typename Base_>
+class Over_Transport_T : public Base_, public ::testing::WithParamInterface<std::string>
+{
+protected:
+  void SetUp() override
+  {
+    this->transport_ = this->GetParam();
+    Base_::SetUp();
+  }
+
+public:
+  static auto transport_names() { return ::testing::Values(std::string("ews"), std::string("graph")); }
 };
 
 #endif

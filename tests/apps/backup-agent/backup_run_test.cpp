@@ -115,9 +115,16 @@ protected:
     return files;
   }
 };
+
+class Backup_Run_Over : public Over_Transport_T<Backup_Run>
+{
+};
 }  // namespace
 
-TEST_F(Backup_Run, EveryItemIsInTheSetAndAMissingMailboxFailsAlone)
+INSTANTIATE_TEST_SUITE_P(Transports, Backup_Run_Over, Backup_Run_Over::transport_names(),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+TEST_P(Backup_Run_Over, EveryItemIsInTheSetAndAMissingMailboxFailsAlone)
 {
   Exo_Sim_Process sim({"--profile", "tiny"});
   const std::vector<std::string> mailboxes = {sim.mailbox("admin"), sim.mailbox("nobody"), sim.mailbox("alice.archer")};
@@ -128,6 +135,7 @@ TEST_F(Backup_Run, EveryItemIsInTheSetAndAMissingMailboxFailsAlone)
     EXPECT_TRUE(run.says("job e2e succeeded"));
     const Exchange_Backup_Set record = newest_record();
     EXPECT_EQ(record.rev, rev);
+    EXPECT_EQ(record.transport, transport_);
     EXPECT_EQ(record.failed_mailboxes, std::vector<std::string>{sim.mailbox("nobody")});
     EXPECT_EQ(record.index_files.size(), 2u);
     size_t items = 0;
@@ -180,7 +188,7 @@ TEST_F(Backup_Run, FaultsLoseNoItem)
   EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
 }
 
-TEST_F(Backup_Run, BackupCommandRunsTheSameJobAndSummarizesTheSet)
+TEST_P(Backup_Run_Over, BackupCommandRunsTheSameJobAndSummarizesTheSet)
 {
   Exo_Sim_Process sim({"--profile", "tiny", "--fail-item-rate", "0.05"});
   // The registry and configuration of a first run.

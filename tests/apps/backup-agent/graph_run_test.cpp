@@ -52,13 +52,6 @@ protected:
                                   mailbox.c_str()));
     return client;
   }
-
-  // Calls of operation `op` the simulator has answered so far.
-  static long calls(const Exo_Sim_Process& sim, const std::string& op)
-  {
-    const nlohmann::json status = sim.status();
-    return status["calls"].contains(op) ? status["calls"][op].get<long>() : 0;
-  }
 };
 }  // namespace
 

@@ -50,9 +50,16 @@ std::string difference(const Tree_Contents& got, const Tree_Contents& want)
 class Restore_Run : public Agent_Run_Fixture
 {
 };
+
+class Restore_Run_Over : public Over_Transport_T<Restore_Run>
+{
+};
 }  // namespace
 
-TEST_F(Restore_Run, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames)
+INSTANTIATE_TEST_SUITE_P(Transports, Restore_Run_Over, Restore_Run_Over::transport_names(),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+TEST_P(Restore_Run_Over, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames)
 {
   Exo_Sim_Process sim({"--profile", "tiny"});
   const std::string alice = sim.mailbox("alice.archer");
@@ -104,6 +111,8 @@ TEST_F(Restore_Run, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames)
     all.push_back(encode_name(f.id));
   run = run_job(sim, restore_job("r-all", set, alice, admin, "Restored/All", all));
   ASSERT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_GT(calls(sim, transport_ == "graph" ? "importItem" : "UploadItems"), 0);
+  EXPECT_EQ(calls(sim, transport_ == "graph" ? "UploadItems" : "importItem"), 0);
 
   EWS_Client_Ptr target = client(sim, admin);
   EWS_Folders roots;
@@ -191,7 +200,7 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
   EXPECT_TRUE(got == original) << difference(got, original);
 }
 
-TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAndAnItem)
+TEST_P(Restore_Run_Over, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAndAnItem)
 {
   Exo_Sim_Process sim({"--profile", "tiny"});
   const std::string alice = sim.mailbox("alice.archer");
@@ -235,9 +244,15 @@ TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAn
   EXPECT_EQ(refused.status, 1);
   EXPECT_TRUE(refused.says("the set has no folder Inbox/No such folder")) << refused.err;
 
-  run = agent({"restore", "--set", set, "--from", alice, "--to", admin, "--path", "Inbox/" + below[0].display_name,
-               "--item", items[0].id, "--relocation", "By Command", "--json"},
-              "restore");
+  // A Graph listing gives no subject, so over Graph every item of a folder shares one path in
+  // the set and an item cannot be restored alone (decision 0017): the item is left out there.
+  const bool single_items = transport_ != "graph";
+  std::vector<std::string> restore = {
+    "restore",      "--set",      set,     "--from", alice, "--to", admin, "--path", "Inbox/" + below[0].display_name,
+    "--relocation", "By Command", "--json"};
+  if (single_items)
+    restore.insert(restore.end(), {"--item", items[0].id});
+  run = agent(restore, "restore");
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   const nlohmann::json summary = nlohmann::json::parse(run.out);
   EXPECT_GE(summary["folders_selected"].get<int>(), 1);
@@ -258,9 +273,12 @@ TEST_F(Restore_Run, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderPathAn
   EWS_Export_Requests one(1);
   one[0].id = items[0].id;
   ASSERT_TRUE(ews->export_items(one));
-  want.emplace("Calendar", std::string(reinterpret_cast<const char*>(one[0].data.ptr.get()), one[0].data.size));
+  if (single_items)
+    want.emplace("Calendar", std::string(reinterpret_cast<const char*>(one[0].data.ptr.get()), one[0].data.size));
   EXPECT_TRUE(got == want) << difference(got, want);
   // The summary counts what the selection held and what the job restored.
   EXPECT_EQ(summary["items_selected"].get<size_t>(), want.size());
   EXPECT_EQ(summary["items_restored"].get<size_t>(), want.size());
+  if (!single_items)
+    GTEST_SKIP() << "restoring a single item over Graph is not checked: Graph items have no name in the set";
 }

@@ -49,7 +49,7 @@ protected:
   }
 
   // The top-level folder names of `mailbox`, live.
-  static std::set<std::string> live_top_folders(const Exo_Sim_Process& sim, const std::string& mailbox)
+  std::set<std::string> live_top_folders(const Exo_Sim_Process& sim, const std::string& mailbox) const
   {
     EWS_Folders top;
     EXPECT_TRUE(client(sim, mailbox)->list_folders("", top, true));

@@ -94,6 +94,54 @@ TEST(ExoSimTenantUsers, GraphListsPrincipalNamesMailAndProxyAddresses)
   EXPECT_FALSE(j["value"][0].contains("proxyAddresses"));
 }
 
+namespace
+{
+
+// The principal names a users $filter selects, or the error code it is refused with.
+std::string filtered_users(Sim_Fixture& sim, const std::string& filter, bool advanced = false,
+                           const std::string& more = "")
+{
+  std::string query = "$select=userPrincipalName&$filter=";
+  for (char c : filter)
+    query += c == ' ' ? std::string("%20") : c == '\'' ? std::string("%27") : std::string(1, c);
+  Http_Result r = sim.graph_users(query + (advanced ? "&$count=true" : "") + more, advanced);
+  json j = json::parse(r.body);
+  if (r.status != 200)
+    return std::to_string(r.status) + " " + j["error"]["code"].get<std::string>();
+  std::string names;
+  for (const auto& u : j["value"])
+    names += (names.empty() ? "" : ",") + u["userPrincipalName"].get<std::string>();
+  return names;
+}
+
+}  // namespace
+
+TEST(ExoSimTenantUsers, GraphFiltersUsersByMailPrincipalNameAndProxyAddress)
+{
+  Sim_Fixture sim(renamed_options());
+  const std::string julia = k_julia_upn, kenji = k_kenji_upn;
+  // The forms Microsoft documents as working by default, compared without regard to case.
+  EXPECT_EQ(filtered_users(sim, "mail eq 'JULIA.berg@demo.exosim.test'"), julia);
+  EXPECT_EQ(filtered_users(sim, "userPrincipalName eq '" + kenji + "'"), kenji);
+  EXPECT_EQ(filtered_users(sim, "userPrincipalName eq '" + std::string(k_julia_smtp) + "'"), "");
+  EXPECT_EQ(filtered_users(sim, "proxyAddresses/any(x:x eq 'smtp:" + std::string(k_kenji_proxy) + "')"), kenji);
+  // A former name kept as a proxy address, found as the transport asks: by mail or proxy address.
+  const std::string former = k_julia_upn;
+  EXPECT_EQ(filtered_users(sim, "mail eq '" + former + "' or proxyAddresses/any(p:p eq 'smtp:" + former + "')"), julia);
+  EXPECT_EQ(
+    filtered_users(sim, "mail eq '" + std::string(k_hana_smtp) + "' or mail eq '" + std::string(k_julia_smtp) + "'"),
+    std::string(k_hana_upn) + "," + julia);
+  EXPECT_EQ(filtered_users(sim, "mail eq 'nobody@demo.exosim.test'"), "");
+  // ne needs the advanced query parameters; other operators and properties are refused.
+  EXPECT_EQ(filtered_users(sim, "mail ne '" + std::string(k_admin) + "'"), "400 Request_UnsupportedQuery");
+  EXPECT_EQ(filtered_users(sim, "mail ne '" + std::string(k_admin) + "'", true).find(k_admin), std::string::npos);
+  EXPECT_EQ(filtered_users(sim, "mail gt 'a'", true), "400 Request_UnsupportedQuery");
+  EXPECT_EQ(filtered_users(sim, "proxyAddresses eq 'smtp:" + former + "'"), "400 Request_BadRequest");
+  EXPECT_EQ(filtered_users(sim, "endsWith(mail,'@demo.exosim.test')", true), "400 Request_BadRequest");
+  EXPECT_EQ(filtered_users(sim, "mail eq '" + former + "'", false, "&$orderby=displayName"),
+            "400 Request_UnsupportedQuery");
+}
+
 TEST(ExoSimTenantUsers, EachImpersonationFormMatchesOnlyItsOwnName)
 {
   Sim_Fixture sim(renamed_options());

@@ -79,9 +79,6 @@ struct Soap_On_Exo_Sim
     return true;
   }
   bool damage_item(const std::string&) { return false; }
-  // Whether the service finds a mailbox by an SMTP address; empty when it does,
-  // else why not.
-  std::string address_lookup_gap() const { return ""; }
 };
 
 // The Graph transport against the simulator's Graph mailbox API.
@@ -103,9 +100,6 @@ struct Graph_On_Exo_Sim : Soap_On_Exo_Sim
     sim.set_faults({{"graph_429_rate", 1.0}, {"retry_after", (back_off_ms + 999) / 1000}});
   }
   void calm() { sim.set_faults({{"graph_429_rate", 0.0}}); }
-  // Graph finds a user by address with /users?$filter=mail eq '…' or
-  // proxyAddresses/any(…), which the simulator's users listing does not take.
-  std::string address_lookup_gap() const { return "exo-sim's GET /v1.0/users does not implement $filter"; }
 };
 
 // The part the two environments over Ews_Fake_Service share.
@@ -139,7 +133,6 @@ struct Fake_Service_Env
     service->damaged.insert(id);
     return true;
   }
-  std::string address_lookup_gap() const { return ""; }
 };
 
 // The SOAP transport against a scripted server answering in Microsoft's sample style.
