@@ -85,8 +85,33 @@ struct Paging
   bool include_hidden = false;
   std::string filter;
   std::vector<std::string> select;
+  bool expand_subject = false;  // $expand of the PidTagSubject extended property (items only)
   std::vector<std::pair<std::string, std::string>> carried;  // every option but $skip, for the next link
 };
+
+// False with `why` when a folder call asks for the item subject expansion.
+bool no_expansion(const Paging& p, std::string& why)
+{
+  if (p.expand_subject)
+    why = "The query option '$expand' is not supported by exo-sim for folders.";
+  return !p.expand_subject;
+}
+
+// True for `$expand=singleValueExtendedProperties($filter=id eq 'String 0x0037')`, the
+// one expansion the simulator answers (an item's subject), however it is spaced,
+// parenthesised or cased, and with the tag as "0x37" or "0x0037".
+bool is_subject_expansion(const std::string& value)
+{
+  std::string v;
+  for (char c : ascii_lower(value))
+    if (c != ' ' && c != '(' && c != ')')
+      v += c;
+  const std::string head = "singlevalueextendedproperties$filter=ideq'string0x";
+  if (v.compare(0, head.size(), head) != 0 || v.back() != '\'')
+    return false;
+  const std::string tag = v.substr(head.size(), v.size() - head.size() - 1);
+  return tag == "37" || tag == "037" || tag == "0037";
+}
 
 // False with `why` for a bad value or an option the simulator does not evaluate ($orderby,
 // $expand, $search): answering those unordered or unfiltered would hand a client wrong data.
@@ -146,6 +171,10 @@ bool parse_paging(const std::vector<std::pair<std::string, std::string>>& params
     else if (key == "$filter")
     {
       p.filter = kv.second;
+    }
+    else if (key == "$expand" && is_subject_expansion(kv.second))
+    {
+      p.expand_subject = true;
     }
     else if (key == "$orderby" || key == "$expand" || key == "$search")
     {
@@ -275,7 +304,7 @@ nlohmann::ordered_json Graph_Mailbox_Service::folder_json(const Call& call, cons
   return j;
 }
 
-nlohmann::ordered_json Graph_Mailbox_Service::item_json(const Item_View& v) const
+nlohmann::ordered_json Graph_Mailbox_Service::item_json(const Item_View& v, bool with_subject) const
 {
   nlohmann::ordered_json j;
   j["@odata.type"] = "#microsoft.graph.mailboxItem";
@@ -287,6 +316,10 @@ nlohmann::ordered_json Graph_Mailbox_Service::item_json(const Item_View& v) cons
   j["categories"] = nlohmann::ordered_json::array();
   j["type"] = v.meta.item_class;
   j["size"] = v.meta.size;
+  // An expanded extended property that the item does not have is left out, as Graph does.
+  if (with_subject && !v.meta.subject.empty())
+    j["singleValueExtendedProperties"] =
+      nlohmann::ordered_json::array({nlohmann::ordered_json{{"id", "String 0x37"}, {"value", v.meta.subject}}});
   return j;
 }
 
@@ -461,7 +494,7 @@ Sim_Reply Graph_Mailbox_Service::list_folders(const Call& call, int parent)
   Paging p;
   Odata_Filter filter;
   std::string why;
-  if (!parse_paging(call.request->params, p, why) ||
+  if (!parse_paging(call.request->params, p, why) || !no_expansion(p, why) ||
       (!p.filter.empty() &&
        !filter.parse(
          p.filter,
@@ -498,7 +531,7 @@ Sim_Reply Graph_Mailbox_Service::get_folder(const Call& call, int folder)
 {
   Paging p;
   std::string why;
-  if (!parse_paging(call.request->params, p, why))
+  if (!parse_paging(call.request->params, p, why) || !no_expansion(p, why))
     return error(call, 400, "BadRequest", why);
   nlohmann::ordered_json out = entity(context(call, "/folders/$entity"),
                                       apply_select(folder_json(call, store_.folder(call.mailbox, folder)), p.select));
@@ -521,14 +554,14 @@ Sim_Reply Graph_Mailbox_Service::list_items(const Call& call, int folder)
   if (filter.empty())
   {
     for (const auto& v : store_.list_items(call.mailbox, folder, false, p.skip, p.top, total))
-      page.push_back(item_json(v));
+      page.push_back(item_json(v, p.expand_subject));
   }
   else
   {  // the folder's matching items, then the page of them
     std::vector<nlohmann::ordered_json> matching;
     for (const auto& v : store_.list_items(call.mailbox, folder, false, 0, std::numeric_limits<int>::max(), total))
     {
-      nlohmann::ordered_json j = item_json(v);
+      nlohmann::ordered_json j = item_json(v, p.expand_subject);
       if (filter.matches(j))
         matching.push_back(std::move(j));
     }

@@ -83,7 +83,7 @@ private:
   Sim_Reply import_one(const Call& call);
 
   nlohmann::ordered_json folder_json(const Call& call, const Folder_View& view) const;
-  nlohmann::ordered_json item_json(const Item_View& view) const;
+  nlohmann::ordered_json item_json(const Item_View& view, bool with_subject) const;
   std::string context(const Call& call, const std::string& tail) const;
   std::string mailbox_url(const Call& call) const;  // absolute, on the simulator's base
   Sim_Reply error(const Call& call, int status, const std::string& code, const std::string& message) const;

@@ -3,8 +3,11 @@
 #include "host/ews/ews_xml.h"
 
 #include <nlohmann/json.hpp>
+#include <strings.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 namespace
 {
@@ -55,7 +58,29 @@ bool EWS_Graph_Shapes::read_item(const nlohmann::ordered_json& json, EWS_Item& i
   item.mtime = ews_xml::parse_time(text_of(json, "lastModifiedDateTime").c_str());
   const auto size = json.find("size");
   item.size = size != json.end() && size->is_number_integer() ? size->get<long long>() : 0;
+  item.subject = subject_of(json);
   return true;
+}
+
+std::string EWS_Graph_Shapes::subject_of(const nlohmann::ordered_json& item)
+{
+  const auto properties = item.find("singleValueExtendedProperties");
+  if (properties == item.end() || !properties->is_array())
+    return std::string();
+  for (const auto& property : *properties)
+  {
+    if (!property.is_object())
+      continue;
+    // Graph answers the id in its own spelling ("String 0x37"): compare the tag's value.
+    std::string id = text_of(property, "id");
+    std::string kind, tag;
+    std::istringstream words(id);
+    words >> kind >> tag;
+    if (strcasecmp(kind.c_str(), "String") == 0 && tag.size() > 2 && (tag[1] == 'x' || tag[1] == 'X') &&
+        std::strtoul(tag.c_str() + 2, nullptr, 16) == 0x0037)
+      return text_of(property, "value");
+  }
+  return std::string();
 }
 
 EWS_Folder_Type EWS_Graph_Shapes::folder_type_of(const std::string& folder_class)

@@ -22,6 +22,9 @@ public:
   static bool read_folder(const nlohmann::ordered_json& json, EWS_Folder& folder, std::string& parent_id);
   // A mailboxItem. False when it has no id.
   static bool read_item(const nlohmann::ordered_json& json, EWS_Item& item);
+  // The subject of a listed item: its expanded PidTagSubject ("String 0x0037")
+  // single-value extended property, or empty.
+  static std::string subject_of(const nlohmann::ordered_json& item);
 
   // Folder classes ("IPF.Appointment") and message classes ("IPM.Note") as the
   // kinds EWS names by element; derived classes ("IPF.Contact.MOC.QuickContacts")

@@ -299,7 +299,7 @@ std::string EWS_Graph_Transport::children_path(const std::string& mailbox, const
 }
 
 Host_Status EWS_Graph_Transport::list_page(const std::string& path, const std::string& link, long skip, int max,
-                                           nlohmann::ordered_json& answer, std::string& next_link)
+                                           nlohmann::ordered_json& answer, std::string& next_link, const char* options)
 {
   std::string target;
   if (!link.empty())
@@ -317,6 +317,8 @@ Host_Status EWS_Graph_Transport::list_page(const std::string& path, const std::s
     target = path + "?$top=" + std::to_string(max);
     if (skip > 0)
       target += "&$skip=" + std::to_string(skip);
+    if (options != nullptr && *options != '\0')
+      target += std::string("&") + options;
   }
   const Host_Status status = get(target, answer);
   if (!status.ok())
@@ -425,7 +427,13 @@ Host_Status EWS_Graph_Transport::find_items(const std::string& folder_id, const 
     return status;
   nlohmann::ordered_json answer;
   std::string link;
-  status = list_page(mailbox + "/folders/" + segment(folder_id) + "/items", at.next_link, at.offset, max, answer, link);
+  // A mailboxItem has no subject property; the subject (PidTagSubject, a
+  // string property with tag 0x0037) comes as an expanded single-value
+  // extended property. The next link carries the option on.
+  static const char subject_option[] =
+    "$expand=singleValueExtendedProperties(%24filter%3Did%20eq%20%27String%200x0037%27)";
+  status = list_page(mailbox + "/folders/" + segment(folder_id) + "/items", at.next_link, at.offset, max, answer, link,
+                     subject_option);
   if (!status.ok())
     return status;
   for (const auto& json : answer["value"])

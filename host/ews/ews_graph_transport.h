@@ -77,7 +77,7 @@ private:
   std::string children_path(const std::string& mailbox, const EWS_Folder_Ref& parent) const;
   // One page of a collection at `path`: from `link` when not empty, else $top/$skip.
   Host_Status list_page(const std::string& path, const std::string& link, long skip, int max,
-                        nlohmann::ordered_json& answer, std::string& next_link);
+                        nlohmann::ordered_json& answer, std::string& next_link, const char* options = nullptr);
   Host_Status find_folders_deep(const std::string& mailbox, const EWS_Folder_Ref& parent, const EWS_Page_Cursor& at,
                                 int max, EWS_Folder_Page& page);
   Host_Status import_session(const std::string& mailbox, EWS_Graph_Mailbox_Cache::Import_Session& session);

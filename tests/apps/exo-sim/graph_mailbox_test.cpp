@@ -252,6 +252,25 @@ TEST(ExoSimGraphMailbox, ItemsPageWithoutSkippingOrRepeating)
   for (const auto& i : ranged)
     EXPECT_FALSE(i.contains("createdDateTime"));
   expect_graph_error(g.get(g.url("/folders/" + full + "/items?$top=0")), 400, "BadRequest");
+
+  // The subject comes as the expanded PidTagSubject extended property, and the next link
+  // carries the expansion on; a folder call and any other expansion are refused.
+  const std::string subject = "$expand=singleValueExtendedProperties(%24filter%3Did%20eq%20%27String%200x0037%27)";
+  std::vector<json> named = g.all("/folders/" + full + "/items?$top=4&" + subject, pages);
+  ASSERT_EQ(named.size(), 10u);
+  EXPECT_EQ(pages, 3);
+  // (The generated items include some without a subject: those carry no property.)
+  std::set<std::string> subjects;
+  for (const auto& i : named)
+    if (i.contains("singleValueExtendedProperties"))
+    {
+      EXPECT_EQ(i["singleValueExtendedProperties"][0]["id"], "String 0x37");
+      subjects.insert(i["singleValueExtendedProperties"][0]["value"].get<std::string>());
+    }
+  EXPECT_GT(subjects.size(), 3u);
+  EXPECT_FALSE(one[0].contains("singleValueExtendedProperties"));
+  expect_graph_error(g.get(g.url("/folders/" + full + "?" + subject)), 400, "BadRequest");
+  expect_graph_error(g.get(g.url("/folders/" + full + "/items?$expand=attachments")), 400, "BadRequest");
 }
 
 TEST(ExoSimGraphMailbox, ExportItemsAnswersEveryIdInRequestOrder)
