@@ -140,8 +140,8 @@ public:
   // How many folders each stream channel lists at once ahead of the stream, on
   // threads and connections of its own (EWS_Listing_Ahead); 0: each folder is
   // listed when the stream reaches it. The agent setting "ews.list_ahead"
-  // (default 3, at most 8) unless changed here.
-  static constexpr int default_list_ahead = 3;
+  // (default 1, at most 8) unless changed here.
+  static constexpr int default_list_ahead = 1;
   static constexpr int max_list_ahead = 8;
   void list_ahead(int listers) { list_ahead_ = listers; }
   int list_ahead() const { return list_ahead_; }
