@@ -145,7 +145,7 @@ bool EWS_Backup_Callback::list_folder(const std::string& path, const std::string
   }
   cur_folder_->subfolders.swap(folders);
   register_folders(cur_folder_->subfolders);
-  return add_items(path, listing.items, out);
+  return add_items(path, listing.items, listing.exports_queued, out);
 }
 
 void EWS_Backup_Callback::start_listing_ahead(const std::string& root_path)
@@ -165,43 +165,6 @@ void EWS_Backup_Callback::stop_listing_ahead()
     ahead_->stop();
 }
 
-bool EWS_Backup_Callback::queue_exports(const EWS_Items& items)
-{
-  // One queued batch feeds every concurrent ExportItems request of the export
-  // thread's client; the export thread cuts it further to fit its byte budget.
-  Paginator batches(static_cast<int>(items.size()), EWS_Params::batch_size() * EWS_Params::export_concurrency());
-  while (batches.next())
-  {
-    if (ctx_.is_cancelling())
-    {
-      LOG_MSG(LM_ERROR, "EWS items exporting is calceled.\n");
-      return false;
-    }
-    EWS_Export_Args* args = new (std::nothrow) EWS_Export_Args;
-    if (args == nullptr)
-    {
-      errno = ENOMEM;
-      return false;
-    }
-    args->mailbox = cur_mailbox_;
-    const size_t begin = static_cast<size_t>(batches.offset());
-    const size_t end = begin + static_cast<size_t>(batches.limit());
-    args->item_ids.reserve(end - begin);
-    args->item_sizes.reserve(end - begin);
-    for (size_t i = begin; i < end; ++i)
-    {
-      args->item_ids.push_back(items[i].id);
-      args->item_sizes.push_back(items[i].size);
-    }
-    if (!ctx_.put_item(args))
-    {
-      delete args;
-      return false;
-    }
-  }
-  return true;
-}
-
 bool EWS_Backup_Callback::list_items(const std::string& path, const std::string& folder_id,
                                      std::list<MTF::Directory_Entry>& out)
 {
@@ -210,10 +173,11 @@ bool EWS_Backup_Callback::list_items(const std::string& path, const std::string&
   EWS_Folder_Listing listing;
   if (!EWS_Listing_Ahead::list(*ews_, ctx_, cur_mailbox_, path, folder_id, true, listing))
     return false;
-  return add_items(path, listing.items, out);
+  return add_items(path, listing.items, false, out);
 }
 
-bool EWS_Backup_Callback::add_items(const std::string& path, EWS_Items& items, std::list<MTF::Directory_Entry>& out)
+bool EWS_Backup_Callback::add_items(const std::string& path, EWS_Items& items, bool exports_queued,
+                                    std::list<MTF::Directory_Entry>& out)
 {
   if (items.empty())
     return true;
@@ -224,7 +188,7 @@ bool EWS_Backup_Callback::add_items(const std::string& path, EWS_Items& items, s
     if (!ctx_.put_entry(join_path(path, name), item.id, item.mtime, item.ctime))
       return false;
   }
-  if (!queue_exports(items))
+  if (!exports_queued && !ctx_.queue_exports(cur_mailbox_, items))
     return false;
   cur_folder_->items.swap(items);
   return true;

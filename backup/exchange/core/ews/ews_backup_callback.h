@@ -68,10 +68,9 @@ public:
 private:
   // Whether the listing that found this folder reported it without subfolders.
   bool has_no_subfolders(const std::string& folder_id) const;
-  // Records a folder's sorted items, queues their exports and moves them into
-  // the current folder's record.
-  bool add_items(const std::string& path, EWS_Items& items, std::list<MTF::Directory_Entry>& out);
-  bool queue_exports(const EWS_Items& items);
+  // Records a folder's sorted items, queues their exports (unless the listing
+  // ahead has queued them) and moves them into the current folder's record.
+  bool add_items(const std::string& path, EWS_Items& items, bool exports_queued, std::list<MTF::Directory_Entry>& out);
   void start_listing_ahead(const std::string& root_path);
   void stop_listing_ahead();
   bool finish_mailbox(const std::string& mailbox);

@@ -2,8 +2,10 @@
 
 #include "backup/exchange/core/ews/ews_export_task.h"
 #include "backup/exchange/core/ews/ews_utils.h"
+#include "backup/exchange/core/ews/paginator.h"
 #include "host/base/agent_config.h"
 #include "host/base/log.h"
+#include "host/ews/ews_params.h"
 #include "host/job/job.h"
 
 #include <ace/Guard_T.h>
@@ -136,6 +138,54 @@ void EWS_Backup_Context::end_mailbox(const std::string& mailbox)
 {
   if (task_)
     task_->release_mailbox(mailbox);
+}
+
+bool EWS_Backup_Context::queue_exports(const std::string& mailbox, const EWS_Items& items)
+{
+  // One queued batch feeds every concurrent ExportItems request of the export
+  // thread's client; the export thread cuts it further to fit its byte budget.
+  Paginator batches(static_cast<int>(items.size()), EWS_Params::batch_size() * EWS_Params::export_concurrency());
+  while (batches.next())
+  {
+    if (is_cancelling())
+    {
+      LOG_MSG(LM_ERROR, "EWS items exporting is calceled.\n");
+      return false;
+    }
+    EWS_Export_Args* args = new (std::nothrow) EWS_Export_Args;
+    if (args == nullptr)
+    {
+      errno = ENOMEM;
+      return false;
+    }
+    args->mailbox = mailbox;
+    const size_t begin = static_cast<size_t>(batches.offset());
+    const size_t end = begin + static_cast<size_t>(batches.limit());
+    args->item_ids.reserve(end - begin);
+    args->item_sizes.reserve(end - begin);
+    for (size_t i = begin; i < end; ++i)
+    {
+      args->item_ids.push_back(items[i].id);
+      args->item_sizes.push_back(items[i].size);
+    }
+    if (!put_item(args))
+    {
+      delete args;
+      return false;
+    }
+  }
+  return true;
+}
+
+void EWS_Backup_Context::drop_exports(const std::string& mailbox, const EWS_Items& items)
+{
+  if (!task_ || items.empty())
+    return;
+  std::vector<std::string> ids;
+  ids.reserve(items.size());
+  for (const EWS_Item& item : items)
+    ids.push_back(item.id);
+  task_->forget_items(mailbox, ids);
 }
 
 bool EWS_Backup_Context::put_entry(const std::string& path, const std::string& id, time_t mtime, time_t ctime)

@@ -100,6 +100,13 @@ public:
   // cached or still queued is dropped, so that no unread item holds the cache.
   void begin_mailbox(const std::string& mailbox);
   void end_mailbox(const std::string& mailbox);
+  // Queues the exports of one folder's items of `mailbox`, in their order, in
+  // batches that feed every concurrent request of the export thread's client.
+  // False when the job is being cancelled or a batch cannot be queued.
+  bool queue_exports(const std::string& mailbox, const EWS_Items& items);
+  // The stream passed by a folder whose exports were queued: its items will
+  // never be read, so they are dropped from the export queue and the cache.
+  void drop_exports(const std::string& mailbox, const EWS_Items& items);
 
   // The path table (thread-safe).
   bool put_entry(const std::string& path, const std::string& id, time_t mtime, time_t ctime);

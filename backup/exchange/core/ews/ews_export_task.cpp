@@ -274,12 +274,14 @@ void EWS_Export_Task::open_mailbox(const std::string& mailbox)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   released_.erase(mailbox);
+  forgotten_.erase(mailbox);
 }
 
 void EWS_Export_Task::release_mailbox(const std::string& mailbox)
 {
   ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
   released_.insert(mailbox);
+  forgotten_.erase(mailbox);
   Mailbox_Data_Map::iterator it = cache_.find(mailbox);
   if (it != cache_.end())
   {
@@ -293,6 +295,52 @@ void EWS_Export_Task::release_mailbox(const std::string& mailbox)
                       failed_items_.end());
   if (room_cond_)
     room_cond_->broadcast();
+}
+
+void EWS_Export_Task::forget_items(const std::string& mailbox, const std::vector<std::string>& ids)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  if (released_.count(mailbox) != 0)
+    return;
+  std::set<std::string> gone(ids.begin(), ids.end());
+  Mailbox_Data_Map::iterator cached = cache_.find(mailbox);
+  for (const std::string& id : ids)
+  {
+    std::map<std::string, EWS_b64_Data>::iterator slot;
+    if (cached != cache_.end() && (slot = cached->second.find(id)) != cached->second.end())
+    {
+      // Exported already: its bytes go back to the budget now.
+      if (slot->second.ptr)
+        cache_bytes_ -= static_cast<uint64_t>(slot->second.size);
+      cached->second.erase(slot);
+    }
+    else
+      forgotten_[mailbox].insert(id);
+  }
+  failed_items_.erase(std::remove_if(failed_items_.begin(), failed_items_.end(),
+                                     [&](const std::pair<std::string, std::string>& f)
+                                     { return f.first == mailbox && gone.count(f.second); }),
+                      failed_items_.end());
+  if (room_cond_)
+    room_cond_->broadcast();
+}
+
+bool EWS_Export_Task::is_wanted_i(const std::string& mailbox, const std::string& id)
+{
+  if (released_.count(mailbox) != 0)
+    return false;
+  std::map<std::string, std::set<std::string>>::iterator f = forgotten_.find(mailbox);
+  if (f == forgotten_.end() || f->second.erase(id) == 0)
+    return true;
+  if (f->second.empty())
+    forgotten_.erase(f);
+  return false;
+}
+
+bool EWS_Export_Task::is_wanted(const std::string& mailbox, const std::string& id)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(cache_lock_);
+  return is_wanted_i(mailbox, id);
 }
 
 bool EWS_Export_Task::is_released(const std::string& mailbox)
@@ -334,8 +382,8 @@ bool EWS_Export_Task::cache_items(EWS_Export_Requests& requests)
   failed_items_.reserve(failed_items_.size() + requests.size());
   for (EWS_Export_Request& request : requests)
   {
-    // Ended while this batch was being exported: nobody will read it.
-    if (released_.count(request.mailbox) != 0)
+    // Ended or passed by while this batch was being exported: nobody will read it.
+    if (!is_wanted_i(request.mailbox, request.id))
       continue;
     EWS_b64_Data& slot = cache_[request.mailbox][request.id];
     if (slot.ptr)
@@ -440,7 +488,8 @@ void EWS_Export_Task::gather(std::vector<std::unique_ptr<EWS_Export_Args>>& take
 
 bool EWS_Export_Task::export_taken(EWS_Client& ews, std::vector<std::unique_ptr<EWS_Export_Args>>& taken)
 {
-  // In queue order, without the items of mailboxes that have ended.
+  // In queue order, without the items of mailboxes that have ended or of
+  // folders the stream passed by.
   EWS_Export_Requests all;
   std::vector<uint64_t> sizes;
   for (const std::unique_ptr<EWS_Export_Args>& args : taken)
@@ -449,6 +498,8 @@ bool EWS_Export_Task::export_taken(EWS_Client& ews, std::vector<std::unique_ptr<
       continue;
     for (size_t i = 0; i < args->item_ids.size(); ++i)
     {
+      if (!is_wanted(args->mailbox, args->item_ids[i]))
+        continue;
       all.emplace_back();
       all.back().mailbox = args->mailbox;
       all.back().id = std::move(args->item_ids[i]);
@@ -461,10 +512,11 @@ bool EWS_Export_Task::export_taken(EWS_Client& ews, std::vector<std::unique_ptr<
   {
     if (!wait_for_room(sizes, begin, end))
       return false;
-    // A mailbox may have ended while this call waited for room.
+    // A mailbox may have ended, or a folder been passed by, while this call
+    // waited for room.
     EWS_Export_Requests call;
     for (size_t i = begin; i < end; ++i)
-      if (!is_released(all[i].mailbox))
+      if (is_wanted(all[i].mailbox, all[i].id))
         call.push_back(std::move(all[i]));
     if (call.empty())
     {

@@ -94,6 +94,11 @@ public:
   // A mailbox has ended: its cached contents are dropped, its queued batches
   // skipped from now on, and its failed items forgotten.
   void release_mailbox(const std::string& mailbox);
+  // Items of `mailbox` that no reader will take (the stream passed by their
+  // folder after their exports were queued): dropped from the cache, and from
+  // queued batches and calls under way when they come, so that they do not hold
+  // the budget.
+  void forget_items(const std::string& mailbox, const std::vector<std::string>& ids);
 
   void cache_budget(uint64_t bytes) { budget_ = bytes; }
   // Bytes of exported contents waiting in the cache, and the most ever held.
@@ -154,6 +159,11 @@ private:
   // results. False when the thread must leave.
   bool export_taken(EWS_Client& ews, std::vector<std::unique_ptr<EWS_Export_Args>>& taken);
   bool is_released(const std::string& mailbox);
+  // Whether an item is still wanted: its mailbox not released, the item not
+  // forgotten. A forgotten item is skipped where it is found unwanted, so it is
+  // forgotten no more. Under cache_lock_ (is_wanted takes it).
+  bool is_wanted_i(const std::string& mailbox, const std::string& id);
+  bool is_wanted(const std::string& mailbox, const std::string& id);
   bool context_gone_or_cancelling();
 
   boost::weak_ptr<EWS_Backup_Context> ctx_;
@@ -177,6 +187,7 @@ private:
   uint64_t peak_held_bytes_;
   std::shared_ptr<Lender> lender_;
   std::set<std::string> released_;
+  std::map<std::string, std::set<std::string>> forgotten_;  // mailbox -> item ids
 };
 
 #endif

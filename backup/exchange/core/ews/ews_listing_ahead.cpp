@@ -99,6 +99,7 @@ bool EWS_Listing_Ahead::start(const std::string& mailbox, const std::string& roo
     std::lock_guard<std::mutex> guard(lock_);
     stop_ = false;
     cancel_ = false;
+    queue_failed_ = false;
     plan(Walk_Place(), root_path, roots);
     running_ = true;
     threads_running_ = clients;
@@ -190,6 +191,9 @@ void EWS_Listing_Ahead::drop_before(const Walk_Place& place)
   }
   while (!done_.empty() && done_.begin()->first < place)
   {
+    // Its items will never be read: they must not hold the export budget.
+    if (done_.begin()->second.exports_queued)
+      ctx_.drop_exports(mailbox_, done_.begin()->second.items);
     waiting_items_ -= done_.begin()->second.items.size();
     places_.erase(done_.begin()->second.id);
     done_.erase(done_.begin());
@@ -220,6 +224,20 @@ bool EWS_Listing_Ahead::wait_for(std::unique_lock<std::mutex>& guard, const std:
     floor_ = place;
     drop_before(place);
     std::map<Walk_Place, EWS_Folder_Listing>::iterator d = done_.find(place);
+    if (d != done_.end() && !d->second.exports_queued && !queue_failed_ && !stop_)
+    {
+      // Its exports come first now (everything before it was passed by): queue
+      // them, or wait while another caller is queueing.
+      if (queueing_)
+        changed_.wait(guard);
+      else
+      {
+        guard.unlock();
+        queue_exports_ahead();
+        guard.lock();
+      }
+      continue;
+    }
     if (d != done_.end())
     {
       out = std::move(d->second);
@@ -280,6 +298,55 @@ void EWS_Listing_Ahead::finish_folder(const Walk_Place& place, const Planned& fo
   changed_.notify_all();
 }
 
+bool EWS_Listing_Ahead::next_to_queue(Walk_Place& place)
+{
+  // Folders before where the stream is were passed by: they do not count.
+  const std::set<Walk_Place>::const_iterator listing = listing_.lower_bound(floor_);
+  for (std::map<Walk_Place, EWS_Folder_Listing>::iterator d = done_.begin(); d != done_.end(); ++d)
+  {
+    if (d->second.exports_queued)
+      continue;
+    if (d->second.items.empty())
+    {
+      d->second.exports_queued = true;
+      continue;
+    }
+    if ((!plan_.empty() && plan_.begin()->first < d->first) || (listing != listing_.end() && *listing < d->first))
+      return false;
+    place = d->first;
+    return true;
+  }
+  return false;
+}
+
+void EWS_Listing_Ahead::queue_exports_ahead()
+{
+  std::unique_lock<std::mutex> guard(lock_);
+  if (queueing_)
+    return;
+  queueing_ = true;
+  Walk_Place place;
+  while (!stop_ && !queue_failed_ && next_to_queue(place))
+  {
+    const EWS_Items items = done_[place].items;
+    // The export queue may be full: it is waited for without the lock, so the
+    // stream and the other listers go on meanwhile.
+    guard.unlock();
+    const bool queued = ctx_.queue_exports(mailbox_, items);
+    guard.lock();
+    std::map<Walk_Place, EWS_Folder_Listing>::iterator d = done_.find(place);
+    if (!queued)
+      queue_failed_ = true;
+    else if (d != done_.end())
+      d->second.exports_queued = true;
+    else if (!stop_)
+      ctx_.drop_exports(mailbox_, items);  // passed by while it was being queued
+    changed_.notify_all();
+  }
+  queueing_ = false;
+  changed_.notify_all();
+}
+
 void EWS_Listing_Ahead::svc(Lister& lister)
 {
   Walk_Place place;
@@ -289,6 +356,7 @@ void EWS_Listing_Ahead::svc(Lister& lister)
     EWS_Folder_Listing listing;
     const bool ok = list(*lister.ews, ctx_, mailbox_, folder.path, folder.id, folder.no_subfolders, listing);
     finish_folder(place, folder, ok, listing);
+    queue_exports_ahead();
   }
   thread_ended();
 }

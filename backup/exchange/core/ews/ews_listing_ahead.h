@@ -27,6 +27,8 @@ struct EWS_Folder_Listing
   bool ok = false;
   EWS_Folders subfolders;
   EWS_Items items;
+  // The items' exports were queued by the listing ahead.
+  bool exports_queued = false;
 };
 
 // Lists a mailbox's folders ahead of the backup stream, on threads of its own
@@ -41,13 +43,20 @@ struct EWS_Folder_Listing
 // before its later siblings. A folder whose listing reported it without
 // subfolders (ChildFolderCount 0) is not asked for them. At most a few
 // listings (folders and items) wait to be taken; each take() frees room, and
-// the folder the stream waits for is always begun at once. Nothing is exported
-// from here: the stream queues a folder's exports when it takes the listing,
-// so the export queue keeps the stream's order.
+// the folder the stream waits for is always begun at once.
+//
+// A listed folder's exports are queued at once, so that the export thread
+// fetches the items of the next folders while the stream writes this one's,
+// and merges small folders into one call. They are queued in the stream's
+// order, never before those of a folder the stream comes to earlier (one
+// still planned or being listed), so the export queue keeps the order in
+// which items are read; take() hands a listing over only once its exports are
+// queued (exports_queued), or their queueing failed and the stream must try.
 //
 // A folder the stream passes by without taking its listing (a name the backup
 // set cannot store) has its listing dropped, or not made, when a later one is
-// taken; nothing below it is listed. A folder that is not planned (the threads
+// taken, and its queued exports dropped with it (the export thread forgets its
+// items); nothing below it is listed. A folder that is not planned (the threads
 // were stopped, or never started, or the folder is below one whose listing
 // failed) is answered false by take(): the caller lists it itself.
 //
@@ -117,6 +126,13 @@ private:
   // Waits for the next folder to list; false when there is none any more.
   bool next_folder(Walk_Place& place, Planned& folder);
   void finish_folder(const Walk_Place& place, const Planned& folder, bool ok, EWS_Folder_Listing& listing);
+  // Queues the exports of every listing whose turn has come, in the stream's
+  // order; only one caller queues at a time (another returns at once, the one
+  // queueing looks again before it stops).
+  void queue_exports_ahead();
+  // Under the lock: the first listing waiting to be taken whose exports are not
+  // queued yet, when no folder the stream reaches before it may still come.
+  bool next_to_queue(Walk_Place& place);
   bool room() const;
   bool may_begin() const;
   // Plans `folders` (children of the folder at `parent` whose path is `parent_path`).
@@ -142,6 +158,8 @@ private:
   bool waiting_ = false;  // the stream waits for `wanted_`
   Walk_Place wanted_;
   size_t waiting_items_ = 0;
+  bool queueing_ = false;      // a caller is queueing exports (the lock released)
+  bool queue_failed_ = false;  // a queueing failed: the stream queues for itself
 };
 
 #endif

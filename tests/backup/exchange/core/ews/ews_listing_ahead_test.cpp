@@ -1,4 +1,5 @@
 #include "backup/exchange/core/ews/ews_backup_context.h"
+#include "backup/exchange/core/ews/ews_export_task.h"
 #include "backup/exchange/core/ews/ews_listing_ahead.h"
 #include "backup/exchange/core/ews/ews_mtf_utils.h"
 #include "backup/exchange/core/ews/fake_mailboxes.h"
@@ -283,4 +284,44 @@ TEST(EwsListingAhead, SeveralListersListAtOnceAndHandOverInTheStreamsOrder)
     EXPECT_EQ(std::count(again.begin(), again.end(), id), 1) << id;
     EXPECT_NE(id.rfind("T0S", 0), 0u) << id;
   }
+}
+
+TEST(EwsListingAhead, ExportsAreQueuedAheadAndDroppedWithTheFoldersPassedBy)
+{
+  Fake_Mailboxes boxes;
+  for (const char* id : {"L0", "L1", "L2", "L3", "L4", "L5"})
+    boxes.mailboxes["m@x"].push_back(Fake_Mailboxes::folder(id, id, 2));
+  Ahead_Run run(boxes);
+  ASSERT_TRUE(run.ctx().activate_export_task(&run.job()));
+  run.ctx().begin_mailbox("m@x");
+  EWS_Listing_Ahead ahead(run.ctx(), 1);
+  ASSERT_TRUE(ahead.start("m@x", mailbox_to_path("m@x"), run.roots("m@x")));
+
+  // The folders listed before the stream takes any are exported already.
+  ASSERT_TRUE(Ahead_Run::eventually([&] { return boxes.items_exported.load() == 8; }));
+  EWS_Folder_Listing listing;
+  ASSERT_TRUE(ahead.take("L0", listing));
+  EXPECT_TRUE(listing.exports_queued);
+  for (const EWS_Item& item : listing.items)
+  {
+    EWS_b64_Data data;
+    ASSERT_TRUE(run.ctx().get_item("m@x", item.id, data)) << item.id;
+    EXPECT_EQ(static_cast<size_t>(data.size), boxes.item_size);
+  }
+
+  // Taking L0 made room: L4 and L5 follow. The stream then passes L1 and L2 by:
+  // their exported items leave the cache, and nothing is exported twice.
+  ASSERT_TRUE(Ahead_Run::eventually([&] { return boxes.items_exported.load() == 12; }));
+  const std::shared_ptr<EWS_Export_Task>& task = run.ctx().task();
+  ASSERT_TRUE(Ahead_Run::eventually([&] { return task->cache_bytes() == 10 * boxes.item_size; }));
+  ASSERT_TRUE(ahead.take("L3", listing));
+  EXPECT_TRUE(listing.exports_queued);
+  EXPECT_EQ(task->cache_bytes(), 6 * boxes.item_size);
+  for (const char* id : {"L4", "L5"})
+  {
+    ASSERT_TRUE(ahead.take(id, listing)) << id;
+    EXPECT_TRUE(listing.exports_queued) << id;
+  }
+  EXPECT_EQ(boxes.items_exported.load(), 12);
+  ahead.stop();
 }
