@@ -171,8 +171,10 @@ bool Catalog_Postgres::open(const Location& location, std::string& error)
 
 PGconn* Catalog_Postgres::connect(std::string& error)
 {
-  std::vector<const char*> keys = {"dbname", "application_name", "connect_timeout", "client_encoding"};
-  std::vector<const char*> values = {url_.c_str(), "backupd", "10", "UTF8"};
+  // Later parameters override earlier ones: the URL may set its own name and
+  // timeout, never the encoding or the password.
+  std::vector<const char*> keys = {"application_name", "connect_timeout", "dbname", "client_encoding"};
+  std::vector<const char*> values = {"backupd", "10", url_.c_str(), "UTF8"};
   if (!password_.empty())
   {
     keys.push_back("password");

@@ -6,9 +6,9 @@
 // superuser with a random password that logs in over TCP with SCRAM. Run as
 // root, the server runs as "nobody" (PostgreSQL refuses to run as root). One
 // cluster serves a whole test program (shared()); each test takes a database of
-// its own (create_database()). Text sorts by ICU's English rules unless a column says
-// otherwise, as on a typical production server. The server is stopped and the directory removed
-// when the program ends.
+// its own (create_database()). Text sorts by ICU's English rules unless a column
+// says otherwise, as on a typical production server. The server is stopped and
+// the directory removed when the program ends.
 
 #include <memory>
 #include <string>
