@@ -97,25 +97,6 @@ private:
   PGconn* conn_;
   PGresult* result_;
 };
-
-// Valid UTF-8: what PostgreSQL accepts as text. Stored records are always valid,
-// so a filter value that is not can match nothing.
-bool is_utf8(const std::string& text)
-{
-  size_t i = 0;
-  while (i < text.size())
-  {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    size_t n = c < 0x80 ? 0 : (c >> 5) == 0x6 ? 1 : (c >> 4) == 0xe ? 2 : (c >> 3) == 0x1e ? 3 : 4;
-    if (n == 4 || i + n >= text.size())
-      return false;
-    for (size_t k = 1; k <= n; ++k)
-      if ((static_cast<unsigned char>(text[i + k]) & 0xc0) != 0x80)
-        return false;
-    i += n + 1;
-  }
-  return true;
-}
 }  // namespace
 
 Catalog_Postgres::~Catalog_Postgres()
@@ -363,13 +344,6 @@ Catalog_DB::Commit_Result Catalog_Postgres::commit_set(const nlohmann::ordered_j
 bool Catalog_Postgres::query_sets(const Catalog_Query& query, nlohmann::ordered_json& answer, std::string& error)
 {
   answer = nlohmann::ordered_json::object();
-  for (const auto& filter : query.filters)
-    if (!is_utf8(filter.second))
-    {
-      answer["total"] = 0;
-      answer["rows"] = nlohmann::ordered_json::array();
-      return true;
-    }
   // Column names come from Catalog_Query's fixed lists, never from the request;
   // every value is a parameter.
   std::string where;
@@ -395,6 +369,14 @@ bool Catalog_Postgres::query_sets(const Catalog_Query& query, nlohmann::ordered_
       Pg_Result count(conn, count_sql.c_str(), params);
       Pg_Result rows(conn, rows_sql.c_str(), row_params);
       Pg_Result commit(conn, "COMMIT");
+      // A filter value that is not valid UTF-8 (refused as text here, SQLSTATE
+      // 22021) matches no stored record, as on SQLite.
+      if (count.sqlstate() == "22021")
+      {
+        answer["total"] = 0;
+        answer["rows"] = nlohmann::ordered_json::array();
+        return true;
+      }
       for (const Pg_Result* r : {&begin, &count, &rows, &commit})
         if (!r->ok())
         {

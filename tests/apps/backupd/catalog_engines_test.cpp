@@ -128,6 +128,7 @@ TEST_P(Catalog_Engine_Test, FiltersSortsAndPagesAlike)
   EXPECT_EQ(ask(catalog, {{"offset", "10"}}), V({"5"}));
   EXPECT_EQ(ask(catalog, {{"limit", "0"}}), V({"5"}));
   EXPECT_EQ(ask(catalog, {{"resource_uuid", "\xff"}}), V({"0"}));
+  EXPECT_EQ(ask(catalog, {{"resource_uuid", "\xc0\x80"}}), V({"0"}));  // an overlong NUL
   EXPECT_EQ(ask(catalog, {{"resource_uuid", "r' OR '1'='1"}}), V({"0"}));
 
   Catalog_Query by_uuid;
