@@ -18,6 +18,7 @@ PACKAGES=(
   libace-dev libyajl-dev nlohmann-json3-dev libboost-dev
   libcurl4-openssl-dev libcpp-httplib-dev libpugixml-dev libexpat1-dev
   libsqlite3-dev libzstd-dev libssl-dev libgtest-dev libgmock-dev
+  libpq-dev postgresql
   chromium
 )
 # The console's browser test also needs Node.js (a Node.js installed from elsewhere

@@ -22,6 +22,16 @@ static void answer_error(httplib::Response& res, int status, const std::string& 
   res.set_content(body.dump(), "application/json");
 }
 
+// A catalog call that failed: 503 with Retry-After when the failure may pass
+// (the catalog database is unreachable for a moment), 500 otherwise.
+static void answer_catalog_failure(httplib::Response& res, const std::string& error, const std::string& text)
+{
+  if (!Catalog_DB::is_transient(error))
+    return answer_error(res, 500, text);
+  answer_error(res, 503, text + ": the catalog database is unavailable, try again");
+  res.set_header("Retry-After", "1");
+}
+
 // True when a JSON value holds a NUL character in a string or a key: catalog
 // values are compared and stored as text, where a NUL would cut them short.
 static bool holds_nul(const nlohmann::ordered_json& value)
@@ -268,7 +278,7 @@ void Backupd_Server::get_sets(const httplib::Request& req, httplib::Response& re
   if (!catalog_.query_sets(query, answer, error))
   {
     LOG_MSG(LM_ERROR, "Failed to query the catalog: %s\n", error.c_str());
-    return answer_error(res, 500, "catalog query failed");
+    return answer_catalog_failure(res, error, "catalog query failed");
   }
   answer_json(res, 200, answer);
 }
@@ -317,7 +327,7 @@ void Backupd_Server::post_set(const httplib::Request&, httplib::Response& res, c
     break;
   }
   LOG_MSG(LM_ERROR, "Failed to commit catalog record %s: %s\n", set.uuid.c_str(), error.c_str());
-  answer_error(res, 500, "catalog commit failed");
+  answer_catalog_failure(res, error, "catalog commit failed");
 }
 
 void Backupd_Server::delete_set(const httplib::Request& req, httplib::Response& res)
@@ -335,7 +345,7 @@ void Backupd_Server::delete_set(const httplib::Request& req, httplib::Response& 
   if (error.empty())
     return answer_error(res, 404, "no such record");
   LOG_MSG(LM_ERROR, "Failed to delete catalog record %s: %s\n", uuid.c_str(), error.c_str());
-  answer_error(res, 500, "catalog delete failed");
+  answer_catalog_failure(res, error, "catalog delete failed");
 }
 
 // A pool's answer; a pool without a URL of its own is served here.
@@ -355,7 +365,8 @@ void Backupd_Server::get_pool(const httplib::Request& req, httplib::Response& re
   Catalog_DB::Pool pool;
   std::string error;
   if (!catalog_.get_pool(req.matches[1], pool, error))
-    return error.empty() ? answer_error(res, 404, "no such pool") : answer_error(res, 500, "catalog read failed");
+    return error.empty() ? answer_error(res, 404, "no such pool")
+                         : answer_catalog_failure(res, error, "catalog read failed");
   std::string access = req.has_param("access") ? req.get_param_value("access") : "read";
   if (access != "read" && access != "write")
     return answer_error(res, 400, "access must be read or write");
@@ -373,7 +384,7 @@ void Backupd_Server::list_pools(const httplib::Request& req, httplib::Response& 
   std::vector<Catalog_DB::Pool> pools;
   std::string error;
   if (!catalog_.list_pools(pools, error))
-    return answer_error(res, 500, "catalog read failed");
+    return answer_catalog_failure(res, error, "catalog read failed");
   nlohmann::ordered_json answer;
   answer["pools"] = nlohmann::ordered_json::array();
   for (const auto& pool : pools)
@@ -390,7 +401,7 @@ std::shared_ptr<Object_Directory> Backupd_Server::pool_directory(const std::stri
   // catalog every time, which also sees a pool's current settings.
   if (!catalog_.get_pool(uuid, pool, error))
   {
-    error.empty() ? answer_error(res, 404, "no such pool") : answer_error(res, 500, "catalog read failed");
+    error.empty() ? answer_error(res, 404, "no such pool") : answer_catalog_failure(res, error, "catalog read failed");
     return nullptr;
   }
   if (pool_out != nullptr)

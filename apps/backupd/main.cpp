@@ -1,11 +1,12 @@
 // backupd: the backup server. It owns the storage pools and the catalog of a data
 // directory and serves them over HTTP (see docs/backupd.md).
 //
-//   backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N]
+//   backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N] [CATALOG]
 //   backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID]
-//                    [--url URL] [--settings JSON]
-//   backupd pool list --data DIR
-//   backupd pool remove --data DIR --name NAME
+//                    [--url URL] [--settings JSON] [CATALOG]
+//   backupd pool list --data DIR [CATALOG]
+//   backupd pool remove --data DIR --name NAME [CATALOG]
+// CATALOG: [--catalog sqlite:PATH | postgresql://...] [--catalog-password-file FILE]
 
 #include <csignal>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <ftw.h>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <pthread.h>
 #include <string>
 #include <sys/stat.h>
@@ -27,11 +29,14 @@
 namespace
 {
 const char USAGE[] =
-  "usage: backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N]\n"
+  "usage: backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N] [CATALOG]\n"
   "       backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID] [--url URL]"
-  " [--settings JSON]\n"
-  "       backupd pool list --data DIR\n"
-  "       backupd pool remove --data DIR --name NAME\n";
+  " [--settings JSON] [CATALOG]\n"
+  "       backupd pool list --data DIR [CATALOG]\n"
+  "       backupd pool remove --data DIR --name NAME [CATALOG]\n"
+  "CATALOG: [--catalog sqlite:PATH | --catalog postgresql://[USER@]HOST[:PORT]/DBNAME]"
+  " [--catalog-password-file FILE]\n"
+  "         (default: sqlite:DIR/catalog.db; the URL carries no password)\n";
 
 int usage()
 {
@@ -65,28 +70,68 @@ std::string new_uuid()
   return text;
 }
 
-bool open_catalog(const std::string& data_dir, Catalog_DB& catalog)
+// The PostgreSQL password from a file readable by its owner only (one line; a
+// trailing newline is not part of it).
+bool read_password_file(const std::string& path, std::string& password)
 {
-  std::string error;
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+  {
+    std::cerr << "backupd: cannot read the catalog password file " << path << "\n";
+    return false;
+  }
+  if ((st.st_mode & 077) != 0)
+  {
+    std::cerr << "backupd: the catalog password file " << path << " must not be readable by others (chmod 600)\n";
+    return false;
+  }
+  std::ifstream in(path, std::ios::binary);
+  if (!in || !std::getline(in, password) || password.empty())
+  {
+    std::cerr << "backupd: the catalog password file " << path << " holds no password\n";
+    return false;
+  }
+  if (password.back() == '\r')
+    password.pop_back();
+  return true;
+}
+
+// Opens the catalog named by --catalog (default: the SQLite file in the data
+// directory) with up to `connections` database connections.
+std::unique_ptr<Catalog_DB> open_catalog(const std::map<std::string, std::string>& flags, int connections)
+{
+  const std::string& data_dir = flags.at("data");
   if (mkdir(data_dir.c_str(), 0750) != 0 && errno != EEXIST)
   {
     std::cerr << "backupd: cannot create " << data_dir << "\n";
-    return false;
+    return nullptr;
   }
-  if (!catalog.open(data_dir + "/catalog.db", error))
+  Catalog_DB::Location location;
+  location.url = flags.count("catalog") ? flags.at("catalog") : "sqlite:" + data_dir + "/catalog.db";
+  location.connections = connections;
+  if (flags.count("catalog-password-file"))
   {
-    std::cerr << "backupd: cannot open the catalog: " << error << "\n";
-    return false;
+    if (!Catalog_DB::is_postgres_url(location.url))
+    {
+      std::cerr << "backupd: --catalog-password-file is for a PostgreSQL catalog\n";
+      return nullptr;
+    }
+    if (!read_password_file(flags.at("catalog-password-file"), location.password))
+      return nullptr;
   }
-  return true;
+  std::string error;
+  std::unique_ptr<Catalog_DB> catalog = Catalog_DB::open(location, error);
+  if (!catalog)
+    std::cerr << "backupd: cannot open the catalog: " << error << "\n";
+  return catalog;
 }
 
 int pool_add(const std::map<std::string, std::string>& flags)
 {
   if (!flags.count("data") || !flags.count("name"))
     return usage();
-  Catalog_DB catalog;
-  if (!open_catalog(flags.at("data"), catalog))
+  std::unique_ptr<Catalog_DB> catalog = open_catalog(flags, 1);
+  if (!catalog)
     return 1;
   Catalog_DB::Pool pool;
   pool.uuid = flags.count("uuid") ? flags.at("uuid") : new_uuid();
@@ -105,7 +150,7 @@ int pool_add(const std::map<std::string, std::string>& flags)
   // The catalog refuses invalid and duplicate pools before anything is created on
   // disk; a directory that cannot be made takes the pool out again.
   std::string error;
-  if (!catalog.add_pool(pool, error))
+  if (!catalog->add_pool(pool, error))
   {
     std::cerr << "backupd: cannot add the pool: " << error << "\n";
     return 1;
@@ -115,7 +160,7 @@ int pool_add(const std::map<std::string, std::string>& flags)
   {
     std::cerr << "backupd: cannot create the pool directory " << dir.root() << "\n";
     Catalog_DB::Pool removed;
-    catalog.remove_pool(pool.name, removed, error);
+    catalog->remove_pool(pool.name, removed, error);
     return 1;
   }
   std::cout << pool.uuid << std::endl;
@@ -131,12 +176,12 @@ int pool_remove(const std::map<std::string, std::string>& flags)
 {
   if (!flags.count("data") || !flags.count("name"))
     return usage();
-  Catalog_DB catalog;
-  if (!open_catalog(flags.at("data"), catalog))
+  std::unique_ptr<Catalog_DB> catalog = open_catalog(flags, 1);
+  if (!catalog)
     return 1;
   Catalog_DB::Pool pool;
   std::string error;
-  switch (catalog.remove_pool(flags.at("name"), pool, error))
+  switch (catalog->remove_pool(flags.at("name"), pool, error))
   {
   case Catalog_DB::REMOVED:
     break;
@@ -166,12 +211,12 @@ int pool_list(const std::map<std::string, std::string>& flags)
 {
   if (!flags.count("data"))
     return usage();
-  Catalog_DB catalog;
-  if (!open_catalog(flags.at("data"), catalog))
+  std::unique_ptr<Catalog_DB> catalog = open_catalog(flags, 1);
+  if (!catalog)
     return 1;
   std::vector<Catalog_DB::Pool> pools;
   std::string error;
-  if (!catalog.list_pools(pools, error))
+  if (!catalog->list_pools(pools, error))
   {
     std::cerr << "backupd: " << error << "\n";
     return 1;
@@ -203,13 +248,16 @@ int serve(const std::map<std::string, std::string>& flags)
     return 1;
   }
   const std::string& data_dir = flags.at("data");
-  Catalog_DB catalog;
-  if (!open_catalog(data_dir, catalog))
+  // One catalog connection per worker thread at most.
+  std::unique_ptr<Catalog_DB> catalog = open_catalog(flags, threads);
+  if (!catalog)
     return 1;
   // Uploads cut off by a crash left temporaries behind; none of them was
-  // acknowledged, so they go.
+  // acknowledged, so they go. With a PostgreSQL catalog other backupd processes
+  // may be uploading into the same pools right now: their temporaries stay.
   std::vector<Catalog_DB::Pool> pools;
-  if (catalog.list_pools(pools, error))
+  bool shared_catalog = Catalog_DB::is_postgres_url(flags.count("catalog") ? flags.at("catalog") : "");
+  if (!shared_catalog && catalog->list_pools(pools, error))
     for (const auto& pool : pools)
       Object_Directory(Backupd_Server::pool_root(data_dir, pool.uuid)).remove_stale_temporaries();
 
@@ -221,7 +269,7 @@ int serve(const std::map<std::string, std::string>& flags)
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  Backupd_Server server(data_dir, catalog, keys, threads);
+  Backupd_Server server(data_dir, *catalog, keys, threads);
   int bound = 0;
   if (!server.bind(host, port, bound))
   {

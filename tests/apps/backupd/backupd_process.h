@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "host/storage/host_manager.h"
 
@@ -48,11 +49,20 @@ public:
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
   std::string pool_url(const std::string& uuid) const { return url() + "/d2/storage/" + uuid; }
 
+  // Arguments naming the catalog ("--catalog", URL, ...), given to the server
+  // and to "backupd pool add"; none: the SQLite catalog in the data directory.
+  void set_catalog_args(const std::vector<std::string>& args) { catalog_args_ = args; }
+  // Where the server's standard error goes (empty: this program's).
+  void set_error_log(const std::string& path) { error_log_ = path; }
+
   // Runs "backupd pool add"; true when it succeeded.
   bool add_pool(const std::string& uuid, const std::string& name, const std::string& settings = "{}")
   {
     std::string command = std::string(BACKUPD_PATH) + " pool add --data '" + data_ + "' --uuid '" + uuid +
-                          "' --name '" + name + "' --host-uuid host-1 --settings '" + settings + "' > /dev/null";
+                          "' --name '" + name + "' --host-uuid host-1 --settings '" + settings + "'";
+    for (const std::string& arg : catalog_args_)
+      command += " '" + arg + "'";
+    command += " > /dev/null";
     return system(command.c_str()) == 0;
   }
 
@@ -82,10 +92,21 @@ public:
       dup2(out[1], 1);
       close(out[0]);
       close(out[1]);
-      std::string listen = "127.0.0.1:" + std::to_string(port);
-      std::string keys = root_ + "/keys";
-      execl(BACKUPD_PATH, BACKUPD_PATH, "--data", data_.c_str(), "--access-key-file", keys.c_str(), "--listen",
-            listen.c_str(), static_cast<char*>(nullptr));
+      if (!error_log_.empty())
+        dup2(::open(error_log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+      std::vector<std::string> args = {BACKUPD_PATH,
+                                       "--data",
+                                       data_,
+                                       "--access-key-file",
+                                       root_ + "/keys",
+                                       "--listen",
+                                       "127.0.0.1:" + std::to_string(port)};
+      args.insert(args.end(), catalog_args_.begin(), catalog_args_.end());
+      std::vector<char*> argv;
+      for (std::string& arg : args)
+        argv.push_back(&arg[0]);
+      argv.push_back(nullptr);
+      execv(BACKUPD_PATH, argv.data());
       _exit(127);
     }
     close(out[1]);
@@ -133,6 +154,8 @@ private:
 
   std::string root_;
   std::string data_;
+  std::vector<std::string> catalog_args_;
+  std::string error_log_;
   pid_t pid_ = -1;
   int port_ = 0;
 };

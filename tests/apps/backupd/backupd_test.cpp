@@ -5,7 +5,6 @@
 #include <thread>
 
 #include "apps/backupd/backupd_process.h"
-#include "apps/backupd/catalog_db.h"
 
 using json = nlohmann::ordered_json;
 
@@ -312,27 +311,4 @@ TEST_F(Backupd_Test, AcknowledgedCommitsSurviveAKill)
   ASSERT_EQ(answer["total"], 1);
   EXPECT_EQ(answer["rows"][0]["rev"], 7);
   EXPECT_EQ(after.Get("/d2/storage/pool-a/kept")->body, "kept bytes");
-}
-
-TEST(Catalog_DB, MigratesAFreshFileToTheLatestSchemaOnce)
-{
-  char tmpl[] = "/tmp/catalog_db_XXXXXX";
-  std::string dir = mkdtemp(tmpl);
-  std::string error;
-  {
-    Catalog_DB db;
-    ASSERT_TRUE(db.open(dir + "/c.db", error)) << error;
-    EXPECT_EQ(db.schema_version(), 1);
-    Catalog_DB::Pool pool;
-    pool.uuid = "p";
-    pool.name = "n";
-    ASSERT_TRUE(db.add_pool(pool, error));
-  }
-  Catalog_DB again;
-  ASSERT_TRUE(again.open(dir + "/c.db", error)) << error;
-  EXPECT_EQ(again.schema_version(), 1);
-  Catalog_DB::Pool pool;
-  EXPECT_TRUE(again.get_pool("p", pool, error));
-  std::string command = "rm -rf '" + dir + "'";
-  ASSERT_EQ(system(command.c_str()), 0);
 }
