@@ -54,8 +54,8 @@ typedef std::map<std::string, std::map<std::string, EWS_b64_Data>> Mailbox_Data_
 // before its items are read, so a folder of more than 16384 batches passes the
 // budget by what does not fit the queue rather than stall the run. A
 // mailbox ended in the stream is released: its cached items are dropped and its
-// still-queued batches skipped, so items no reader will take never hold the
-// budget.
+// still-queued batches skipped, and items of a folder the stream passed by are
+// forgotten the same way, so items no reader will take never hold the budget.
 //
 // Owned by the backup context (shared pointer); it reaches the context only
 // through a weak pointer. putq, get_item, get_failed_items, open_mailbox and
