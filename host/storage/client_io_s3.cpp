@@ -65,6 +65,14 @@ void set_memory_body(HTTP_Request& request, const char* data, size_t len, size_t
 }
 }  // namespace
 
+size_t Client_IO_S3::part_size_of(size_t part_number)
+{
+  size_t size = part_size;
+  for (size_t tier = (part_number - 1) / 1000; tier > 0 && size < max_part_size; --tier)
+    size *= 2;
+  return size;
+}
+
 Client_IO_S3::~Client_IO_S3()
 {
   abort_write();
@@ -216,7 +224,6 @@ bool Client_IO_S3::open_write(const std::string& name, bool overwrite)
   write_key_ = key;
   write_overwrite_ = overwrite;
   part_.clear();
-  part_.reserve(part_size);
   upload_id_.clear();
   etags_.clear();
   write_total_ = 0;
@@ -325,13 +332,14 @@ bool Client_IO_S3::write(const void* data, size_t len)
   const char* p = static_cast<const char*>(data);
   while (len > 0)
   {
-    const size_t take = std::min({len, part_size - part_.size(), S3_PIECE});
+    const size_t whole = part_size_of(etags_.size() + 1);
+    const size_t take = std::min({len, whole - part_.size(), S3_PIECE});
     limiter_.throttle(take);
     part_.append(p, take);
     p += take;
     len -= take;
     write_total_ += take;
-    if (part_.size() == part_size && ((upload_id_.empty() && !start_upload()) || !upload_part()))
+    if (part_.size() == whole && ((upload_id_.empty() && !start_upload()) || !upload_part()))
       return abandon_write();
   }
   return true;

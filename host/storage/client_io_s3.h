@@ -15,7 +15,7 @@
 // path-style.
 //
 // Writes: put_contents is one PUT. A streamed write gathers its bytes into parts
-// of part_size bytes in memory; the first full part starts a multipart upload,
+// (see part_size_of) in memory; the first full part starts a multipart upload,
 // each part is sent by the calling thread as it fills, and close_write sends the
 // last part and completes the upload with the parts' ETags (a stream shorter than
 // one part is a single PUT). A failed part is sent again on its own, not the whole
@@ -37,7 +37,13 @@
 class Client_IO_S3 : public Client_IO_Base
 {
 public:
+  // Parts 1 to 1000 of a streamed write are part_size bytes; each further
+  // thousand doubles, up to max_part_size, so that an object of about 760 GB
+  // fits the stores' limit of 10,000 parts while a stream holds at most one part
+  // in memory (8 MiB for any object below 7.8 GiB).
   static const size_t part_size = 8 * 1024 * 1024;
+  static const size_t max_part_size = 128 * 1024 * 1024;
+  static size_t part_size_of(size_t part_number);
 
   ~Client_IO_S3() override;
 

@@ -714,3 +714,16 @@ TEST_F(S3_Client_Test, AWrongSecretOrRegionIsRefusedAndNeverShown)
   EXPECT_FALSE(io.open("s3+http://127.0.0.1:1/Bad_Bucket/p", S3_Pool::options()));
   EXPECT_FALSE(io.open("s3+http://127.0.0.1:1/bucket/a/../b", S3_Pool::options()));
 }
+
+TEST(S3_Client, PartsGrowSoThatLargeObjectsFitTenThousandParts)
+{
+  EXPECT_EQ(Client_IO_S3::part_size_of(1), 8 * MiB);
+  EXPECT_EQ(Client_IO_S3::part_size_of(1000), 8 * MiB);
+  EXPECT_EQ(Client_IO_S3::part_size_of(1001), 16 * MiB);
+  EXPECT_EQ(Client_IO_S3::part_size_of(4001), 128 * MiB);
+  EXPECT_EQ(Client_IO_S3::part_size_of(10000), 128 * MiB);
+  uint64_t total = 0;
+  for (size_t part = 1; part <= 10000; ++part)
+    total += Client_IO_S3::part_size_of(part);
+  EXPECT_GT(total, 700ull * 1000 * 1000 * 1000);
+}
