@@ -107,6 +107,11 @@ bool set_s3_location(const std::map<std::string, std::string>& flags, Catalog_DB
                  " (3 to 63 of a-z, 0-9, '-', '.') and --prefix a relative path without '..'\n";
     return false;
   }
+  if (flags.count("region") && !S3_Location::is_region(flags.at("region")))
+  {
+    std::cerr << "backupd: --region must be letters, digits and '-'\n";
+    return false;
+  }
   S3_Credentials key;
   std::string error;
   char* absolute = realpath(flags.at("s3-credentials-file").c_str(), nullptr);

@@ -90,6 +90,8 @@ bool Client_IO_S3::open(const std::string& location, const Options& options)
     return fail(error);
   if (options.s3_credentials.empty())
     return fail("no access key for the object store pool " + location);
+  if (!options.s3_region.empty() && !S3_Location::is_region(options.s3_region))
+    return fail("not a region name: " + options.s3_region);
   HTTP_Session_Factory::Session_Options session_options;
   session_options.connect_timeout = S3_CONNECT_TIMEOUT;
   session_options.transfer_timeout = S3_REQUEST_TIMEOUT;

@@ -1,5 +1,7 @@
 #include "host/storage/s3_location.h"
 
+#include <cctype>
+
 #include "host/http/http_encoding.h"
 #include "host/http/uri_parser.h"
 #include "host/storage/storage_name.h"
@@ -17,6 +19,16 @@ static bool is_bucket_name(const std::string& bucket)
     return false;
   for (char c : bucket)
     if (!((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.'))
+      return false;
+  return true;
+}
+
+bool S3_Location::is_region(const std::string& region)
+{
+  if (region.empty() || region.size() > 64)
+    return false;
+  for (char c : region)
+    if (!(isalnum(static_cast<unsigned char>(c)) || c == '-'))
       return false;
   return true;
 }

@@ -23,6 +23,10 @@ public:
   static bool compose(const std::string& endpoint, const std::string& bucket, const std::string& prefix,
                       std::string& location);
 
+  // A region name as stores use them ("us-east-1", "garage"): letters, digits
+  // and "-", so that it can be part of a signing scope.
+  static bool is_region(const std::string& region);
+
   // Splits a location; false with `error` set when it is not one.
   bool parse(const std::string& location, std::string& error);
 

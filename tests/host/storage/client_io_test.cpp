@@ -711,6 +711,8 @@ TEST_F(S3_Client_Test, AWrongSecretOrRegionIsRefusedAndNeverShown)
   ASSERT_TRUE(io.open(location_, o));
   EXPECT_FALSE(io.put_contents("x", "x", true));
   EXPECT_FALSE(io.open(location_, Client_IO_Base::Options()));
+  o.s3_region = "eu:1";
+  EXPECT_FALSE(io.open(location_, o));
   EXPECT_FALSE(io.open("s3+http://127.0.0.1:1/Bad_Bucket/p", S3_Pool::options()));
   EXPECT_FALSE(io.open("s3+http://127.0.0.1:1/bucket/a/../b", S3_Pool::options()));
 }
