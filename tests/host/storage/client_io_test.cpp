@@ -571,7 +571,8 @@ protected:
   void TearDown() override
   {
     if (server_)
-      server_->set_faults({{"drop_part", nullptr}, {"slowdown", 0}, {"complete_error", 0}, {"page_size", 0}});
+      server_->set_faults(
+        {{"drop_part", nullptr}, {"slowdown", 0}, {"complete_error", 0}, {"complete_lost", 0}, {"page_size", 0}});
   }
   int count(const char* operation) const { return server_->stats()["requests"].value(operation, 0); }
 
@@ -656,6 +657,12 @@ TEST_F(S3_Client_Test, ThrottlingAndErrorsInsideA200AreRetriedWithinTheBudget)
   EXPECT_TRUE(write_generated(io, "multi", 5, PART + 1));
   EXPECT_EQ(count("CompleteMultipartUpload"), 2);
   EXPECT_TRUE(read_generated(io, "multi", 5, PART + 1));
+  // A completion applied whose answer was lost: the retry finds the upload gone
+  // and the object there whole.
+  server_->set_faults({{"complete_lost", 1}});
+  EXPECT_TRUE(write_generated(io, "lost-answer", 7, PART + 2)) << io.last_error();
+  EXPECT_EQ(count("CompleteMultipartUpload"), 4);
+  EXPECT_TRUE(read_generated(io, "lost-answer", 7, PART + 2));
 
   // Without a budget the 200 answer with an <Error> body fails the write.
   Client_IO_Ex once;

@@ -11,7 +11,8 @@
 //   times} closes the connection during that UploadPart once after_bytes of its
 //   body arrived; "slowdown" N answers the next N requests 503 SlowDown;
 //   "complete_error" N answers the next N completions 200 with an <Error> body;
-//   "page_size" N lists N keys a page;
+//   "complete_lost" N completes the next N uploads and closes the connection
+//   instead of answering; "page_size" N lists N keys a page;
 // - GET /__stats: counters (requests by operation, bytes sent by GETs, uploads
 //   still open) and POST /__reset to zero them.
 // Usage: node server.js --modules DIR --dir DATA --bucket B --access-key K
@@ -29,7 +30,7 @@ const he = require(path.join(args.modules, 'node_modules', 'he'));
 const AWSAccount = require(path.join(args.modules, 'node_modules', 's3rver', 'lib', 'models', 'account'));
 AWSAccount.DUMMY_ACCOUNT.createKeyPair(args['access-key'], args['secret-key']);
 
-const faults = { drop_part: null, slowdown: 0, complete_error: 0, page_size: 0 };
+const faults = { drop_part: null, slowdown: 0, complete_error: 0, complete_lost: 0, page_size: 0 };
 let stats;
 function resetStats() {
   stats = { requests: {}, get_bytes: 0 };
@@ -235,6 +236,12 @@ async function front(ctx, next) {
     if (parts.length === 0) return xmlError(ctx, 400, 'MalformedXML', 'no parts');
   }
   await next();
+  if (op === 'CompleteMultipartUpload' && ctx.status === 200 && faults.complete_lost > 0) {
+    faults.complete_lost -= 1;
+    ctx.req.socket.destroy();
+    ctx.respond = false;
+    return;
+  }
   if (listV2 && typeof ctx.body === 'string' && ctx.body.includes('<IsTruncated>true</IsTruncated>')) {
     const keys = [...ctx.body.matchAll(/<Key>([^<]*)<\/Key>/g)];
     const last = he.decode(keys[keys.length - 1][1]);
