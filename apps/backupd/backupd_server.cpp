@@ -10,6 +10,7 @@
 #include "host/base/log.h"
 #include "host/storage/http_head.h"
 #include "host/storage/object_writer.h"
+#include "host/storage/s3_credentials.h"
 #include "host/storage/storage_name.h"
 
 static const char SETS_RESOURCE[] = "/d2/r/v2/sets/restore/sets";
@@ -348,16 +349,33 @@ void Backupd_Server::delete_set(const httplib::Request& req, httplib::Response& 
   answer_catalog_failure(res, error, "catalog delete failed");
 }
 
-// A pool's answer; a pool without a URL of its own is served here.
-static nlohmann::ordered_json pool_json(const Catalog_DB::Pool& pool, const httplib::Request& req)
+// A pool's answer; a pool without a URL of its own is served here. A pool on an
+// S3-compatible store keeps its location in settings "s3" and the path of its
+// credentials file there; with `credentials`, the key is read from that file and
+// handed to the agent, which signs its own requests to the store. Otherwise (the
+// pool listing) neither the key nor its file is shown. False, with `error`, when
+// the key cannot be read.
+static bool pool_json(const Catalog_DB::Pool& pool, const httplib::Request& req, bool credentials,
+                      nlohmann::ordered_json& value, std::string& error)
 {
-  nlohmann::ordered_json value;
   value["uuid"] = pool.uuid;
   value["name"] = pool.name;
   value["host_uuid"] = pool.host_uuid;
   value["url"] = pool.url.empty() ? "http://" + req.get_header_value("Host") + "/d2/storage/" + pool.uuid : pool.url;
   value["settings"] = pool.settings;
-  return value;
+  auto s3 = value["settings"].find("s3");
+  if (s3 == value["settings"].end() || !s3->is_object())
+    return true;
+  const std::string file = s3->value("credentials_file", std::string());
+  s3->erase("credentials_file");
+  if (!credentials)
+    return true;
+  S3_Credentials key;
+  if (!key.read_file(file, error))
+    return false;
+  (*s3)["access_key_id"] = key.access_key_id;
+  (*s3)["secret_access_key"] = key.secret_access_key;
+  return true;
 }
 
 void Backupd_Server::get_pool(const httplib::Request& req, httplib::Response& res)
@@ -376,7 +394,13 @@ void Backupd_Server::get_pool(const httplib::Request& req, httplib::Response& re
   std::string pool_device = pool.settings.value("device_uuid", std::string());
   if (!device.empty() && !pool_device.empty() && device != pool_device)
     return answer_error(res, 404, "the pool has no such device");
-  answer_json(res, 200, pool_json(pool, req));
+  nlohmann::ordered_json value;
+  if (!pool_json(pool, req, true, value, error))
+  {
+    LOG_MSG(LM_ERROR, "Cannot hand out pool %s: %s\n", pool.name.c_str(), error.c_str());
+    return answer_error(res, 500, "the pool's object store credentials cannot be read");
+  }
+  answer_json(res, 200, value);
 }
 
 void Backupd_Server::list_pools(const httplib::Request& req, httplib::Response& res)
@@ -388,7 +412,11 @@ void Backupd_Server::list_pools(const httplib::Request& req, httplib::Response& 
   nlohmann::ordered_json answer;
   answer["pools"] = nlohmann::ordered_json::array();
   for (const auto& pool : pools)
-    answer["pools"].push_back(pool_json(pool, req));
+  {
+    nlohmann::ordered_json value;
+    pool_json(pool, req, false, value, error);
+    answer["pools"].push_back(value);
+  }
   answer_json(res, 200, answer);
 }
 

@@ -3,12 +3,16 @@
 //
 //   backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N] [CATALOG]
 //   backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID]
-//                    [--url URL] [--settings JSON] [CATALOG]
+//                    [--url URL] [--settings JSON]
+//                    [--s3-endpoint URL --bucket B [--prefix P] [--region R]
+//                     --s3-credentials-file FILE] [CATALOG]
 //   backupd pool list --data DIR [CATALOG]
 //   backupd pool remove --data DIR --name NAME [CATALOG]
 // CATALOG: [--catalog sqlite:PATH | postgresql://...] [--catalog-password-file FILE]
 
+#include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <cstdio>
 #include <fstream>
 #include <ftw.h>
@@ -25,13 +29,17 @@
 #include "apps/backupd/catalog_db.h"
 #include "host/base/log.h"
 #include "host/storage/object_directory.h"
+#include "host/storage/s3_credentials.h"
+#include "host/storage/s3_location.h"
 
 namespace
 {
 const char USAGE[] =
   "usage: backupd --data DIR --access-key-file FILE [--listen HOST:PORT] [--threads N] [CATALOG]\n"
   "       backupd pool add --data DIR --name NAME [--uuid UUID] [--host-uuid UUID] [--url URL]"
-  " [--settings JSON] [CATALOG]\n"
+  " [--settings JSON]\n"
+  "                        [--s3-endpoint URL --bucket BUCKET [--prefix PREFIX] [--region REGION]"
+  " --s3-credentials-file FILE] [CATALOG]\n"
   "       backupd pool list --data DIR [CATALOG]\n"
   "       backupd pool remove --data DIR --name NAME [CATALOG]\n"
   "CATALOG: [--catalog sqlite:PATH | --catalog postgresql://[USER@]HOST[:PORT]/DBNAME]"
@@ -126,6 +134,49 @@ std::unique_ptr<Catalog_DB> open_catalog(const std::map<std::string, std::string
   return catalog;
 }
 
+// A pool in a bucket of an S3-compatible store: its location becomes the pool's
+// URL ("s3+https://endpoint/bucket/prefix") and settings "s3" keep the parts and
+// the absolute path of the credentials file, which is checked now and read again
+// whenever an agent asks for the pool (so a rotated key needs no change here).
+bool set_s3_location(const std::map<std::string, std::string>& flags, Catalog_DB::Pool& pool)
+{
+  if (!flags.count("bucket") || !flags.count("s3-credentials-file") || flags.count("url"))
+  {
+    std::cerr << "backupd: --s3-endpoint needs --bucket and --s3-credentials-file, and no --url\n";
+    return false;
+  }
+  const std::string prefix = flags.count("prefix") ? flags.at("prefix") : "";
+  if (!S3_Location::compose(flags.at("s3-endpoint"), flags.at("bucket"), prefix, pool.url))
+  {
+    std::cerr << "backupd: --s3-endpoint must be an http(s) URL without a path, --bucket a bucket name"
+                 " (3 to 63 of a-z, 0-9, '-', '.') and --prefix a relative path without '..'\n";
+    return false;
+  }
+  if (flags.count("region") && !S3_Location::is_region(flags.at("region")))
+  {
+    std::cerr << "backupd: --region must be letters, digits and '-'\n";
+    return false;
+  }
+  S3_Credentials key;
+  std::string error;
+  char* absolute = realpath(flags.at("s3-credentials-file").c_str(), nullptr);
+  const std::string file = absolute ? absolute : flags.at("s3-credentials-file");
+  free(absolute);
+  if (!key.read_file(file, error))
+  {
+    std::cerr << "backupd: " << error << "\n";
+    return false;
+  }
+  nlohmann::ordered_json s3;
+  s3["endpoint"] = flags.at("s3-endpoint");
+  s3["bucket"] = flags.at("bucket");
+  s3["prefix"] = prefix;
+  s3["region"] = flags.count("region") ? flags.at("region") : "us-east-1";
+  s3["credentials_file"] = file;
+  pool.settings["s3"] = s3;
+  return true;
+}
+
 int pool_add(const std::map<std::string, std::string>& flags)
 {
   if (!flags.count("data") || !flags.count("name"))
@@ -147,6 +198,8 @@ int pool_add(const std::map<std::string, std::string>& flags)
       return 1;
     }
   }
+  if (flags.count("s3-endpoint") && !set_s3_location(flags, pool))
+    return 1;
   // The catalog refuses invalid and duplicate pools before anything is created on
   // disk; a directory that cannot be made takes the pool out again.
   std::string error;

@@ -59,6 +59,16 @@ public:
   void repeatable(bool yes) { repeatable_ = yes; }
   bool repeatable() const { return repeatable_; }
 
+  // Signs the request with AWS Signature Version 4 (libcurl's CURLOPT_AWS_SIGV4):
+  // `provider` as libcurl takes it ("aws:amz:REGION:s3"), the key id and its
+  // secret. libcurl signs the path and query exactly as given, so the caller
+  // sends them in their canonical form (segments percent-encoded with upper-case
+  // digits, query parameters sorted by name, each with "=").
+  void sign_aws_sigv4(const std::string& provider, const std::string& key_id, const std::string& secret);
+  const std::string& aws_sigv4_provider() const { return sigv4_provider_; }
+  const std::string& aws_key_id() const { return sigv4_key_id_; }
+  const std::string& aws_secret() const { return sigv4_secret_; }
+
 private:
   int method_;
   std::string path_;
@@ -68,6 +78,9 @@ private:
   int64_t body_source_size_ = -1;
   long transfer_timeout_ = -1;
   bool repeatable_ = true;
+  std::string sigv4_provider_;
+  std::string sigv4_key_id_;
+  std::string sigv4_secret_;
 };
 
 // What came back: status, header fields (names as sent), body. With a body sink

@@ -120,6 +120,7 @@ Http_Transport_Error classify(CURLcode code)
   case CURLE_RECV_ERROR:
   case CURLE_SEND_ERROR:
   case CURLE_PARTIAL_FILE:
+  case CURLE_SEND_FAIL_REWIND:  // the connection broke while a streamed body was sent
   case CURLE_HTTP2:
   case CURLE_HTTP2_STREAM:
     return HTTP_TRANSPORT_DROPPED;
@@ -212,6 +213,13 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
     curl_easy_setopt(curl_, CURLOPT_SSL_CTX_DATA, &settings_.ca_file);
   }
   curl_easy_setopt(curl_, CURLOPT_PROTOCOLS_STR, "http,https");
+  if (!request.aws_sigv4_provider().empty())
+  {
+    // libcurl adds x-amz-date and x-amz-content-sha256 and the Authorization field.
+    curl_easy_setopt(curl_, CURLOPT_AWS_SIGV4, request.aws_sigv4_provider().c_str());
+    curl_easy_setopt(curl_, CURLOPT_USERNAME, request.aws_key_id().c_str());
+    curl_easy_setopt(curl_, CURLOPT_PASSWORD, request.aws_secret().c_str());
+  }
   curl_easy_setopt(curl_, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, write_body);
   curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &transfer);
@@ -266,6 +274,11 @@ bool HTTP_Session::perform(const HTTP_Request& request, HTTP_Response& response)
   curl_slist_free_all(header_list);
   // The header list may hold an authorization value; libcurl keeps a pointer to it.
   curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, nullptr);
+  if (!request.aws_sigv4_provider().empty())
+  {
+    curl_easy_setopt(curl_, CURLOPT_USERNAME, nullptr);
+    curl_easy_setopt(curl_, CURLOPT_PASSWORD, nullptr);
+  }
   if (code != CURLE_OK)
   {
     set_error(code);

@@ -10,6 +10,7 @@
 #include "host/base/compression.h"
 #include "host/base/host_status.h"
 #include "host/base/rate_controller.h"
+#include "host/storage/s3_credentials.h"
 
 // A storage client on one pool location: objects are stored, read, listed and
 // removed by name (names as in is_valid_storage_name). Client_IO_Ex picks the
@@ -43,6 +44,10 @@ public:
     int d2t_access_mode = 0;
     // Further name/value pairs; the HTTP client sends each as a request header.
     std::map<std::string, std::string> extra_options;
+    // Pools on an S3-compatible store (Client_IO_S3): the region requests are
+    // signed for and the pool's access key.
+    std::string s3_region;
+    S3_Credentials s3_credentials;
 
     void set_extra_option(const std::string& name, const std::string& value);
     // Null when the option is not set.

@@ -2,6 +2,8 @@
 
 #include "host/storage/client_io_file.h"
 #include "host/storage/client_io_http.h"
+#include "host/storage/client_io_s3.h"
+#include "host/storage/s3_location.h"
 
 #include <mutex>
 
@@ -18,6 +20,8 @@ std::unique_ptr<Client_IO_Base> Client_IO_Ex::make_default(const std::string& lo
 {
   if (location.compare(0, 7, "http://") == 0 || location.compare(0, 8, "https://") == 0)
     return std::unique_ptr<Client_IO_Base>(new Client_IO_Http);
+  if (S3_Location::has_scheme(location))
+    return std::unique_ptr<Client_IO_Base>(new Client_IO_S3);
   if (location.compare(0, 7, "file://") == 0)
     return std::unique_ptr<Client_IO_Base>(new Client_IO_File);
   return nullptr;

@@ -9,7 +9,9 @@
 // The storage client the module and the streams use: one object store on a pool
 // location, picked by the location's scheme when it is opened:
 // - "http://…" or "https://…": a pool served by backupd (Client_IO_Http);
-// - "file:///…": a directory of this machine (Client_IO_File).
+// - "file:///…": a directory of this machine (Client_IO_File);
+// - "s3+https://…" or "s3+http://…": a bucket of an S3-compatible object store
+//   (Client_IO_S3), with the region and access key from the options.
 // Operations before a successful `open` fail with "storage client is not open".
 // See Client_IO_Base for the meaning of each operation; like the clients it
 // wraps, it logs nothing and leaves reporting a failure to its caller.

@@ -93,6 +93,23 @@ static bool read_number(const nlohmann::ordered_json& settings, const char* key,
   return true;
 }
 
+// An object store pool's region and access key, as backupd hands them out.
+static bool read_s3_settings(const nlohmann::ordered_json& settings, Client_IO_Base::Options& options)
+{
+  auto s3 = settings.find("s3");
+  if (s3 == settings.end())
+    return true;
+  if (!s3->is_object())
+    return false;
+  for (const char* key : {"region", "access_key_id", "secret_access_key"})
+    if (s3->contains(key) && !(*s3)[key].is_string())
+      return false;
+  options.s3_region = s3->value("region", std::string());
+  options.s3_credentials.access_key_id = s3->value("access_key_id", std::string());
+  options.s3_credentials.secret_access_key = s3->value("secret_access_key", std::string());
+  return true;
+}
+
 bool set_options_by_pool(Client_IO_Base::Options& options, const Pool_Info& info)
 {
   if (info.url.empty())
@@ -118,6 +135,8 @@ bool set_options_by_pool(Client_IO_Base::Options& options, const Pool_Info& info
         result.set_extra_option(it.key(), it.value().get<std::string>());
     }
   }
+  if (ok)
+    ok = read_s3_settings(info.settings, result);
   if (!ok)
   {
     LOG_MSG(LM_ERROR, "Pool %s has settings of the wrong type\n", info.uuid.c_str());

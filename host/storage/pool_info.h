@@ -12,7 +12,9 @@
 // `settings` keys read by set_options_by_pool (all optional): "max_seconds_retry"
 // (integer), "resumption_buffer_size" (integer), "dedup_chunk_size" (integer),
 // "compression_method" (0..3, see Compression_Method), "extra_options" (object of
-// strings, sent as headers). Other keys are backupd's own ("read_only",
+// strings, sent as headers), "s3" (a pool on an S3-compatible store: object of
+// "endpoint", "bucket", "prefix", "region", "access_key_id", "secret_access_key";
+// the region and the key go to the options, the URL already holds the rest). Other keys are backupd's own ("read_only",
 // "device_uuid").
 struct Pool_Info
 {

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+
+#include <fstream>
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
@@ -269,6 +271,43 @@ TEST_F(Backupd_Test, PoolsAreServedWithTheirSettings)
   ASSERT_TRUE(backupd_.add_pool("pool-b", "second"));
   EXPECT_FALSE(backupd_.add_pool("pool-c", "second"));
   EXPECT_EQ(c.Put("/d2/storage/pool-b/y", "y", "text/plain")->status, 201);
+}
+
+TEST_F(Backupd_Test, BucketPoolsHandOutTheirKeyOnlyWithThePoolAndCheckTheKeyFile)
+{
+  const std::string key_file = backupd_.root() + "/s3.json";
+  std::ofstream(key_file) << R"({"access_key_id": "AKID-1", "secret_access_key": "s3cr3t/+x"})";
+  chmod(key_file.c_str(), 0644);
+  const std::string add = std::string(BACKUPD_PATH) + " pool add --data '" + backupd_.data_dir() +
+                          "' --uuid pool-s3 --name bucketed --s3-endpoint https://objects.example.net:9000"
+                          " --bucket backups --prefix site-a --s3-credentials-file '" +
+                          key_file + "' > /dev/null 2>&1";
+  EXPECT_NE(system(add.c_str()), 0);  // readable by others
+  chmod(key_file.c_str(), 0600);
+  ASSERT_EQ(system(add.c_str()), 0);
+
+  auto c = client();
+  json pool = json::parse(c.Get("/d2/r/v2/pools/pool-s3?access=write")->body);
+  EXPECT_EQ(pool["url"], "s3+https://objects.example.net:9000/backups/site-a");
+  const json& s3 = pool["settings"]["s3"];
+  EXPECT_EQ(s3["endpoint"], "https://objects.example.net:9000");
+  EXPECT_EQ(s3["bucket"], "backups");
+  EXPECT_EQ(s3["prefix"], "site-a");
+  EXPECT_EQ(s3["region"], "us-east-1");
+  EXPECT_EQ(s3["access_key_id"], "AKID-1");
+  EXPECT_EQ(s3["secret_access_key"], "s3cr3t/+x");
+  EXPECT_FALSE(s3.contains("credentials_file"));
+  const std::string listing = c.Get("/d2/r/v2/pools")->body;
+  EXPECT_EQ(listing.find("s3cr3t"), std::string::npos);
+  EXPECT_EQ(listing.find(key_file), std::string::npos);
+
+  // The key file is read for every answer: a file gone is an error, not an empty key.
+  unlink(key_file.c_str());
+  EXPECT_EQ(c.Get("/d2/r/v2/pools/pool-s3")->status, 500);
+  const std::string bad = std::string(BACKUPD_PATH) + " pool add --data '" + backupd_.data_dir() +
+                          "' --name other --s3-endpoint https://h/path --bucket backups"
+                          " --s3-credentials-file /nonexistent > /dev/null 2>&1";
+  EXPECT_NE(system(bad.c_str()), 0);
 }
 
 TEST_F(Backupd_Test, ServesManyClientsAtOnce)
