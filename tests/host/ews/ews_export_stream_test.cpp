@@ -80,4 +80,27 @@ TEST(EwsExportStream, ACutAnswerKeepsTheItemsBeforeTheCutAndDamagedDataFailsOneI
   EWS_b64_Decoder short_text;
   EXPECT_TRUE(short_text.feed("aGVsbG8", 7));
   EXPECT_FALSE(short_text.finish());
+
+  // Every byte value, with line breaks, cut into two pieces at every place:
+  // whole quanta, quanta cut between pieces and whitespace all decode alike.
+  std::string all;
+  for (int i = 0; i < 256; ++i)
+    all.push_back(static_cast<char>(i));
+  const std::string text = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKissLS4vMDEyMzQ1Njc4OTo7PD0+P0BB\r\n"
+                           "QkNERUZHSElKS0xNTk9QUVJTVFVWV1hZWltcXV5fYGFiY2RlZmdoaWprbG1ub3BxcnN0dXZ3eHl6e3x9fn+AgYKD\r\n"
+                           "hIWGh4iJiouMjY6PkJGSk5SVlpeYmZqbnJ2en6ChoqOkpaanqKmqq6ytrq+wsbKztLW2t7i5uru8vb6/wMHCw8TF\r\n"
+                           "xsfIycrLzM3Oz9DR0tPU1dbX2Nna29zd3t/g4eLj5OXm5+jp6uvs7e7v8PHy8/T19vf4+fr7/P3+/w==";
+  for (size_t cut = 0; cut <= text.size(); ++cut)
+  {
+    EWS_b64_Decoder pieces;
+    ASSERT_TRUE(pieces.feed(text.data(), cut)) << cut;
+    ASSERT_TRUE(pieces.feed(text.data() + cut, text.size() - cut)) << cut;
+    ASSERT_TRUE(pieces.finish()) << cut;
+    ASSERT_EQ(text_of(pieces.take()), all) << cut;
+  }
+  // A bad character inside a run of whole quanta, and a symbol after padding.
+  EWS_b64_Decoder inside;
+  EXPECT_FALSE(inside.feed("QUJD\x80RUZH", 9));
+  EWS_b64_Decoder after_pad;
+  EXPECT_FALSE(after_pad.feed("QQ==QUJD", 8));
 }
