@@ -5,12 +5,16 @@
 // in a fresh data directory, the host libraries of the test process configured
 // for it, and for an exo-sim the tenant registry and agent configuration the
 // real agent runs with. Also the jobs they run and the EWS client and listing
-// helpers they check mailboxes with.
+// helpers they check mailboxes with. backupd keeps its catalog in SQLite in its
+// data directory and pool-1 in a directory there, unless a derived fixture gives
+// it other catalog arguments (backupd_.set_catalog_args) or pool arguments
+// (pool_args_) before SetUp.
 
 #include <sys/stat.h>  // backupd_process.h uses chmod
 
 #include "apps/backup-agent/agent_process.h"
 #include "apps/backupd/backupd_process.h"
+#include "backup/exchange/core/ews/ews_mtf_utils.h"
 #include "backup/exchange/core/ews/ews_utils.h"
 #include "host/catalog/exchange_backup_set.h"
 #include "host/catalog/read_catalogs.h"
@@ -21,6 +25,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -37,10 +42,19 @@ protected:
 
   void SetUp() override
   {
-    ASSERT_TRUE(backupd_.add_pool("pool-1", "main"));
+    ASSERT_TRUE(backupd_.add_pool("pool-1", "main", "{}", pool_args_));
     ASSERT_TRUE(backupd_.start());
     backupd_.configure_host();
     dir_ = backupd_.root();
+  }
+
+  // Ends backupd and starts a new process on the same data directory, catalog
+  // and port, so that the host libraries and the agent's configuration still
+  // point at it.
+  void restart_backupd()
+  {
+    backupd_.stop();
+    ASSERT_TRUE(backupd_.start(backupd_.port()));
   }
 
   std::string write(const std::string& name, const std::string& text)
@@ -187,6 +201,60 @@ protected:
     }
   }
 
+  // The selection entries of a whole mailbox for a restore job: every top-level
+  // folder of `ews`'s mailbox, by its id.
+  static std::vector<std::string> whole_mailbox(EWS_Client& ews)
+  {
+    EWS_Folders top;
+    EXPECT_TRUE(ews.list_folders("", top, true));
+    std::vector<std::string> entries;
+    for (const EWS_Folder& f : top)
+      entries.push_back(encode_name(f.id));
+    return entries;
+  }
+
+  // Every item below the restore's relocation folder `relocation` ("A/B": folder
+  // B below A in the mailbox's root), exported, by folder path from below it.
+  static void relocated(EWS_Client& ews, const std::string& relocation, Tree_Contents& out)
+  {
+    std::string id;
+    for (size_t start = 0; start <= relocation.size();)
+    {
+      size_t end = relocation.find('/', start);
+      if (end == std::string::npos)
+        end = relocation.size();
+      EWS_Folders children;
+      ASSERT_TRUE(ews.list_folders(id, children, true));
+      const EWS_Folder* folder = find(children, relocation.substr(start, end - start));
+      ASSERT_NE(folder, nullptr) << "no folder " << relocation.substr(0, end);
+      id = folder->id;
+      start = end + 1;
+    }
+    contents(ews, id, "", out);
+  }
+
+  // The items only one side has: folder, size and a hash of the bytes, one a line.
+  static std::string difference(const Tree_Contents& got, const Tree_Contents& want)
+  {
+    auto lines = [](const Tree_Contents& tree)
+    {
+      std::multiset<std::string> out;
+      for (const auto& entry : tree)
+        out.insert(entry.first + " " + std::to_string(entry.second.size()) + " " +
+                   std::to_string(std::hash<std::string>()(entry.second) % 100000));
+      return out;
+    };
+    const std::multiset<std::string> a = lines(got), b = lines(want);
+    std::string out;
+    for (const std::string& l : a)
+      if (b.count(l) < a.count(l))
+        out += "restored only: " + l + "\n";
+    for (const std::string& l : b)
+      if (a.count(l) < b.count(l))
+        out += "missing: " + l + "\n";
+    return out;
+  }
+
   // The first folder of `folders` named `name`, or null.
   static const EWS_Folder* find(const EWS_Folders& folders, const std::string& name)
   {
@@ -197,6 +265,8 @@ protected:
   }
 
   Backupd_Process backupd_;
+  // Arguments of "backupd pool add" for pool-1 beyond its uuid and name.
+  std::vector<std::string> pool_args_;
   std::string dir_;
   std::string config_;
   // The transport the tenant is registered with and clients use: "ews" or "graph".

@@ -5,7 +5,6 @@
 // written over EWS is refused by a Graph registration.
 
 #include "apps/backup-agent/agent_run_fixture.h"
-#include "backup/exchange/core/ews/ews_mtf_utils.h"
 
 #include <gtest/gtest.h>
 
@@ -75,11 +74,9 @@ TEST_F(Graph_Run, BacksUpAndRestoresOverGraphAndRefusesSetsOfTheOtherTransport)
   Tree_Contents original;
   ASSERT_NO_FATAL_FAILURE(contents(*source, "", "", original));
   ASSERT_FALSE(original.empty());
-  std::vector<std::string> all;
+  const std::vector<std::string> all = whole_mailbox(*source);
   EWS_Folders top;
   ASSERT_TRUE(source->list_folders("", top, true));
-  for (const EWS_Folder& f : top)
-    all.push_back(encode_name(f.id));
   // Browsing a live mailbox lists the same folders, by their Graph ids.
   outcome = agent({"folders", "--tenant", tenant_uuid, "--mailbox", alice}, "graph-folders");
   ASSERT_EQ(outcome.status, 0) << outcome.out << outcome.err;

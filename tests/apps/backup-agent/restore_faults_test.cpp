@@ -6,7 +6,6 @@
 // once, byte for byte, or be named as failed.
 
 #include "agent_run_fixture.h"
-#include "backup/exchange/core/ews/ews_mtf_utils.h"
 
 #include <string>
 #include <vector>
@@ -63,11 +62,7 @@ TEST_F(Restore_Faults, DroppedConnectionsBusyAnd503NeitherDuplicateNorLoseAnItem
   Tree_Contents original;
   ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
   ASSERT_GT(original.size(), 20u);
-  std::vector<std::string> all;
-  EWS_Folders top;
-  ASSERT_TRUE(ews->list_folders("", top, true));
-  for (const EWS_Folder& f : top)
-    all.push_back(encode_name(f.id));
+  const std::vector<std::string> all = whole_mailbox(*ews);
   EWS_Client_Ptr target = client(sim, admin);
 
   // Dropped connections alone, then with throttling and 503s. The simulator

@@ -12,7 +12,6 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -24,28 +23,6 @@ const char* const odd_name =
   "\xc3\x9c"
   "ber/Projekte \xe2\x82\xac";  // Unicode and a "/"
 const char* const uni_name = "\xc3\x9cn\xc3\xaf Ordner";
-
-// The items only one side has: folder, size and a hash of the bytes, one a line.
-std::string difference(const Tree_Contents& got, const Tree_Contents& want)
-{
-  auto lines = [](const Tree_Contents& tree)
-  {
-    std::multiset<std::string> out;
-    for (const auto& entry : tree)
-      out.insert(entry.first + " " + std::to_string(entry.second.size()) + " " +
-                 std::to_string(std::hash<std::string>()(entry.second) % 100000));
-    return out;
-  };
-  const std::multiset<std::string> a = lines(got), b = lines(want);
-  std::string out;
-  for (const std::string& l : a)
-    if (b.count(l) < a.count(l))
-      out += "restored only: " + l + "\n";
-  for (const std::string& l : b)
-    if (a.count(l) < b.count(l))
-      out += "missing: " + l + "\n";
-  return out;
-}
 
 class Restore_Run : public Agent_Run_Fixture
 {
@@ -104,11 +81,7 @@ TEST_P(Restore_Run_Over, RestoredItemsAreTheOriginalsInFoldersOfTheOriginalNames
   ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
 
   // The whole mailbox: every top-level folder.
-  std::vector<std::string> all;
-  EWS_Folders now;
-  ASSERT_TRUE(ews->list_folders("", now, true));
-  for (const EWS_Folder& f : now)
-    all.push_back(encode_name(f.id));
+  const std::vector<std::string> all = whole_mailbox(*ews);
   run = run_job(sim, restore_job("r-all", set, alice, admin, "Restored/All", all));
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   EXPECT_GT(calls(sim, transport_ == "graph" ? "importItem" : "UploadItems"), 0);
@@ -173,11 +146,7 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
   EWS_Client_Ptr ews = client(sim, alice);
   Tree_Contents original;
   ASSERT_NO_FATAL_FAILURE(contents(*ews, "", "", original));
-  std::vector<std::string> all;
-  EWS_Folders top;
-  ASSERT_TRUE(ews->list_folders("", top, true));
-  for (const EWS_Folder& f : top)
-    all.push_back(encode_name(f.id));
+  const std::vector<std::string> all = whole_mailbox(*ews);
 
   // Refusals before the server acts (throttling, 503). A connection dropped
   // after an upload or folder creation took effect is not among them: the
@@ -190,13 +159,8 @@ TEST_F(Restore_Run, FaultsDuringTheRestoreLoseNoItem)
   ASSERT_EQ(run.status, 0) << run.out << run.err;
   EXPECT_GT(status["faults"]["busy"].get<int>(), 0) << status.dump();
 
-  EWS_Client_Ptr target = client(sim, sim.mailbox("admin"));
-  EWS_Folders roots;
-  ASSERT_TRUE(target->list_folders("", roots, true));
-  const EWS_Folder* restored = find(roots, "Under Faults");
-  ASSERT_NE(restored, nullptr);
   Tree_Contents got;
-  ASSERT_NO_FATAL_FAILURE(contents(*target, restored->id, "", got));
+  ASSERT_NO_FATAL_FAILURE(relocated(*client(sim, sim.mailbox("admin")), "Under Faults", got));
   EXPECT_TRUE(got == original) << difference(got, original);
 }
 
@@ -255,13 +219,8 @@ TEST_P(Restore_Run_Over, SetsCommandListsTheSetAndRestoreCommandRestoresAFolderP
   EXPECT_GT(summary["bytes"].get<long>(), 0);
   EXPECT_EQ(summary["failures"], "");
 
-  EWS_Client_Ptr target = client(sim, admin);
-  EWS_Folders roots;
-  ASSERT_TRUE(target->list_folders("", roots, true));
-  const EWS_Folder* restored = find(roots, "By Command");
-  ASSERT_NE(restored, nullptr);
   Tree_Contents got;
-  ASSERT_NO_FATAL_FAILURE(contents(*target, restored->id, "", got));
+  ASSERT_NO_FATAL_FAILURE(relocated(*client(sim, admin), "By Command", got));
   Tree_Contents want;
   for (const auto& entry : original)
     if (entry.first == "Inbox/" + below[0].display_name)

@@ -55,11 +55,15 @@ public:
   // Where the server's standard error goes (empty: this program's).
   void set_error_log(const std::string& path) { error_log_ = path; }
 
-  // Runs "backupd pool add"; true when it succeeded.
-  bool add_pool(const std::string& uuid, const std::string& name, const std::string& settings = "{}")
+  // Runs "backupd pool add", with `args` after the pool's settings; true when
+  // it succeeded.
+  bool add_pool(const std::string& uuid, const std::string& name, const std::string& settings = "{}",
+                const std::vector<std::string>& args = {})
   {
     std::string command = std::string(BACKUPD_PATH) + " pool add --data '" + data_ + "' --uuid '" + uuid +
                           "' --name '" + name + "' --host-uuid host-1 --settings '" + settings + "'";
+    for (const std::string& arg : args)
+      command += " '" + arg + "'";
     for (const std::string& arg : catalog_args_)
       command += " '" + arg + "'";
     command += " > /dev/null";
@@ -94,6 +98,9 @@ public:
       close(out[1]);
       if (!error_log_.empty())
         dup2(::open(error_log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+      // Nothing else of this program's: a connection of its HTTP clients left
+      // open in the server would keep the peer waiting for it to close.
+      close_range(3, ~0U, 0);
       std::vector<std::string> args = {BACKUPD_PATH,
                                        "--data",
                                        data_,
