@@ -241,6 +241,13 @@ bool Exchange_Restore_Job_Executor::ews_restore(const Exchange_Restore_Input& in
   stream->restore_select(selection);
   stream->channel_num(channels);
   stream->concurrent(concurrent);
+  // The stream reads the set at the pool's URL given here, so it takes the
+  // pool's own client settings from here too (an object store pool's key).
+  if (!set_options_by_pool(stream->extra_client_io_opts(), input.pool_info))
+  {
+    LOG_MSG(LM_ERROR, "Failed to set IO options by pool, uuid = %s\n", pool_uuid_.c_str());
+    return false;
+  }
   set_options_by_job_def(stream->extra_client_io_opts(), def_, concurrent);
   set_options_by_host(stream->extra_client_io_opts());
 

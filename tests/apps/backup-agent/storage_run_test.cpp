@@ -6,10 +6,13 @@
 
 #include "apps/backup-agent/agent_run_fixture.h"
 #include "support/postgres_cluster.h"
+#include "host/storage/client_io_ex.h"
+#include "support/s3_server_process.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <ostream>
@@ -31,7 +34,8 @@ struct Storage_Setup
   };
   enum Pool
   {
-    DIRECTORY
+    DIRECTORY,
+    S3_BUCKET
   };
   const char* name;  // the instance's name, in the tests' names
   Catalog catalog;
@@ -53,6 +57,9 @@ protected:
     {
     case Storage_Setup::DIRECTORY:
       break;  // "pool add" makes it in backupd's data directory
+    case Storage_Setup::S3_BUCKET:
+      use_s3_pool();
+      break;
     }
     if (IsSkipped() || HasFatalFailure())
       return;
@@ -76,6 +83,29 @@ protected:
     backupd_.set_catalog_args({"--catalog", cluster->url(database), "--catalog-password-file", password_file});
   }
 
+  // pool-1 in a bucket of the program's S3 test server, under a prefix of its
+  // own: the agent writes the set's files there itself.
+  void use_s3_pool()
+  {
+    if (!S3_Server_Process::node_available())
+      GTEST_SKIP() << "Node.js is not installed: no S3 test server";
+    S3_Server_Process& s3 = S3_Server_Process::shared();
+    const std::string key_file = backupd_.root() + "/s3-key";
+    std::ofstream(key_file) << S3_Server_Process::access_key_id << "\n" << S3_Server_Process::secret_access_key << "\n";
+    ASSERT_EQ(chmod(key_file.c_str(), 0600), 0);
+    s3_prefix_ = "e2e-" + std::to_string(getpid()) + "-" + GetParam().name;
+    pool_args_ = {"--s3-endpoint",
+                  s3.endpoint(),
+                  "--bucket",
+                  S3_Server_Process::bucket,
+                  "--prefix",
+                  s3_prefix_,
+                  "--region",
+                  S3_Server_Process::region,
+                  "--s3-credentials-file",
+                  key_file};
+  }
+
   // The sets the agent's `sets` command lists for `mailbox`; each must hold
   // exactly `mailboxes`.
   std::set<std::string> listed(const std::string& mailbox, const std::set<std::string>& mailboxes)
@@ -93,6 +123,26 @@ protected:
       uuids.insert(entry["set_uuid"].get<std::string>());
     }
     return uuids;
+  }
+
+  // The names the pool's bucket holds under the set's folder (empty for a pool
+  // that is not in a bucket).
+  std::vector<std::string> bucket_names(const Exchange_Backup_Set& set)
+  {
+    std::vector<std::string> names;
+    if (GetParam().pool != Storage_Setup::S3_BUCKET)
+      return names;
+    S3_Server_Process& s3 = S3_Server_Process::shared();
+    Client_IO_Base::Options options;
+    options.s3_region = S3_Server_Process::region;
+    options.s3_credentials.access_key_id = S3_Server_Process::access_key_id;
+    options.s3_credentials.secret_access_key = S3_Server_Process::secret_access_key;
+    Client_IO_Ex io;
+    const std::string location = "s3+http://127.0.0.1:" + std::to_string(s3.port()) + "/" + S3_Server_Process::bucket +
+                                 "/" + s3_prefix_ + "/" + set.uri;
+    EXPECT_TRUE(io.open(location, options)) << io.last_error();
+    EXPECT_TRUE(io.list("", names)) << io.last_error();
+    return names;
   }
 
   // The uuids of job "e2e"'s sets, newest first, read one set a page; every page
@@ -113,13 +163,18 @@ protected:
     }
     return uuids;
   }
+
+  std::string s3_prefix_;
 };
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Storage, Storage_Run,
-                         ::testing::Values(Storage_Setup{"postgresql_catalog_directory_pool", Storage_Setup::POSTGRESQL,
-                                                         Storage_Setup::DIRECTORY}),
-                         [](const ::testing::TestParamInfo<Storage_Setup>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+  Storage, Storage_Run,
+  ::testing::Values(Storage_Setup{"postgresql_catalog_directory_pool", Storage_Setup::POSTGRESQL,
+                                  Storage_Setup::DIRECTORY},
+                    Storage_Setup{"sqlite_catalog_s3_pool", Storage_Setup::SQLITE, Storage_Setup::S3_BUCKET},
+                    Storage_Setup{"postgresql_catalog_s3_pool", Storage_Setup::POSTGRESQL, Storage_Setup::S3_BUCKET}),
+  [](const ::testing::TestParamInfo<Storage_Setup>& info) { return info.param.name; });
 
 TEST_P(Storage_Run, SetsAreListedRestoredAndKeptByANewBackupdProcess)
 {
@@ -133,6 +188,13 @@ TEST_P(Storage_Run, SetsAreListedRestoredAndKeptByANewBackupdProcess)
   EXPECT_EQ(first.index_files.size(), 2u);
   EXPECT_TRUE(first.failed_mailboxes.empty());
   EXPECT_EQ(listed(alice, {admin, alice}), std::set<std::string>{first.uuid});
+  if (GetParam().pool == Storage_Setup::S3_BUCKET)
+  {
+    // The agent wrote the set's files into the bucket itself.
+    const std::vector<std::string> names = bucket_names(first);
+    for (const std::string& index : first.index_files)
+      EXPECT_NE(std::find(names.begin(), names.end(), index), names.end()) << index;
+  }
 
   // alice's whole mailbox, restored into admin's from the set.
   EWS_Client_Ptr ews = client(sim, alice);

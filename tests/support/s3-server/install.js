@@ -20,11 +20,13 @@ const run = (cmd, args) =>
     execFile(cmd, args, { maxBuffer: 1 << 20 }, err => (err ? reject(new Error(`${cmd} failed: ${err.message}`)) : resolve())),
   );
 
-async function fetchOne(stage, where, entry) {
+async function fetchOne(stage, index, where, entry) {
   const name = where.slice(where.lastIndexOf('node_modules/') + 'node_modules/'.length);
   const base = name.slice(name.lastIndexOf('/') + 1);
   const url = entry.resolved || `${registry}/${name}/-/${base}-${entry.version}.tgz`;
-  const tarball = path.join(stage, `${name.replace('/', '+')}-${entry.version}.tgz`);
+  // One file per lock entry: the same package may sit at several paths, and
+  // the workers fetch at once.
+  const tarball = path.join(stage, `${index}.tgz`);
   await run('curl', ['-fsS', '--retry', '3', '-o', tarball, url]);
   const [algorithm, digest] = entry.integrity.split('-', 2);
   const actual = crypto.createHash(algorithm).update(fs.readFileSync(tarball)).digest('base64');
@@ -41,14 +43,23 @@ async function main() {
   const stage = fs.mkdtempSync(path.join(dir, 'stage-'));
   const entries = Object.entries(lock.packages).filter(([where]) => where !== '');
   let next = 0;
+  let failure = null;
+  // After a failure no worker starts another package, and the stage is removed
+  // only once every worker has stopped writing into it.
   const worker = async () => {
-    while (next < entries.length) {
-      const [where, entry] = entries[next++];
-      await fetchOne(stage, where, entry);
+    while (failure === null && next < entries.length) {
+      const index = next++;
+      const [where, entry] = entries[index];
+      try {
+        await fetchOne(stage, index, where, entry);
+      } catch (err) {
+        if (failure === null) failure = err;
+      }
     }
   };
   try {
     await Promise.all(Array.from({ length: 8 }, worker));
+    if (failure !== null) throw failure;
     fs.rmSync(path.join(dir, 'node_modules'), { recursive: true, force: true });
     fs.renameSync(path.join(stage, 'node_modules'), path.join(dir, 'node_modules'));
     fs.copyFileSync(lockFile, path.join(dir, 'installed.lock'));
