@@ -41,8 +41,8 @@ public:
   // thousand doubles, up to max_part_size, so that an object of about 760 GB
   // fits the stores' limit of 10,000 parts while a stream holds at most one part
   // in memory (8 MiB for any object below 7.8 GiB).
-  static const size_t part_size = 8 * 1024 * 1024;
-  static const size_t max_part_size = 128 * 1024 * 1024;
+  static constexpr size_t part_size = 8 * 1024 * 1024;
+  static constexpr size_t max_part_size = 128 * 1024 * 1024;
   static size_t part_size_of(size_t part_number);
 
   ~Client_IO_S3() override;
