@@ -1,6 +1,7 @@
 #include "host/storage/s3_answer.h"
 
 #include <pugixml.hpp>
+#include <sstream>
 
 #include "host/http/http_status.h"
 
@@ -8,32 +9,6 @@ namespace
 {
 // The <Error> element of an error document, or an empty node.
 pugi::xml_node error_element(const pugi::xml_document& doc) { return doc.child("Error"); }
-
-std::string xml_escape(const std::string& text)
-{
-  std::string out;
-  for (char c : text)
-  {
-    switch (c)
-    {
-    case '&':
-      out += "&amp;";
-      break;
-    case '<':
-      out += "&lt;";
-      break;
-    case '>':
-      out += "&gt;";
-      break;
-    case '"':
-      out += "&quot;";
-      break;
-    default:
-      out += c;
-    }
-  }
-  return out;
-}
 }  // namespace
 
 Host_Status S3_Answer::status(const HTTP_Response& response)
@@ -94,9 +69,17 @@ bool S3_Answer::listing(const std::string& body, Listing& out)
 
 std::string S3_Answer::complete_body(const std::vector<std::string>& etags)
 {
-  std::string body = "<CompleteMultipartUpload xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">";
+  // Built with pugixml, which escapes the ETags' quotes.
+  pugi::xml_document doc;
+  pugi::xml_node root = doc.append_child("CompleteMultipartUpload");
+  root.append_attribute("xmlns") = "http://s3.amazonaws.com/doc/2006-03-01/";
   for (size_t i = 0; i < etags.size(); ++i)
-    body +=
-      "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + xml_escape(etags[i]) + "</ETag></Part>";
-  return body + "</CompleteMultipartUpload>";
+  {
+    pugi::xml_node part = root.append_child("Part");
+    part.append_child("PartNumber").text() = static_cast<unsigned long long>(i + 1);
+    part.append_child("ETag").text() = etags[i].c_str();
+  }
+  std::ostringstream body;
+  doc.save(body, "", pugi::format_raw | pugi::format_no_declaration);
+  return body.str();
 }

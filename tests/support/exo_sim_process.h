@@ -6,6 +6,7 @@
 // The test program's CMakeLists.txt defines EXO_SIM_PATH.
 
 #include "host/office365/office365_auth_entry.h"
+#include "support/child_process.h"
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -33,31 +34,9 @@ public:
   {
     std::vector<std::string> args = {EXO_SIM_PATH, "--port", "0", "--request-log", "/dev/null"};
     args.insert(args.end(), extra.begin(), extra.end());
-    std::vector<char*> argv;
-    for (std::string& a : args)
-      argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-
-    int out[2];
-    if (::pipe(out) != 0)
-      throw std::runtime_error("pipe");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    if (rc != 0)
-    {
-      ::close(out[0]);
-      throw std::runtime_error("cannot start exo-sim");
-    }
     std::string line;
-    char c;
-    while (::read(out[0], &c, 1) == 1 && c != '\n')
-      line += c;
-    ::close(out[0]);
+    if (!start_and_read_first_line(args, false, pid_, line))
+      throw std::runtime_error("cannot start exo-sim");
     const size_t colon = line.rfind(':');
     if (line.compare(0, 13, "listening on ") != 0 || colon == std::string::npos)
     {

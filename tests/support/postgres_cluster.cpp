@@ -1,4 +1,5 @@
 #include "support/postgres_cluster.h"
+#include "support/child_process.h"
 
 #include <cerrno>
 #include <chrono>
@@ -45,19 +46,6 @@ std::string find_bindir()
   }
   globfree(&found);
   return !best.empty() && access((best + "/postgres").c_str(), X_OK) == 0 ? best : "";
-}
-
-int free_loopback_port()
-{
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(fd);
-  return ntohs(addr.sin_port);
 }
 
 std::string random_hex(size_t bytes)

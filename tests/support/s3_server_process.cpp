@@ -1,4 +1,5 @@
 #include "support/s3_server_process.h"
+#include "support/child_process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -75,27 +76,10 @@ S3_Server_Process::S3_Server_Process()
                                    "--region",     region,
                                    "--access-key", access_key_id,
                                    "--secret-key", secret_access_key};
-  std::vector<char*> argv;
-  for (std::string& a : args)
-    argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  int out[2];
-  if (::pipe(out) != 0)
-    throw std::runtime_error("pipe");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_addclose(&actions, out[0]);
-  const int rc = posix_spawnp(&pid_, "node", &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(out[1]);
   std::string line;
-  char c;
-  while (rc == 0 && ::read(out[0], &c, 1) == 1 && c != '\n')
-    line += c;
-  ::close(out[0]);
+  const bool started = start_and_read_first_line(args, true, pid_, line);
   const size_t colon = line.rfind(':');
-  if (rc != 0 || line.compare(0, 13, "listening on ") != 0 || colon == std::string::npos)
+  if (!started || line.compare(0, 13, "listening on ") != 0 || colon == std::string::npos)
   {
     stop();
     throw std::runtime_error("the S3 test server did not start: '" + line + "'");

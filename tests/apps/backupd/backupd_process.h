@@ -6,6 +6,8 @@
 // The destructor kills the server and removes the directory. BACKUPD_PATH names
 // the program (set by the test's CMakeLists.txt).
 
+#include "support/child_process.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -71,18 +73,7 @@ public:
   }
 
   // A loopback port that was free a moment ago.
-  static int free_port()
-  {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(fd);
-    return ntohs(addr.sin_port);
-  }
+  static int free_port() { return free_loopback_port(); }
 
   // Starts the server (on `port`, or any free port) and waits until it listens.
   bool start(int port = 0)
