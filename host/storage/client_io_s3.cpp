@@ -261,10 +261,10 @@ bool Client_IO_S3::upload_part()
                                                 return attempt(*write_session_, request, response);
                                               });
   if (!status.ok())
-    return fail(status, "cannot upload part " + number + " of '" + write_name_ + "'");
+    return fail(status, "cannot upload part number " + number + " of '" + write_name_ + "'");
   const std::string* etag = response.headers().get("ETag");
   if (etag == nullptr || etag->empty())
-    return fail("cannot upload part " + number + " of '" + write_name_ + "': no ETag in the answer");
+    return fail("cannot upload part number " + number + " of '" + write_name_ + "': no ETag in the answer");
   etags_.push_back(*etag);
   part_.clear();
   return true;

@@ -37,7 +37,7 @@
 class Client_IO_S3 : public Client_IO_Base
 {
 public:
-  // Parts 1 to 1000 of a streamed write are part_size bytes; each further
+  // The first thousand parts of a streamed write are part_size bytes; each further
   // thousand doubles, up to max_part_size, so that an object of about 760 GB
   // fits the stores' limit of 10,000 parts while a stream holds at most one part
   // in memory (8 MiB for any object below 7.8 GiB).

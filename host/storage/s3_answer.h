@@ -34,7 +34,7 @@ public:
   // <ListBucketResult> of ListObjectsV2; false when the body is not one.
   static bool listing(const std::string& body, Listing& out);
 
-  // The <CompleteMultipartUpload> request body for the parts' ETags, part 1 first.
+  // The <CompleteMultipartUpload> request body for the parts' ETags, in part-number order.
   static std::string complete_body(const std::vector<std::string>& etags);
 };
 

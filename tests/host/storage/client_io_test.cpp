@@ -608,7 +608,7 @@ TEST_F(S3_Client_Test, APartCutMidwayIsSentAgainAloneAndTheObjectAppearsOnlyWhen
     }
   }
   ASSERT_TRUE(io.close_write()) << io.last_error();
-  EXPECT_EQ(count("UploadPart"), 4);  // parts 1, 2 (cut), 2 again, 3
+  EXPECT_EQ(count("UploadPart"), 4);  // the first, the second (cut), the second again, the third
   EXPECT_EQ(count("CompleteMultipartUpload"), 1);
   EXPECT_EQ(server_->stats()["open_uploads"], 0);
   EXPECT_TRUE(read_generated(io, "set/data.0", 21, size));
@@ -621,7 +621,7 @@ TEST_F(S3_Client_Test, AFailedOrAbandonedUploadIsAbortedAndLeavesNoObject)
   server_->set_faults({{"drop_part", {{"part", 2}, {"after_bytes", 1 * MiB}, {"times", 1}}}});
   EXPECT_FALSE(write_generated(io, "set/cut", 3, 3 * PART));
   EXPECT_EQ(io.status().kind, HOST_STATUS_TRANSIENT);
-  EXPECT_NE(io.last_error().find("part 2"), std::string::npos) << io.last_error();
+  EXPECT_NE(io.last_error().find("part number 2"), std::string::npos) << io.last_error();
   EXPECT_EQ(count("AbortMultipartUpload"), 1);
 
   ASSERT_TRUE(io.open_write("set/abandoned", true));
